@@ -1,0 +1,109 @@
+#include "base/FileUtil.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+void UniqueFd::reset(int fd) {
+    if (_fd >= 0)
+        ::close(_fd);
+    _fd = fd;
+}
+
+bool WriteAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        ssize_t n = ::write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+namespace {
+
+bool Fail(std::string* error, const std::string& what) {
+    if (error)
+        *error = what + ": " + std::strerror(errno);
+    return false;
+}
+
+std::string ParentOf(const std::string& path) {
+    auto slash = path.find_last_of('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+} // namespace
+
+bool WriteFile(const std::string& path, const std::string& text, std::string* error) {
+    UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd.valid())
+        return Fail(error, "cannot open " + path);
+    if (!WriteAll(fd.get(), text.data(), text.size()))
+        return Fail(error, "cannot write " + path);
+    if (::close(fd.release()) != 0)
+        return Fail(error, "cannot close " + path);
+    return true;
+}
+
+bool WriteFileAtomically(const std::string& path, const std::string& text, std::string* error) {
+    mode_t mode = 0644;
+    struct stat existing {};
+    if (::stat(path.c_str(), &existing) == 0)
+        mode = existing.st_mode & 07777;
+
+    std::string temp = path + ".tmpXXXXXX";
+    UniqueFd fd(::mkstemp(temp.data()));
+    if (!fd.valid())
+        return Fail(error, "cannot create a temporary file beside " + path);
+    auto discard = [&](const std::string& what) {
+        bool result = Fail(error, what);
+        ::unlink(temp.c_str());
+        return result;
+    };
+    if (::fchmod(fd.get(), mode) != 0)
+        return discard("cannot set the mode of " + temp);
+    if (!WriteAll(fd.get(), text.data(), text.size()))
+        return discard("cannot write " + temp);
+    if (::fsync(fd.get()) != 0)
+        return discard("cannot sync " + temp);
+    if (::close(fd.release()) != 0)
+        return discard("cannot close " + temp);
+    if (::rename(temp.c_str(), path.c_str()) != 0)
+        return discard("cannot rename " + temp + " to " + path);
+    // Make the rename itself durable.
+    UniqueFd dir(::open(ParentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dir.valid())
+        ::fsync(dir.get());
+    return true;
+}
+
+std::optional<std::string> ReadFileText(const std::string& path, size_t maxBytes) {
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid())
+        return std::nullopt;
+    std::string text;
+    char buffer[65536];
+    for (;;) {
+        ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return std::nullopt;
+        }
+        if (n == 0)
+            break;
+        if (text.size() + static_cast<size_t>(n) > maxBytes)
+            return std::nullopt;
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    return text;
+}

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+// Small file helpers for the base layer: whole-file writes, atomic replacement and an
+// owned file descriptor.
+
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : _fd(fd) {}
+    ~UniqueFd() { reset(); }
+    UniqueFd(UniqueFd&& other) noexcept : _fd(other.release()) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
+        if (this != &other)
+            reset(other.release());
+        return *this;
+    }
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+
+    int get() const { return _fd; }
+    bool valid() const { return _fd >= 0; }
+    int release() {
+        int fd = _fd;
+        _fd = -1;
+        return fd;
+    }
+    void reset(int fd = -1);
+
+private:
+    int _fd = -1;
+};
+
+// Writes all of data to fd, retrying short writes and EINTR.
+[[nodiscard]] bool WriteAll(int fd, const char* data, size_t size);
+
+// Replaces (or creates, mode 0644) the file with the text.
+[[nodiscard]] bool WriteFile(const std::string& path, const std::string& text,
+                             std::string* error = nullptr);
+// As WriteFile, but through a synced temporary file renamed over the target, so the target
+// is always either the old or the new file. The new file keeps the old file's mode.
+[[nodiscard]] bool WriteFileAtomically(const std::string& path, const std::string& text,
+                                       std::string* error = nullptr);
+// The whole file, or nothing when it cannot be read or is larger than maxBytes.
+std::optional<std::string> ReadFileText(const std::string& path,
+                                        size_t maxBytes = 64 * 1024 * 1024);

@@ -1,0 +1,305 @@
+#include "base/Xml.h"
+
+#include "base/FileUtil.h"
+
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+#include <libxml/xmlerror.h>
+#include <libxml/xmlsave.h>
+#include <libxml/xpath.h>
+#include <libxml/xpathInternals.h>
+
+#include <mutex>
+
+namespace {
+
+xmlParserInputPtr RefuseExternalEntity(const char* /*url*/, const char* /*id*/,
+                                       xmlParserCtxtPtr /*ctxt*/) {
+    return nullptr;
+}
+
+void InitLibxml() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        xmlInitParser();
+        // Nothing outside the document itself is ever read: no DTD, entity or URL.
+        xmlSetExternalEntityLoader(RefuseExternalEntity);
+    });
+}
+
+// Collects libxml2's errors of the current thread for the lifetime of the guard, instead
+// of letting libxml2 print them to standard error (which is the log).
+class ErrorCollector {
+public:
+    explicit ErrorCollector(std::vector<XmlError>* sink) : _sink(sink) {
+        InitLibxml();
+        xmlSetStructuredErrorFunc(this, &ErrorCollector::onError);
+    }
+    ~ErrorCollector() { xmlSetStructuredErrorFunc(nullptr, nullptr); }
+    ErrorCollector(const ErrorCollector&) = delete;
+    ErrorCollector& operator=(const ErrorCollector&) = delete;
+
+private:
+    static void onError(void* self, xmlErrorPtr error) {
+        auto* collector = static_cast<ErrorCollector*>(self);
+        if (!collector->_sink || !error)
+            return;
+        std::string message = error->message ? error->message : "";
+        while (!message.empty() && message.back() == '\n')
+            message.pop_back();
+        collector->_sink->push_back({error->code, error->line, message});
+    }
+    std::vector<XmlError>* _sink;
+};
+
+XmlDocumentHandle Own(xmlDocPtr doc) {
+    if (!doc)
+        return nullptr;
+    return XmlDocumentHandle(doc, [](xmlDocPtr d) { xmlFreeDoc(d); });
+}
+
+// No XML_PARSE_NOENT (entities stay references), no DTD loading, no network; blanks and
+// CDATA sections are kept because neither XML_PARSE_NOBLANKS nor XML_PARSE_NOCDATA is set.
+// Larger files are refused rather than parsed: no document of the patcher comes near it.
+constexpr size_t kMaxDocumentBytes = 256 * 1024 * 1024;
+
+constexpr int kStrictOptions = XML_PARSE_NONET;
+constexpr int kRecoverOptions = XML_PARSE_NONET | XML_PARSE_RECOVER;
+
+template <typename ParseOnce> XmlParseResult ParseWith(XmlParseMode mode, ParseOnce parseOnce) {
+    XmlParseResult result;
+    {
+        ErrorCollector collector(&result.errors);
+        result.document = Own(parseOnce(kStrictOptions));
+    }
+    if (!result.document && mode == XmlParseMode::StrictThenRecover) {
+        ErrorCollector collector(&result.errors);
+        result.document = Own(parseOnce(kRecoverOptions));
+        // A repairing parse of something without any element yields no usable document.
+        if (result.document && !xmlDocGetRootElement(result.document.get()))
+            result.document.reset();
+        result.recovered = result.document != nullptr;
+    }
+    return result;
+}
+
+struct XPathContextDeleter {
+    void operator()(xmlXPathContextPtr c) const { xmlXPathFreeContext(c); }
+};
+struct XPathObjectDeleter {
+    void operator()(xmlXPathObjectPtr o) const { xmlXPathFreeObject(o); }
+};
+using XPathObject = std::unique_ptr<xmlXPathObject, XPathObjectDeleter>;
+
+XPathObject Evaluate(const XmlDocumentHandle& doc, xmlNodePtr node, const std::string& expression,
+                     const XPathVariables& variables, std::vector<XmlError>* errors) {
+    if (!doc || !node)
+        return nullptr;
+    ErrorCollector collector(errors);
+    std::unique_ptr<xmlXPathContext, XPathContextDeleter> context(xmlXPathNewContext(doc.get()));
+    if (!context)
+        return nullptr;
+    context->node = node;
+    for (const auto& [name, value] : variables) {
+        xmlXPathRegisterVariable(context.get(), BAD_CAST name.c_str(),
+                                 xmlXPathNewString(BAD_CAST value.c_str()));
+    }
+    return XPathObject(xmlXPathEvalExpression(BAD_CAST expression.c_str(), context.get()));
+}
+
+std::string TakeXmlChars(xmlChar* chars) {
+    if (!chars)
+        return {};
+    std::string text(reinterpret_cast<const char*>(chars));
+    xmlFree(chars);
+    return text;
+}
+
+} // namespace
+
+bool XmlNode::isElement() const {
+    return _node && _node->type == XML_ELEMENT_NODE;
+}
+
+std::string XmlNode::name() const {
+    return _node && _node->name ? reinterpret_cast<const char*>(_node->name) : "";
+}
+
+std::string XmlNode::stringValue() const {
+    if (!_node)
+        return {};
+    return TakeXmlChars(xmlNodeGetContent(_node));
+}
+
+std::optional<std::string> XmlNode::attribute(const std::string& name) const {
+    if (!isElement())
+        return std::nullopt;
+    xmlChar* value = xmlGetProp(_node, BAD_CAST name.c_str());
+    if (!value)
+        return std::nullopt;
+    return TakeXmlChars(value);
+}
+
+std::vector<XmlNode> XmlNode::select(const std::string& expression, const XPathVariables& variables,
+                                     std::vector<XmlError>* errors) const {
+    std::vector<XmlNode> nodes;
+    XPathObject result = Evaluate(_doc, _node, expression, variables, errors);
+    if (!result || result->type != XPATH_NODESET || !result->nodesetval)
+        return nodes;
+    xmlNodeSetPtr set = result->nodesetval;
+    nodes.reserve(static_cast<size_t>(set->nodeNr));
+    for (int i = 0; i < set->nodeNr; ++i)
+        nodes.emplace_back(_doc, set->nodeTab[i]);
+    return nodes;
+}
+
+std::optional<std::string> XmlNode::evaluateString(const std::string& expression,
+                                                   const XPathVariables& variables,
+                                                   std::vector<XmlError>* errors) const {
+    XPathObject result = Evaluate(_doc, _node, expression, variables, errors);
+    if (!result)
+        return std::nullopt;
+    return TakeXmlChars(xmlXPathCastToString(result.get()));
+}
+
+std::vector<XmlNode> XmlNode::childElements() const {
+    std::vector<XmlNode> children;
+    if (!_node)
+        return children;
+    for (xmlNodePtr child = _node->children; child; child = child->next) {
+        if (child->type == XML_ELEMENT_NODE)
+            children.emplace_back(_doc, child);
+    }
+    return children;
+}
+
+XmlNode XmlNode::parent() const {
+    if (!_node || !_node->parent || _node->parent->type != XML_ELEMENT_NODE)
+        return {};
+    return XmlNode(_doc, _node->parent);
+}
+
+XmlNode XmlNode::addChild(const std::string& name, const std::optional<std::string>& text) {
+    if (!_node)
+        return {};
+    xmlNodePtr child = xmlNewDocNode(_doc.get(), nullptr, BAD_CAST name.c_str(), nullptr);
+    if (!child)
+        return {};
+    if (text)
+        xmlNodeAddContent(child, BAD_CAST text->c_str()); // escaped on output
+    xmlAddChild(_node, child);
+    return XmlNode(_doc, child);
+}
+
+XmlNode XmlNode::addCopyOf(const XmlNode& node) {
+    if (!_node || !node._node)
+        return {};
+    xmlNodePtr copy = xmlDocCopyNode(node._node, _doc.get(), 1);
+    if (!copy)
+        return {};
+    xmlAddChild(_node, copy);
+    return XmlNode(_doc, copy);
+}
+
+void XmlNode::setAttribute(const std::string& name, const std::string& value) {
+    if (isElement())
+        xmlSetProp(_node, BAD_CAST name.c_str(), BAD_CAST value.c_str());
+}
+
+void XmlNode::setText(const std::string& text) {
+    if (!_node)
+        return;
+    xmlNodeSetContent(_node, nullptr);
+    xmlNodeAddContent(_node, BAD_CAST text.c_str());
+}
+
+void XmlNode::remove() {
+    if (!_node)
+        return;
+    xmlUnlinkNode(_node);
+    xmlFreeNode(_node);
+    _node = nullptr;
+}
+
+std::string XmlNode::toXmlString() const {
+    if (!_node)
+        return {};
+    xmlBufferPtr buffer = xmlBufferCreate();
+    if (!buffer)
+        return {};
+    xmlNodeDump(buffer, _doc.get(), _node, 0, 1);
+    std::string text(reinterpret_cast<const char*>(xmlBufferContent(buffer)),
+                     static_cast<size_t>(xmlBufferLength(buffer)));
+    xmlBufferFree(buffer);
+    return text;
+}
+
+XmlParseResult XmlDocument::parseFile(const std::string& path, XmlParseMode mode) {
+    // The file is read here and parsed from memory, so that libxml2's entity loader, which
+    // would otherwise open the document itself, can refuse every outside resource.
+    auto text = ReadFileText(path, kMaxDocumentBytes);
+    if (!text) {
+        XmlParseResult result;
+        result.errors.push_back({XML_IO_LOAD_ERROR, 0, "failed to load \"" + path + "\""});
+        return result;
+    }
+    return ParseWith(mode, [&](int options) {
+        return xmlReadMemory(text->data(), static_cast<int>(text->size()), path.c_str(), nullptr,
+                             options);
+    });
+}
+
+XmlParseResult XmlDocument::parseMemory(const std::string& text, XmlParseMode mode) {
+    return ParseWith(mode, [&](int options) {
+        return xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, options);
+    });
+}
+
+XmlDocumentHandle XmlDocument::create(const std::string& rootName) {
+    InitLibxml();
+    XmlDocumentHandle doc = Own(xmlNewDoc(BAD_CAST "1.0"));
+    if (!doc)
+        return nullptr;
+    xmlNodePtr root = xmlNewDocNode(doc.get(), nullptr, BAD_CAST rootName.c_str(), nullptr);
+    xmlDocSetRootElement(doc.get(), root);
+    return doc;
+}
+
+XmlNode XmlDocument::root(const XmlDocumentHandle& doc) {
+    if (!doc)
+        return {};
+    return XmlNode(doc, xmlDocGetRootElement(doc.get()));
+}
+
+std::string XmlDocument::toXmlString(const XmlDocumentHandle& doc) {
+    if (!doc)
+        return {};
+    xmlChar* memory = nullptr;
+    int size = 0;
+    xmlDocDumpFormatMemoryEnc(doc.get(), &memory, &size, "UTF-8", 1);
+    if (!memory)
+        return {};
+    std::string text(reinterpret_cast<const char*>(memory), static_cast<size_t>(size));
+    xmlFree(memory);
+    return text;
+}
+
+bool XmlDocument::save(const XmlDocumentHandle& doc, const std::string& path, bool atomic,
+                       std::string* error) {
+    if (!doc) {
+        if (error)
+            *error = "no document";
+        return false;
+    }
+    const std::string text = toXmlString(doc);
+    if (text.empty()) {
+        if (error)
+            *error = "the document could not be serialised";
+        return false;
+    }
+    return atomic ? WriteFileAtomically(path, text, error) : WriteFile(path, text, error);
+}
+
+bool IsSingleElement(const std::vector<XmlNode>& nodes) {
+    return nodes.size() == 1 && nodes.front().isElement();
+}

@@ -1,0 +1,204 @@
+#include "base/Xml.h"
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <thread>
+
+namespace {
+
+TEST(XmlTest, ParsesKeepingWhiteSpaceAndCData) {
+    auto result = XmlDocument::parseMemory(
+        "<PatcherConfig>\n  <Name>  Suite <![CDATA[<&>]]></Name>\n</PatcherConfig>");
+    ASSERT_TRUE(result.document);
+    EXPECT_FALSE(result.recovered);
+    EXPECT_TRUE(result.errors.empty());
+    auto root = XmlDocument::root(result.document);
+    auto names = root.select("/PatcherConfig/Name");
+    ASSERT_TRUE(IsSingleElement(names));
+    EXPECT_EQ(names[0].stringValue(), "  Suite <&>");
+    // The white-space text nodes are kept as children of the root.
+    EXPECT_EQ(root.select("text()").size(), 2u);
+}
+
+TEST(XmlTest, MalformedDocumentIsReadOnlyByTheRecoveringParse) {
+    TempDir dir;
+    WriteTextFile(dir.file("broken.xml"), "<Root><A>one</A><B>two</Root>");
+    auto strict = XmlDocument::parseFile(dir.file("broken.xml"), XmlParseMode::Strict);
+    EXPECT_FALSE(strict.document);
+    EXPECT_FALSE(strict.errors.empty());
+
+    auto lenient = XmlDocument::parseFile(dir.file("broken.xml"));
+    ASSERT_TRUE(lenient.document);
+    EXPECT_TRUE(lenient.recovered);
+    EXPECT_FALSE(lenient.errors.empty());
+    EXPECT_NE(lenient.errors.front().code, 0);
+    auto a = XmlDocument::root(lenient.document).select("/Root/A");
+    ASSERT_EQ(a.size(), 1u);
+    EXPECT_EQ(a[0].stringValue(), "one");
+}
+
+TEST(XmlTest, NothingReadableGivesNoDocument) {
+    for (const std::string& text : {std::string(), std::string("not xml at all"),
+                                    std::string("\x01\x02\xff\xfe binary", 12)}) {
+        auto result = XmlDocument::parseMemory(text);
+        EXPECT_FALSE(result.document) << text;
+    }
+    TempDir dir;
+    auto missing = XmlDocument::parseFile(dir.file("missing.xml"));
+    EXPECT_FALSE(missing.document);
+}
+
+TEST(XmlTest, ExternalEntitiesAreNeverLoaded) {
+    TempDir dir;
+    WriteTextFile(dir.file("secret.txt"), "TOP-SECRET");
+    WriteTextFile(dir.file("dtd.dtd"), "<!ENTITY ext2 'FROM-DTD'>");
+    const std::string text = "<?xml version=\"1.0\"?>\n"
+                             "<!DOCTYPE r [\n"
+                             "  <!ENTITY ext SYSTEM \"file://" +
+                             dir.file("secret.txt") +
+                             "\">\n"
+                             "  <!ENTITY % dtd SYSTEM \"file://" +
+                             dir.file("dtd.dtd") +
+                             "\">\n"
+                             "  %dtd;\n"
+                             "]>\n"
+                             "<r>&ext;</r>";
+    WriteTextFile(dir.file("entity.xml"), text);
+    auto result = XmlDocument::parseFile(dir.file("entity.xml"));
+    ASSERT_TRUE(result.document);
+    auto root = XmlDocument::root(result.document);
+    EXPECT_EQ(root.stringValue().find("TOP-SECRET"), std::string::npos);
+    EXPECT_EQ(XmlDocument::toXmlString(result.document).find("FROM-DTD"), std::string::npos);
+}
+
+TEST(XmlTest, XPathVariableHoldsBothQuoteCharacters) {
+    const std::string awkward = "it's \"quoted\"";
+    auto doc = XmlDocument::create("PBSHistory");
+    auto root = XmlDocument::root(doc);
+    root.addChild("Patcher").setAttribute("id", "plain");
+    root.addChild("Patcher").setAttribute("id", awkward);
+    auto found = root.select("/PBSHistory/Patcher[@id = $value]", {{"value", awkward}});
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].attribute("id"), awkward);
+    // A value that would break out of a pasted expression is only ever a value.
+    auto none = root.select("/PBSHistory/Patcher[@id = $value]", {{"value", "x' or '1'='1"}});
+    EXPECT_TRUE(none.empty());
+}
+
+TEST(XmlTest, XPathErrorsAreReported) {
+    auto doc = XmlDocument::create("Root");
+    std::vector<XmlError> errors;
+    auto nodes = XmlDocument::root(doc).select("/Root[", {}, &errors);
+    EXPECT_TRUE(nodes.empty());
+    ASSERT_FALSE(errors.empty());
+    EXPECT_NE(errors.front().code, 0);
+    // An undefined variable is an error too, not a silent empty string.
+    errors.clear();
+    XmlDocument::root(doc).select("/Root[@a = $missing]", {}, &errors);
+    EXPECT_FALSE(errors.empty());
+}
+
+TEST(XmlTest, NodesKeepTheirDocumentAlive) {
+    XmlNode kept;
+    {
+        auto result = XmlDocument::parseMemory("<a><b>value</b></a>");
+        kept = XmlDocument::root(result.document).select("/a/b").at(0);
+    }
+    EXPECT_EQ(kept.stringValue(), "value");
+    EXPECT_EQ(kept.name(), "b");
+}
+
+TEST(XmlTest, EvaluateStringAndChildren) {
+    auto result = XmlDocument::parseMemory("<a x='1'><b/><c>t</c>text</a>");
+    auto root = XmlDocument::root(result.document);
+    EXPECT_EQ(root.evaluateString("count(*)"), "2");
+    EXPECT_EQ(root.attribute("x"), "1");
+    EXPECT_FALSE(root.attribute("y"));
+    auto children = root.childElements();
+    ASSERT_EQ(children.size(), 2u);
+    EXPECT_EQ(children[1].name(), "c");
+    EXPECT_EQ(children[1].parent().name(), "a");
+    EXPECT_FALSE(IsSingleElement(root.select("text()")));
+    EXPECT_FALSE(IsSingleElement(root.select("*")));
+}
+
+TEST(XmlTest, CopyNodesBetweenDocumentsAndEscapeText) {
+    auto source = XmlDocument::parseMemory("<Manifest><FileSet><File/></FileSet></Manifest>");
+    auto doc = XmlDocument::create("PBSHistory");
+    auto patcher = XmlDocument::root(doc).addChild("Patcher");
+    patcher.addChild("Note", std::string("a < b & \"c\""));
+    patcher.addCopyOf(XmlDocument::root(source.document));
+    source.document.reset();
+    auto copied = XmlDocument::root(doc).select("/PBSHistory/Patcher/Manifest/FileSet/File");
+    EXPECT_EQ(copied.size(), 1u);
+    auto reparsed = XmlDocument::parseMemory(XmlDocument::toXmlString(doc), XmlParseMode::Strict);
+    ASSERT_TRUE(reparsed.document);
+    EXPECT_EQ(
+        XmlDocument::root(reparsed.document).select("/PBSHistory/Patcher/Note")[0].stringValue(),
+        "a < b & \"c\"");
+}
+
+TEST(XmlTest, SaveIsPrettyPrinted) {
+    TempDir dir;
+    auto doc = XmlDocument::create("Root");
+    XmlDocument::root(doc).addChild("Child", std::string("v"));
+    ASSERT_TRUE(XmlDocument::save(doc, dir.file("out.xml"), false));
+    EXPECT_EQ(ReadTextFile(dir.file("out.xml")),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Root>\n  <Child>v</Child>\n</Root>\n");
+}
+
+TEST(XmlTest, AtomicSaveLeavesEitherTheOldOrTheNewFile) {
+    TempDir dir;
+    const std::string path = dir.file("history.xml");
+    auto oldDoc = XmlDocument::create("Old");
+    ASSERT_TRUE(XmlDocument::save(oldDoc, path, true));
+    ::chmod(path.c_str(), 0640);
+    const std::string oldText = ReadTextFile(path);
+
+    auto newDoc = XmlDocument::create("New");
+    for (int i = 0; i < 2000; ++i)
+        XmlDocument::root(newDoc).addChild("Entry", std::to_string(i));
+    const std::string newText = XmlDocument::toXmlString(newDoc);
+
+    // A reader racing the writer only ever sees one of the two complete files.
+    std::atomic<bool> done{false};
+    std::atomic<int> torn{0};
+    std::thread reader([&] {
+        while (!done) {
+            std::string seen = ReadTextFile(path);
+            if (seen != oldText && seen != newText)
+                ++torn;
+        }
+    });
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_TRUE(XmlDocument::save(round % 2 ? oldDoc : newDoc, path, true));
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(torn.load(), 0);
+
+    struct stat info {};
+    ASSERT_EQ(::stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0640u);
+
+    // A save that cannot complete leaves the old file in place and no temporary behind.
+    ASSERT_TRUE(XmlDocument::save(oldDoc, path, true));
+    ::chmod(dir.path().c_str(), 0555);
+    std::string error;
+    bool saved = XmlDocument::save(newDoc, path, true, &error);
+    ::chmod(dir.path().c_str(), 0755);
+    if (::geteuid() != 0) {
+        EXPECT_FALSE(saved);
+        EXPECT_FALSE(error.empty());
+    }
+    if (!saved) {
+        EXPECT_EQ(ReadTextFile(path), oldText);
+    }
+    ASSERT_TRUE(XmlDocument::save(newDoc, dir.file("missing-folder/x.xml"), true, &error) == false);
+    EXPECT_NE(error.find("temporary"), std::string::npos);
+}
+
+} // namespace

@@ -1,0 +1,149 @@
+#include "TestSupport.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+TempDir::TempDir() {
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern = std::string(base && *base ? base : "/tmp") + "/orvel-test-XXXXXX";
+    if (!::mkdtemp(pattern.data()))
+        throw std::runtime_error("mkdtemp failed");
+    _path = pattern;
+}
+
+TempDir::~TempDir() {
+    RemoveTree(_path);
+}
+
+void WriteTextFile(const std::string& path, const std::string& text) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    if (!out)
+        throw std::runtime_error("cannot write " + path);
+}
+
+std::string ReadTextFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+bool FileExists(const std::string& path) {
+    struct stat info {};
+    return ::lstat(path.c_str(), &info) == 0;
+}
+
+void RemoveTree(const std::string& path) {
+    std::error_code ignored;
+    // Make read-only folders removable first.
+    for (auto it = std::filesystem::recursive_directory_iterator(
+             path, std::filesystem::directory_options::skip_permission_denied, ignored);
+         it != std::filesystem::recursive_directory_iterator(); it.increment(ignored)) {
+        if (it->is_directory(ignored) && !it->is_symlink(ignored))
+            ::chmod(it->path().c_str(), 0755);
+    }
+    std::filesystem::remove_all(path, ignored);
+}
+
+LogCapture::LogCapture() {
+    std::fflush(stderr);
+    _savedStderr = ::dup(STDERR_FILENO);
+    int fd = ::open(_dir.file("log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    ::dup2(fd, STDERR_FILENO);
+    ::close(fd);
+}
+
+LogCapture::~LogCapture() {
+    std::fflush(stderr);
+    ::dup2(_savedStderr, STDERR_FILENO);
+    ::close(_savedStderr);
+}
+
+std::string LogCapture::text() const {
+    return ReadTextFile(_dir.file("log"));
+}
+
+std::vector<std::string> LogCapture::rawLines() const {
+    std::vector<std::string> result;
+    std::istringstream in(text());
+    for (std::string line; std::getline(in, line);)
+        result.push_back(line);
+    return result;
+}
+
+std::vector<std::string> LogCapture::lines() const {
+    std::vector<std::string> result;
+    for (const auto& line : rawLines())
+        result.push_back(StripLogPrefix(line));
+    return result;
+}
+
+bool LogCapture::contains(const std::string& message) const {
+    for (const auto& line : lines()) {
+        if (line == message)
+            return true;
+    }
+    return false;
+}
+
+std::string StripLogPrefix(const std::string& line) {
+    static const std::regex prefix(
+        R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} [^\[ ]+\[\d+:\d+\] )");
+    std::smatch match;
+    if (std::regex_search(line, match, prefix))
+        return line.substr(static_cast<size_t>(match.length(0)));
+    return line;
+}
+
+int RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv,
+               const std::string& stdoutPath, const std::string& stderrPath) {
+    pid_t pid = ::fork();
+    if (pid < 0)
+        return -1;
+    if (pid == 0) {
+        auto redirect = [](const std::string& path, int target) {
+            if (path.empty())
+                return;
+            int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            if (fd >= 0) {
+                ::dup2(fd, target);
+                ::close(fd);
+            }
+        };
+        redirect(stdoutPath, STDOUT_FILENO);
+        redirect(stderrPath, STDERR_FILENO);
+        for (const auto& assignment : extraEnv)
+            ::putenv(const_cast<char*>(assignment.c_str()));
+        std::vector<char*> args;
+        for (const auto& arg : argv)
+            args.push_back(const_cast<char*>(arg.c_str()));
+        args.push_back(nullptr);
+        ::execvp(args[0], args.data());
+        ::_exit(127);
+    }
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR)
+            return -1;
+    }
+    if (WIFEXITED(status))
+        return WEXITSTATUS(status);
+    if (WIFSIGNALED(status))
+        return 128 + WTERMSIG(status);
+    return -1;
+}

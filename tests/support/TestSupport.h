@@ -1,0 +1,53 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// Helpers shared by the unit and end-to-end tests.
+
+// A fresh folder under $TMPDIR (or /tmp), removed with everything in it at the end.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return _path; }
+    std::string file(const std::string& name) const { return _path + "/" + name; }
+
+private:
+    std::string _path;
+};
+
+void WriteTextFile(const std::string& path, const std::string& text);
+std::string ReadTextFile(const std::string& path);
+bool FileExists(const std::string& path);
+void RemoveTree(const std::string& path);
+
+// Captures what the log writes (standard error) while it lives. lines() gives the captured
+// lines without the log prefix ("date time process[pid:tid] ").
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<std::string> lines() const;
+    std::vector<std::string> rawLines() const;
+    std::string text() const;
+    bool contains(const std::string& message) const;
+
+private:
+    TempDir _dir;
+    int _savedStderr = -1;
+};
+
+// The message part of one log line, or the line itself when it has no log prefix.
+std::string StripLogPrefix(const std::string& line);
+
+// Runs a program (no shell) and returns its exit status (-1 when it could not run, 128+N
+// when killed by signal N); output and errors go to the given files when not empty.
+int RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {},
+               const std::string& stdoutPath = {}, const std::string& stderrPath = {});
