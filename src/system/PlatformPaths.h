@@ -48,5 +48,8 @@ struct PlatformPaths {
         "/home", "/media", "/mnt", "/var",       "/etc"};
 
     // The table of this machine (Linux).
-    static const PlatformPaths& defaults();
+    static const PlatformPaths& defaults() {
+        static const PlatformPaths paths;
+        return paths;
+    }
 };
