@@ -4,6 +4,7 @@
 
 #include <plist/plist.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 
@@ -103,4 +104,41 @@ std::vector<std::string> PropertyList::keys() const {
     }
     std::free(iter);
     return result;
+}
+
+namespace {
+
+std::string Quoted(const std::string& text) {
+    bool plain = !text.empty();
+    for (unsigned char c : text) {
+        if (!(std::isalnum(c) || c == '_' || c == '$' || c == '.' || c == '/' || c == ':'))
+            plain = false;
+    }
+    if (plain)
+        return text;
+    std::string quoted = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\')
+            quoted += '\\';
+        quoted += c;
+    }
+    return quoted + "\"";
+}
+
+} // namespace
+
+std::string PropertyList::description() const {
+    std::string text = "{\n";
+    for (const auto& key : keys()) {
+        auto value = stringForKey(key);
+        std::string shown;
+        if (value) {
+            shown = Quoted(*value);
+        } else {
+            plist_t item = plist_dict_get_item(_root->plist, key.c_str());
+            shown = plist_get_node_type(item) == PLIST_ARRAY ? "(...)" : "{...}";
+        }
+        text += "    " + Quoted(key) + " = " + shown + ";\n";
+    }
+    return text + "}";
 }

@@ -20,6 +20,9 @@ public:
     // or a container value.
     std::optional<std::string> stringForKey(const std::string& key) const;
     std::vector<std::string> keys() const;
+    // The dictionary as text in the usual property-list form: "{\n    key = value;\n}",
+    // texts with other than letters, digits and "_$./:" in quotes, containers as "{...}"/"(...)".
+    std::string description() const;
 
 private:
     struct Node;

@@ -35,6 +35,9 @@ TEST(PropertyListTest, ReadsXmlDictionary) {
     EXPECT_TRUE(plist->hasKey("Nested"));
     EXPECT_FALSE(plist->stringForKey("Missing"));
     EXPECT_EQ(plist->keys().size(), 5u);
+    EXPECT_EQ(plist->description(), "{\n    CFBundleIdentifier = com.orvel.editor;\n"
+                                    "    CFBundleVersion = 9.0.1;\n    Count = 12;\n"
+                                    "    Enabled = 1;\n    Nested = {...};\n}");
 }
 
 TEST(PropertyListTest, ReadsBinaryDictionary) {

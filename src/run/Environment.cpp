@@ -13,7 +13,9 @@ std::atomic<bool> gSilentFlag{false};
 std::atomic<bool> gComboFlag{false};
 std::atomic<bool> gRunningUnderKORFlag{false};
 std::atomic<bool> gShowUIFlag{false};
-std::atomic<unsigned> gVerbosityLevel{0};
+// Everything is logged until the command line says otherwise, as main sets it first thing;
+// code that runs without main (tests, tools) then logs everything too.
+std::atomic<unsigned> gVerbosityLevel{3};
 
 // The language is written on the main thread while the worker may read it; the lock keeps
 // a reader from seeing a string being replaced.
