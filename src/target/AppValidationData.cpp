@@ -1,0 +1,7 @@
+#include "target/AppValidationData.h"
+
+#include "run/LoggerUtility.h"
+
+AppValidationData::~AppValidationData() {
+    NSLevelledLog(3, "dealloc AppValidationData");
+}

@@ -1,0 +1,101 @@
+#include "target/DirTokenResolver.h"
+
+#include "run/CommonUtility.h"
+#include "run/LoggerUtility.h"
+
+#include <array>
+
+namespace {
+
+constexpr const char* kInstallDirToken = "[INSTALLDIR]";
+
+// The order in which the head of a path is tested; the first match wins.
+constexpr std::array<const char*, 11> kTokenOrder = {"[OrvelProgramFiles]",
+                                                     "[ProgramFiles]",
+                                                     "[OrvelCommon]",
+                                                     "[Common]",
+                                                     "[SharedApplicationData]",
+                                                     "[Utilities]",
+                                                     "[SharedDocuments]",
+                                                     "[FontsFolder]",
+                                                     "[Library]",
+                                                     "[ScriptingAdditions]",
+                                                     "[UserPreferences]"};
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// Joins two path pieces with exactly one slash between them.
+std::string AppendPathComponent(std::string base, std::string component) {
+    while (base.size() > 1 && base.back() == '/')
+        base.pop_back();
+    while (!component.empty() && component.front() == '/')
+        component.erase(0, 1);
+    if (component.empty())
+        return base;
+    if (base.empty())
+        return component;
+    return base == "/" ? base + component : base + "/" + component;
+}
+
+} // namespace
+
+DirTokenResolver::DirTokenResolver(const PlatformPaths& paths)
+    : DirTokenResolver(paths, GetUserName()) {}
+
+DirTokenResolver::DirTokenResolver(const PlatformPaths& paths,
+                                   const std::optional<std::string>& userName) {
+    // A folder that the platform table leaves empty has no entry; a path starting with its
+    // token is then left as it is.
+    const auto enter = [this](const char* token, const std::string& folder) {
+        if (!folder.empty())
+            _dirTokenDictionary[token] = ExpandTildeInPath(folder);
+    };
+    enter("[ProgramFiles]", paths.programFiles);
+    enter("[OrvelProgramFiles]", paths.orvelProgramFiles);
+    enter("[Utilities]", paths.utilities);
+    enter("[Common]", paths.common);
+    enter("[SharedApplicationData]", paths.sharedApplicationData);
+    enter("[OrvelCommon]", paths.orvelCommon);
+    enter("[SharedDocuments]", paths.sharedDocuments);
+    enter("[Library]", paths.library);
+    enter("[FontsFolder]", paths.fontsFolder);
+    enter("[ScriptingAdditions]", paths.scriptingAdditions);
+    // Made from the users' root and the user's name rather than from the home folder the
+    // account reports, so a patcher run by root for a desktop user still reaches that
+    // user's folder. Without a known user there is no folder to name.
+    if (userName && !userName->empty()) {
+        _dirTokenDictionary["[UserPreferences]"] = AppendPathComponent(
+            AppendPathComponent(paths.usersRoot, *userName), paths.userPreferencesFolder);
+    }
+}
+
+std::string
+DirTokenResolver::expandDirectoryTokenForPath(const std::string& path,
+                                              const std::optional<std::string>& appPath) const {
+    std::string result = path;
+    bool replaced = false;
+    if (appPath && StartsWith(path, kInstallDirToken)) {
+        result.replace(0, std::char_traits<char>::length(kInstallDirToken), *appPath);
+        replaced = true;
+    } else {
+        for (const char* token : kTokenOrder) {
+            if (!StartsWith(path, token))
+                continue;
+            auto entry = _dirTokenDictionary.find(token);
+            if (entry != _dirTokenDictionary.end()) {
+                result.replace(0, entry->first.size(), entry->second);
+                replaced = true;
+            }
+            break;
+        }
+    }
+    if (replaced) {
+        NSLevelledLog(3, "Expanded %@ to %@ ", path, result);
+        if (result != path)
+            return result;
+    }
+    NSLevelledLog(3, "No expansion is performed");
+    return path;
+}

@@ -1,0 +1,299 @@
+#include "target/OrvelCodeFileHandler.h"
+
+#include "base/Format.h"
+#include "base/Xml.h"
+#include "run/CommonUtility.h"
+#include "run/LoggerUtility.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+std::mutex gInstanceMutex;
+std::unique_ptr<OrvelCodeFileHandler> gInstance;
+
+// Matches a whole history root whose installation time equals the variable's value, and
+// the entry of a sequence number. The values are XPath variables, so quote characters in
+// them cannot change the expression.
+constexpr const char* kCurrentHistoryQuery = "/PBSHistory[@tsInstalled = $tsInstalled]";
+constexpr const char* kEntryQuery = "/PBSHistory/Patcher[@SequenceID = $sequenceID]";
+
+bool CanAddressFile(const std::string& path) {
+    return !path.empty() && path.find('\0') == std::string::npos;
+}
+
+// Anything at the path, a dangling symbolic link included: nothing is ever written through
+// a link that the handler did not make.
+bool PathExists(const std::string& path) {
+    struct stat info {};
+    return ::lstat(path.c_str(), &info) == 0;
+}
+
+bool IsRegularFile(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+// The document of a file that parses without any reported error; nothing for anything
+// else. Only regular files are read: a pipe would block the run and a device never ends.
+XmlDocumentHandle ParseWithoutErrors(const std::string& path) {
+    if (!IsRegularFile(path))
+        return nullptr;
+    XmlParseResult parsed = XmlDocument::parseFile(path, XmlParseMode::StrictThenRecover);
+    if (!parsed.errors.empty())
+        return nullptr;
+    return parsed.document;
+}
+
+std::string ParentFolder(const std::string& path) {
+    const size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Creates the missing folders of path (mode 0755, owned by whoever runs the patcher: the
+// history belongs to the machine, not to the desktop user).
+bool MakeFolders(const std::string& path) {
+    const std::string withSlash = path + "/";
+    for (size_t slash = withSlash.find('/', 1); slash != std::string::npos;
+         slash = withSlash.find('/', slash + 1)) {
+        const std::string level = withSlash.substr(0, slash);
+        if (::mkdir(level.c_str(), 0755) != 0 && errno != EEXIST)
+            return false;
+    }
+    return true;
+}
+
+// Removes the white space that only indents elements (text of elements that hold elements
+// and no other text), so that the pretty-printed output indents old and new entries alike.
+// Text of leaf elements and mixed content is kept as it is.
+void DropIndentation(const XmlNode& root) {
+    std::vector<XmlNode> blanks =
+        root.select("descendant-or-self::*[* and not(text()[normalize-space(.) != ''])]/text()");
+    for (XmlNode& blank : blanks)
+        blank.remove();
+}
+
+} // namespace
+
+OrvelCodeFileHandler::OrvelCodeFileHandler(std::string filePath,
+                                           std::optional<std::string> identifier,
+                                           std::optional<std::string> patcherOldVersion,
+                                           std::optional<std::string> patcherNewVersion,
+                                           std::optional<std::string> productName,
+                                           std::optional<std::string> productFamily,
+                                           int64_t timeInstalled, int64_t timeModified)
+    : tsInstalled(StringWithFormat("%d", timeInstalled)),
+      tsModified(StringWithFormat("%d", timeModified)), ocPatchFilePath(std::move(filePath)),
+      patcherID(std::move(identifier)), PatchBaseVer(std::move(patcherOldVersion)),
+      PatchNewVer(std::move(patcherNewVersion)), ProductName(std::move(productName)),
+      ProductFamily(std::move(productFamily)) {}
+
+OrvelCodeFileHandler* OrvelCodeFileHandler::createInstance(
+    const std::string& filePath, const std::optional<std::string>& patcherID,
+    const std::optional<std::string>& patcherOldVersion,
+    const std::optional<std::string>& patcherNewVersion,
+    const std::optional<std::string>& productName, const std::optional<std::string>& productFamily,
+    int64_t timeInstalled, int64_t timeModified) {
+    auto handler = std::make_unique<OrvelCodeFileHandler>(
+        filePath, patcherID, patcherOldVersion, patcherNewVersion, productName, productFamily,
+        timeInstalled, timeModified);
+    std::optional<std::string> versionFound;
+    handler->getPatcherModeAndInstalledAppBuildVersion(versionFound);
+    std::lock_guard lock(gInstanceMutex);
+    gInstance = std::move(handler);
+    return gInstance.get();
+}
+
+OrvelCodeFileHandler* OrvelCodeFileHandler::getInstance() {
+    std::lock_guard lock(gInstanceMutex);
+    return gInstance.get();
+}
+
+bool OrvelCodeFileHandler::releaseInstance() {
+    std::lock_guard lock(gInstanceMutex);
+    gInstance.reset();
+    return true;
+}
+
+std::string OrvelCodeFileHandler::patchFilePathForCode(const PlatformPaths& paths,
+                                                       const std::string& code) {
+    std::string folder = paths.patchHistoryFolder;
+    if (!folder.empty() && folder.back() != '/')
+        folder += '/';
+    return folder + code + ".patch";
+}
+
+int OrvelCodeFileHandler::getPatcherModeAndInstalledAppBuildVersion(
+    std::optional<std::string>& versionFound) {
+    versionFound.reset();
+    const auto finish = [&](int mode) {
+        patcherMode = mode;
+        // A new entry records the configured old version, once the installed version is
+        // known.
+        InstVer = versionFound ? PatchBaseVer.value_or("") : std::string();
+        return mode;
+    };
+
+    // A path that cannot name a file cannot be tested for existence either.
+    if (!CanAddressFile(ocPatchFilePath)) {
+        NSLevelledLog(0, "Can't create an URL from file path %@.", ocPatchFilePath);
+        return finish(kModeInstall);
+    }
+    if (!PathExists(ocPatchFilePath)) {
+        versionFound = PatchBaseVer;
+        return finish(kModeInstall);
+    }
+    XmlDocumentHandle document = ParseWithoutErrors(ocPatchFilePath);
+    if (!document)
+        return finish(kModeInstall);
+
+    const XmlNode root = XmlDocument::root(document);
+    const size_t childCount = root.childElements().size();
+    const bool isCurrent =
+        root.select(kCurrentHistoryQuery, {{"tsInstalled", tsInstalled}}).size() == 1;
+    if (!isCurrent)
+        NSLevelledLog(0, "Patch file is out of date.");
+
+    if (childCount == 0 || !isCurrent) {
+        document.reset();
+        if (!removeOutOfDatePatchFile()) {
+            // The file could be neither used nor moved aside; a first install would have to
+            // write into it, so nothing is patched.
+            NSLevelledLog(0, "Failed to move file %@ aside", ocPatchFilePath);
+            return finish(kModeNotPatchable);
+        }
+        versionFound = PatchBaseVer;
+        return finish(kModeInstall);
+    }
+
+    const std::string sequenceID = std::to_string(childCount);
+    std::vector<XmlNode> entries = root.select(kEntryQuery, {{"sequenceID", sequenceID}});
+    if (entries.size() != 1) {
+        NSLevelledLog(0, "Patch file is corrupted. Multiple entries found for SequenceID: %d",
+                      sequenceID);
+        return finish(kModeNotPatchable);
+    }
+    std::vector<XmlNode> newVersions = entries.front().select("./NewVersion");
+    if (newVersions.size() != 1) {
+        NSLevelledLog(0, "Patch file is corrupted. New version is missing for SequenceID: %d",
+                      sequenceID);
+        return finish(kModeNotPatchable);
+    }
+    versionFound = newVersions.front().stringValue();
+    NSLog(StringWithFormat("Version from patch file: %@", *versionFound));
+    if (!PatchBaseVer || !PatchNewVer)
+        return finish(kModeNotPatchable);
+
+    int mode = kModeNotPatchable;
+    const int oldAgainstFound = DotSeparatedVersionCompare(PatchBaseVer, versionFound);
+    if (oldAgainstFound == 0) {
+        mode = kModeInstall;
+    } else if (oldAgainstFound < 0) {
+        const int newAgainstFound = DotSeparatedVersionCompare(PatchNewVer, versionFound);
+        if (newAgainstFound == 0)
+            mode = kModeRepair;
+        else if (newAgainstFound > 0)
+            mode = kModeComboPatch;
+    }
+    return finish(mode);
+}
+
+bool OrvelCodeFileHandler::createOCPatchFile() {
+    if (!CanAddressFile(ocPatchFilePath) || !MakeFolders(ParentFolder(ocPatchFilePath)))
+        return false;
+    XmlDocumentHandle document = XmlDocument::create("PBSHistory");
+    if (!document)
+        return false;
+    XmlNode root = XmlDocument::root(document);
+    root.setAttribute("ProductName", ProductName.value_or(""));
+    root.setAttribute("ProductFamily", ProductFamily.value_or(""));
+    root.setAttribute("tsInstalled", tsInstalled);
+    root.setAttribute("tsModified", tsModified);
+    return XmlDocument::save(document, ocPatchFilePath, false);
+}
+
+bool OrvelCodeFileHandler::addPatcherEntry(const std::string& manifestPath) {
+    if (!CanAddressFile(ocPatchFilePath)) {
+        NSLevelledLog(0, "Can't create an URL from file path %@.", ocPatchFilePath);
+        return false;
+    }
+    if (!PathExists(ocPatchFilePath) && !createOCPatchFile()) {
+        NSLevelledLog(0, "Failed to create Patch file");
+        return false;
+    }
+    XmlDocumentHandle history = ParseWithoutErrors(ocPatchFilePath);
+    if (!history)
+        return false;
+    XmlNode root = XmlDocument::root(history);
+    // Only the history of the current installation is ever edited.
+    if (root.select(kCurrentHistoryQuery, {{"tsInstalled", tsInstalled}}).size() != 1) {
+        NSLevelledLog(0, "Patch file is out of date.");
+        return false;
+    }
+    const size_t childCount = root.childElements().size();
+
+    NSLevelledLog(3, "%@", manifestPath);
+    if (!CanAddressFile(manifestPath)) {
+        NSLevelledLog(0, "Can't create an URL from file path %@.", manifestPath);
+        return false;
+    }
+    XmlDocumentHandle manifest = ParseWithoutErrors(manifestPath);
+    if (!manifest)
+        return false;
+
+    XmlNode patcher = root.addChild("Patcher");
+    patcher.setAttribute("SequenceID", std::to_string(childCount + 1));
+    patcher.setAttribute("PatcherID", patcherID.value_or(""));
+    patcher.addChild("OldVersion", InstVer);
+    patcher.addChild("NewVersion", PatchNewVer.value_or(""));
+    if (!patcher.addCopyOf(XmlDocument::root(manifest)))
+        return false;
+
+    DropIndentation(root);
+    std::string error;
+    if (!XmlDocument::save(history, ocPatchFilePath, true, &error)) {
+        NSLevelledLog(0, "Failed to write Patch file %@: %@", ocPatchFilePath, error);
+        return false;
+    }
+    return true;
+}
+
+bool OrvelCodeFileHandler::removeOutOfDatePatchFile() {
+    std::string backupPath;
+    for (int n = 1; n > 0; ++n) {
+        backupPath = ocPatchFilePath + StringWithFormat("_backup%d", n);
+        if (!PathExists(backupPath))
+            break;
+    }
+    NSLog(StringWithFormat("Moving file %@ to %@", ocPatchFilePath, backupPath));
+    return ::rename(ocPatchFilePath.c_str(), backupPath.c_str()) == 0;
+}
+
+bool OrvelCodeFileHandler::removeAllOCPatchFilesAtGivenPath(const std::string& folder) {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    fs::recursive_directory_iterator entry(folder, error);
+    if (error)
+        return true; // nothing to enumerate, nothing failed
+    for (const fs::recursive_directory_iterator end; entry != end; entry.increment(error)) {
+        if (error)
+            return false;
+        std::error_code statusError;
+        // Folders are never deleted, whatever their name; links are deleted, not followed.
+        if (entry->symlink_status(statusError).type() == fs::file_type::directory)
+            continue;
+        if (entry->path().extension() != ".patch")
+            continue;
+        if (::unlink(entry->path().c_str()) != 0)
+            return false;
+    }
+    return !error;
+}
