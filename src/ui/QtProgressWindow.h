@@ -1,0 +1,44 @@
+#pragma once
+
+#include "run/ProgressWindowController.h"
+
+#include <QWidget>
+
+class QLabel;
+class QProgressBar;
+class QPushButton;
+
+// The progress window: status line, determinate bar and cancel button. Pressing cancel
+// asks the controller, which asks the user in a window-modal box.
+class QtProgressWindow final : public QWidget, public ProgressView {
+public:
+    QtProgressWindow();
+
+    // The controller that the cancel button reports to; not owned.
+    void setController(ProgressWindowController* controller) { _controller = controller; }
+
+    void setTitle(const std::string& title) override;
+    void setStatusLine(const std::string& text) override;
+    void setBarIndeterminate(bool indeterminate) override;
+    void setBarRange(double minimum, double maximum) override;
+    void setBarValue(double value) override;
+    void setCancelButtonTitle(const std::string& title) override;
+    void setCancelButtonVisible(bool visible) override;
+    void setCancelButtonEnabled(bool enabled) override;
+    void showWindow() override;
+    void closeWindow() override;
+    void beginCancelSheet(const std::string& title, const std::string& message,
+                          const std::string& defaultButton, const std::string& alternateButton,
+                          std::function<void(int answer)> answered) override;
+
+    QLabel* statusLabel() const { return _status; }
+    QProgressBar* progressBar() const { return _bar; }
+    QPushButton* cancelButton() const { return _cancel; }
+
+private:
+    ProgressWindowController* _controller = nullptr;
+    QLabel* _status;
+    QProgressBar* _bar;
+    QPushButton* _cancel;
+    double _maximum = 0;
+};
