@@ -110,12 +110,12 @@ TEST_F(OrvelCodeFileHandlerTest, NoHistoryMeansInstallAndTheFirstEntryIsOne) {
 
 TEST_F(OrvelCodeFileHandlerTest, CreatedFileHoldsOnlyTheRootWithItsAttributesInOrder) {
     OrvelCodeFileHandler run(_history, S("P"), S("1.0"), S("1.1"), S("Orvel \"Paint\" 'X' & <Y>"),
-                             S("Orvel"), 42, -7);
+                             S("Orvel"), 5000000000, -7);
     ASSERT_TRUE(run.createOCPatchFile());
     const std::string text = ReadTextFile(_history);
     EXPECT_EQ(text.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n", 0), 0u) << text;
     EXPECT_NE(text.find("<PBSHistory ProductName=\"Orvel &quot;Paint&quot; 'X' &amp; &lt;Y&gt;\" "
-                        "ProductFamily=\"Orvel\" tsInstalled=\"42\" tsModified=\"-7\"/>"),
+                        "ProductFamily=\"Orvel\" tsInstalled=\"5000000000\" tsModified=\"-7\"/>"),
               std::string::npos)
         << text;
     auto parsed = XmlDocument::parseFile(_history, XmlParseMode::Strict);
@@ -293,6 +293,21 @@ TEST_F(OrvelCodeFileHandlerTest, ForeignXmlIsMovedAsideNeverEdited) {
     EXPECT_TRUE(log.contains("Patch file is out of date."));
     EXPECT_EQ(ReadTextFile(_history + "_backup1"), foreign);
     EXPECT_FALSE(FileExists(_history));
+}
+
+TEST_F(OrvelCodeFileHandlerTest, OutOfDateFileThatCannotBeMovedAsideStopsThePatch) {
+    ASSERT_EQ(::mkdir(_dir.file("Installers").c_str(), 0755), 0);
+    // A name so long that no backup name can be made beside it.
+    _history = _dir.file("Installers/" + std::string(244, 'c') + ".patch");
+    const std::string old = "<PBSHistory tsInstalled=\"5\"><Patcher SequenceID=\"1\">"
+                            "<NewVersion>1.0</NewVersion></Patcher></PBSHistory>";
+    WriteTextFile(_history, old);
+    LogCapture log;
+    S found;
+    EXPECT_EQ(modeFor(S("1.0"), S("1.1"), found), -1);
+    EXPECT_EQ(found, std::nullopt);
+    EXPECT_TRUE(log.contains("Failed to move file " + _history + " aside"));
+    EXPECT_EQ(ReadTextFile(_history), old);
 }
 
 TEST_F(OrvelCodeFileHandlerTest, ForeignOrOutOfDateFileIsNeverAppendedTo) {
