@@ -1,0 +1,82 @@
+#include "update/MD5cksum.h"
+
+#include "base/FileUtil.h"
+#include "run/LoggerUtility.h"
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <memory>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kReadSize = 256 * 1024;
+
+struct DigestContextDeleter {
+    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextDeleter>;
+
+// The lower-case hex MD5 of everything readable from fd; nothing on a read or digest error.
+std::optional<std::string> DigestOfDescriptor(int fd) {
+    DigestContext context(EVP_MD_CTX_new());
+    if (!context || EVP_DigestInit_ex(context.get(), EVP_md5(), nullptr) != 1)
+        return std::nullopt;
+    const auto buffer = std::make_unique_for_overwrite<unsigned char[]>(kReadSize);
+    for (;;) {
+        const ssize_t got = ::read(fd, buffer.get(), kReadSize);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return std::nullopt;
+        if (got == 0)
+            break;
+        if (EVP_DigestUpdate(context.get(), buffer.get(), static_cast<size_t>(got)) != 1)
+            return std::nullopt;
+    }
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(context.get(), digest, &length) != 1)
+        return std::nullopt;
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(2 * length);
+    for (unsigned int i = 0; i < length; ++i) {
+        text += kHex[digest[i] >> 4];
+        text += kHex[digest[i] & 0x0F];
+    }
+    return text;
+}
+
+} // namespace
+
+std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::string>& path) {
+    if (!path) {
+        NSLevelledLog(3, "File path should not be null");
+        return std::nullopt;
+    }
+    struct stat info {};
+    if (::stat(path->c_str(), &info) != 0) {
+        NSLevelledLog(3, "File does not exist");
+        return std::nullopt;
+    }
+    // Opened without blocking so that a FIFO without a writer cannot hold up the run.
+    UniqueFd fd(::open(path->c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    std::optional<std::string> digest;
+    if (fd.valid()) {
+        const int flags = ::fcntl(fd.get(), F_GETFL);
+        if (flags >= 0 && ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) == 0) {
+            ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+            digest = DigestOfDescriptor(fd.get());
+        }
+    }
+    if (!digest) {
+        NSLevelledLog(0, "Failed to get file check sum");
+        return std::nullopt;
+    }
+    NSLevelledLog(3, "Checksum of file : %@ is : %@", *path, *digest);
+    return digest;
+}

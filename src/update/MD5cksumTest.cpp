@@ -1,0 +1,114 @@
+#include "update/MD5cksum.h"
+
+#include "TestSupport.h"
+#include "run/Environment.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+class MD5cksumTest : public ::testing::Test {
+protected:
+    void SetUp() override { SetENVverbosityLevel("debug"); }
+
+    // What md5sum prints for the file.
+    std::string Md5sum(const std::string& path) {
+        const std::string output = _dir.file("md5sum.out");
+        EXPECT_EQ(RunProgram({"/usr/bin/md5sum", path}, {}, output), 0);
+        return ReadTextFile(output).substr(0, 32);
+    }
+
+    TempDir _dir;
+};
+
+std::string RandomText(size_t size, unsigned seed) {
+    std::mt19937 random(seed);
+    std::string text(size, '\0');
+    for (auto& c : text)
+        c = static_cast<char>(random());
+    return text;
+}
+
+TEST_F(MD5cksumTest, MatchesMd5sumForFilesOfEverySize) {
+    const std::vector<std::pair<std::string, std::string>> files = {
+        {"empty", ""},
+        {"hello", "hello\n"},
+        {"one block", RandomText(256 * 1024, 1)},
+        {"one block and a byte", RandomText(256 * 1024 + 1, 2)},
+        {"several megabytes", RandomText(7 * 1024 * 1024 + 13, 3)},
+        {"name with spaces and = signs", "= not a separator\n"},
+    };
+    for (const auto& [name, content] : files) {
+        SCOPED_TRACE(name);
+        const std::string path = _dir.file(name);
+        WriteTextFile(path, content);
+        LogCapture log;
+        const auto digest = MD5cksum::getMD5cksumOfFile(path);
+        ASSERT_TRUE(digest);
+        EXPECT_EQ(*digest, Md5sum(path));
+        EXPECT_EQ(digest->size(), 32u);
+        EXPECT_TRUE(std::all_of(digest->begin(), digest->end(), [](char c) {
+            return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+        }));
+        EXPECT_EQ(log.lines(),
+                  (std::vector<std::string>{"Checksum of file : " + path + " is : " + *digest}));
+    }
+    EXPECT_EQ(*MD5cksum::getMD5cksumOfFile(_dir.file("empty")), "d41d8cd98f00b204e9800998ecf8427e");
+}
+
+TEST_F(MD5cksumTest, FollowsSymbolicLinks) {
+    WriteTextFile(_dir.file("target"), "linked content\n");
+    ASSERT_EQ(::symlink("target", _dir.file("link").c_str()), 0);
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(_dir.file("link")), Md5sum(_dir.file("target")));
+}
+
+TEST_F(MD5cksumTest, AbsentPath) {
+    LogCapture log;
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(std::nullopt), std::nullopt);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"File path should not be null"}));
+}
+
+TEST_F(MD5cksumTest, MissingFileAndDanglingLink) {
+    ASSERT_EQ(::symlink("nowhere", _dir.file("dangling").c_str()), 0);
+    LogCapture log;
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(_dir.file("missing")), std::nullopt);
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(_dir.file("dangling")), std::nullopt);
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(std::string()), std::nullopt);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"File does not exist", "File does not exist",
+                                                     "File does not exist"}));
+}
+
+TEST_F(MD5cksumTest, UnreadableFiles) {
+    LogCapture log;
+    // A folder opens but cannot be read.
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(_dir.path()), std::nullopt);
+    // The process's memory file fails its first read (nothing is mapped at address 0).
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(std::string("/proc/self/mem")), std::nullopt);
+    std::vector<std::string> expected = {"Failed to get file check sum",
+                                         "Failed to get file check sum"};
+    if (::geteuid() != 0) {
+        WriteTextFile(_dir.file("secret"), "no access");
+        ASSERT_EQ(::chmod(_dir.file("secret").c_str(), 0), 0);
+        EXPECT_EQ(MD5cksum::getMD5cksumOfFile(_dir.file("secret")), std::nullopt);
+        expected.push_back("Failed to get file check sum");
+    }
+    EXPECT_EQ(log.lines(), expected);
+}
+
+TEST_F(MD5cksumTest, FailureIsLoggedAtErrorLevelOnly) {
+    SetENVverbosityLevel("error");
+    LogCapture log;
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(std::nullopt), std::nullopt);
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(_dir.file("missing")), std::nullopt);
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(_dir.path()), std::nullopt);
+    WriteTextFile(_dir.file("plain"), "x");
+    EXPECT_TRUE(MD5cksum::getMD5cksumOfFile(_dir.file("plain")));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"Failed to get file check sum"}));
+}
+
+} // namespace

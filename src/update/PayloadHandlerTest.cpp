@@ -1,0 +1,387 @@
+#include "update/PayloadHandler.h"
+
+#include "TestSupport.h"
+#include "run/Environment.h"
+#include "run/LoggerUtility.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <random>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string RandomText(size_t size, unsigned seed) {
+    std::mt19937 random(seed);
+    std::string text(size, '\0');
+    for (auto& c : text)
+        c = static_cast<char>(random());
+    return text;
+}
+
+void SetTimes(const std::string& path, time_t seconds) {
+    const struct timespec times[2] = {{seconds, 0}, {seconds, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+}
+
+// Everything below root (not root itself), without following links: type, mode, size,
+// modification time of files and folders, contents of files, targets of links.
+std::map<std::string, std::string> Snapshot(const std::string& root,
+                                            const std::string& skip = std::string()) {
+    std::map<std::string, std::string> entries;
+    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
+         ++it) {
+        const std::string path = it->path().string();
+        if (!skip.empty() && path == skip) {
+            it.disable_recursion_pending();
+            continue;
+        }
+        struct stat info {};
+        EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
+        std::string description = "mode " + std::to_string(info.st_mode);
+        if (S_ISLNK(info.st_mode)) {
+            description += " -> " + fs::read_symlink(it->path()).string();
+        } else {
+            description += " mtime " + std::to_string(info.st_mtim.tv_sec);
+            if (S_ISREG(info.st_mode))
+                description += " content " + ReadTextFile(path);
+        }
+        entries[it->path().lexically_relative(root).string()] = description;
+    }
+    return entries;
+}
+
+std::string CurrentFolder() {
+    return fs::current_path().string();
+}
+
+class PayloadHandlerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        SetENVverbosityLevel("debug");
+        fs::create_directories(_resources);
+        fs::create_directories(_stage);
+        fs::create_directories(_root.file("work"));
+    }
+
+    // Runs a shell script; the test fails when it does not exit 0.
+    void Shell(const std::string& script) {
+        ASSERT_EQ(RunProgram({"/bin/sh", "-c", "set -e; " + script}, {"LC_ALL=C"}, {},
+                             _root.file("shell-errors")),
+                  0)
+            << script << "\n"
+            << ReadTextFile(_root.file("shell-errors"));
+    }
+
+    // Archives the names that listCommand prints in folder, with GNU cpio, into the payload.
+    void MakePayload(const std::string& folder, const std::string& listCommand,
+                     const std::string& format = "newc") {
+        Shell("cd '" + folder + "' && " + listCommand + " | cpio -o -H " + format +
+              " --quiet | gzip -9 -c > '" + _archive + "'");
+    }
+
+    // The names inside the payload, as GNU cpio lists them.
+    std::string ListPayload() {
+        const std::string listing = _root.file("listing");
+        Shell("gzip -dc '" + _archive + "' | cpio -it --quiet > '" + listing + "'");
+        return ReadTextFile(listing);
+    }
+
+    // A tree with what an update carries: nested folders, an executable, private and
+    // read-only files, a read-only folder, an empty file, names with blanks, hard and
+    // symbolic links. Times are set to fixed past dates so that their restoring shows.
+    void MakeSampleTree() {
+        const std::string s = _stage;
+        WriteTextFile(s + "/App.app/Contents/Info.plist", "<plist>1.0</plist>\n");
+        WriteTextFile(s + "/App.app/Contents/MacOS/tool", RandomText(200000, 5));
+        ::chmod((s + "/App.app/Contents/MacOS/tool").c_str(), 0755);
+        fs::create_directories(s + "/App.app/Contents/Resources");
+        ASSERT_EQ(::symlink("../MacOS/tool", (s + "/App.app/Contents/Resources/current").c_str()),
+                  0);
+        WriteTextFile(s + "/empty", "");
+        WriteTextFile(s + "/private", "only mine\n");
+        ::chmod((s + "/private").c_str(), 0600);
+        WriteTextFile(s + "/dir with space/file name with space.txt", "spaced\n");
+        WriteTextFile(s + "/readonly/inner.txt", "read only\n");
+        ::chmod((s + "/readonly/inner.txt").c_str(), 0444);
+        WriteTextFile(s + "/hard1", "hard linked\n");
+        ASSERT_EQ(::link((s + "/hard1").c_str(), (s + "/hard2").c_str()), 0);
+        time_t when = 981158400; // 2001-02-03
+        std::vector<std::string> paths;
+        for (const auto& entry : fs::recursive_directory_iterator(s))
+            paths.push_back(entry.path().string());
+        // Deepest first, so setting a folder's time is not undone by its contents.
+        std::sort(paths.rbegin(), paths.rend());
+        for (const auto& path : paths)
+            SetTimes(path, when += 3600);
+        ::chmod((s + "/readonly").c_str(), 0555);
+    }
+
+    std::vector<std::string> FailureLines(const LogCapture& log) {
+        std::vector<std::string> lines;
+        for (const auto& line : log.lines()) {
+            if (line.rfind("Failed to extract \"" + _archive + "\": ", 0) == 0)
+                lines.push_back(line);
+        }
+        return lines;
+    }
+
+    TempDir _root;
+    const std::string _resources = _root.file("Resources");
+    const std::string _archive = _resources + "/Payload.cpio.gz";
+    const std::string _stage = _root.file("stage");
+    const std::string _payload = _root.file("work/payload");
+};
+
+TEST_F(PayloadHandlerTest, ExtractsArchivesOfEveryCpioFormatOfGnuCpio) {
+    MakeSampleTree();
+    const auto expected = Snapshot(_stage);
+    ASSERT_EQ(expected.size(), 15u);
+    for (const std::string format : {"newc", "odc", "bin", "crc"}) {
+        SCOPED_TRACE(format);
+        MakePayload(_stage, "find .", format);
+        const std::string before = CurrentFolder();
+        EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload), 0);
+        EXPECT_EQ(CurrentFolder(), before);
+        EXPECT_EQ(Snapshot(_payload), expected);
+        ASSERT_EQ(PayloadHandler::cleanupDir(_payload), 0);
+    }
+}
+
+TEST_F(PayloadHandlerTest, LogsTheSetupAndReplacesAnEarlierPayload) {
+    WriteTextFile(_stage + "/new.txt", "new\n");
+    MakePayload(_stage, "echo new.txt");
+    WriteTextFile(_payload + "/stale.txt", "from an earlier run\n");
+    WriteTextFile(_payload + "/old/deeper.txt", "from an earlier run\n");
+    ::chmod((_payload + "/old").c_str(), 0500);
+
+    LogCapture log;
+    EXPECT_EQ(PayloadHandler::extractFile(_resources + "/", _payload), 0);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               ComposeHeadingLine(3, "SETUP for Update"),
+                               "Extracting updater files ...",
+                               ComposeHeadingLine(3, "TEARDOWN for Update"),
+                               "Cleanup \"" + _payload + "\".",
+                               "Done",
+                           }));
+    EXPECT_EQ(log.lines()[0], "....................... SETUP for Update .......................");
+    EXPECT_EQ(Snapshot(_payload).size(), 1u);
+    EXPECT_EQ(ReadTextFile(_payload + "/new.txt"), "new\n");
+}
+
+TEST_F(PayloadHandlerTest, NoArchiveMeansNoPayloadAndIsNoError) {
+    LogCapture log;
+    EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload), 0);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               ComposeHeadingLine(3, "SETUP for Update"),
+                               "Extracting updater files ...",
+                               "No files in the Payload.",
+                               "Done",
+                           }));
+    EXPECT_FALSE(FileExists(_payload));
+
+    // A folder in the archive's place is no archive either, and an existing target is left.
+    fs::create_directories(_archive);
+    WriteTextFile(_payload + "/kept.txt", "kept\n");
+    EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload), 0);
+    EXPECT_EQ(ReadTextFile(_payload + "/kept.txt"), "kept\n");
+}
+
+TEST_F(PayloadHandlerTest, ASymbolicLinkInTheTargetsPlaceIsReplacedNotFollowed) {
+    WriteTextFile(_stage + "/file.txt", "payload\n");
+    MakePayload(_stage, "echo file.txt");
+    WriteTextFile(_root.file("elsewhere/precious.txt"), "keep me\n");
+    fs::create_directories(_root.file("work"));
+    ASSERT_EQ(::symlink(_root.file("elsewhere").c_str(), _payload.c_str()), 0);
+
+    EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload), 0);
+    EXPECT_EQ(ReadTextFile(_root.file("elsewhere/precious.txt")), "keep me\n");
+    EXPECT_FALSE(fs::is_symlink(_payload));
+    EXPECT_EQ(ReadTextFile(_payload + "/file.txt"), "payload\n");
+}
+
+struct HostileArchive {
+    std::string name;
+    // What the log's failure line says.
+    std::string reason;
+    // Prepares the stage and writes the archive; may leave things the check must not find.
+    std::function<void()> make;
+};
+
+TEST_F(PayloadHandlerTest, HostileAndDamagedArchivesAreRefusedWhole) {
+    const std::string inner = _stage + "/inner";
+    const std::string outside = _root.file("outside");
+    auto resetStage = [&] {
+        RemoveTree(_stage);
+        RemoveTree(outside);
+        fs::create_directories(inner);
+        fs::create_directories(outside);
+        WriteTextFile(inner + "/good", "a good file first\n");
+    };
+    const std::vector<HostileArchive> cases = {
+        {"parent folder entry", "Path contains '..'",
+         [&] {
+             WriteTextFile(_stage + "/escaped", "x\n");
+             MakePayload(inner, "printf 'good\\n../escaped\\n'");
+             EXPECT_NE(ListPayload().find("../escaped"), std::string::npos);
+         }},
+        {"parent folder inside a path", "Path contains '..'",
+         [&] {
+             WriteTextFile(_stage + "/escaped", "x\n");
+             fs::create_directories(inner + "/sub");
+             MakePayload(inner, "printf 'good\\nsub/../../escaped\\n'");
+         }},
+        {"absolute path", "Path is absolute",
+         [&] {
+             WriteTextFile(outside + "/absolute", "x\n");
+             MakePayload(inner, "printf 'good\\n" + outside + "/absolute\\n'");
+             EXPECT_NE(ListPayload().find(outside + "/absolute"), std::string::npos);
+             RemoveTree(outside + "/absolute");
+         }},
+        {"file written through a link to an outside folder", "Cannot extract through symlink",
+         [&] {
+             ASSERT_EQ(::symlink(outside.c_str(), (inner + "/link").c_str()), 0);
+             WriteTextFile(outside + "/through", "x\n");
+             MakePayload(inner, "printf 'good\\nlink\\nlink/through\\n'");
+             RemoveTree(outside + "/through");
+         }},
+        {"file written through a relative link upward", "Cannot extract through symlink",
+         [&] {
+             // From the stage and from the target alike, "../.." is the test's top folder.
+             ASSERT_EQ(::symlink("../..", (inner + "/up").c_str()), 0);
+             WriteTextFile(_root.file("through-up"), "x\n");
+             MakePayload(inner, "printf 'good\\nup\\nup/through-up\\n'");
+             EXPECT_NE(ListPayload().find("up/through-up"), std::string::npos);
+             RemoveTree(_root.file("through-up"));
+         }},
+        {"file written through a link inside the payload", "Cannot extract through symlink",
+         [&] {
+             WriteTextFile(inner + "/real/file", "x\n");
+             ASSERT_EQ(::symlink("real", (inner + "/alias").c_str()), 0);
+             MakePayload(inner, "printf 'good\\nreal\\nalias\\nalias/file\\n'");
+         }},
+        {"named pipe", "is not a file, folder or symbolic link",
+         [&] {
+             Shell("mkfifo '" + inner + "/pipe'");
+             MakePayload(inner, "printf 'good\\npipe\\n'");
+         }},
+        {"truncated archive", "the archive is truncated",
+         [&] {
+             for (int i = 0; i < 8; ++i)
+                 WriteTextFile(inner + "/file" + std::to_string(i), RandomText(100000, i));
+             MakePayload(inner, "find .");
+             const std::string whole = ReadTextFile(_archive);
+             WriteTextFile(_archive, whole.substr(0, whole.size() * 6 / 10));
+         }},
+        {"damaged compressed data", "gzip: incorrect data check",
+         [&] {
+             std::string text;
+             for (int i = 0; i < 20000; ++i)
+                 text += "line " + std::to_string(i * 7919 % 10007) + "\n";
+             WriteTextFile(inner + "/big", text);
+             MakePayload(inner, "find .");
+             std::string whole = ReadTextFile(_archive);
+             whole[whole.size() / 2] = static_cast<char>(whole[whole.size() / 2] ^ 0x55);
+             WriteTextFile(_archive, whole);
+         }},
+        {"wrong gzip checksum", "gzip: incorrect data check",
+         [&] {
+             MakePayload(inner, "find .");
+             std::string whole = ReadTextFile(_archive);
+             whole[whole.size() - 6] = static_cast<char>(whole[whole.size() - 6] ^ 0x01);
+             WriteTextFile(_archive, whole);
+         }},
+        {"cpio without gzip", "gzip: incorrect header check",
+         [&] {
+             Shell("cd '" + inner + "' && find . | cpio -o -H newc --quiet > '" + _archive + "'");
+         }},
+        {"bzip2-compressed cpio", "gzip: incorrect header check",
+         [&] {
+             Shell("cd '" + inner + "' && find . | cpio -o -H newc --quiet | bzip2 -c > '" +
+                   _archive + "'");
+         }},
+        {"gzip-compressed tar", "Unrecognized archive format",
+         [&] { Shell("cd '" + inner + "' && tar -czf '" + _archive + "' ."); }},
+        {"gzip-compressed garbage", "Unrecognized archive format",
+         [&] {
+             WriteTextFile(_root.file("garbage"), RandomText(5000, 4));
+             Shell("gzip -c '" + _root.file("garbage") + "' > '" + _archive + "'");
+             RemoveTree(_root.file("garbage"));
+         }},
+        {"random bytes", "gzip: incorrect header check",
+         [&] { WriteTextFile(_archive, RandomText(5000, 3)); }},
+        {"empty file", "the archive is truncated", [&] { WriteTextFile(_archive, ""); }},
+    };
+
+    for (const HostileArchive& c : cases) {
+        SCOPED_TRACE(c.name);
+        resetStage();
+        c.make();
+        if (::testing::Test::HasFatalFailure())
+            return;
+        // The target's parent folder changes when the target is made again; it may hold
+        // nothing else.
+        const std::string work = _root.file("work");
+        const auto before = Snapshot(_root.path(), work);
+        const std::string folder = CurrentFolder();
+        LogCapture log;
+        EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload), 0);
+        EXPECT_EQ(CurrentFolder(), folder);
+        EXPECT_EQ(FailureLines(log).size(), 1u) << log.text();
+        for (const auto& l : FailureLines(log))
+            std::printf("%s => %s\n", c.name.c_str(), l.c_str());
+        EXPECT_EQ(log.lines().back(), "Done");
+        // Nothing outside the target changed, and the target holds nothing.
+        EXPECT_EQ(Snapshot(_root.path(), work), before);
+        EXPECT_EQ(Snapshot(work).size(), 1u);
+        EXPECT_TRUE(fs::is_directory(_payload));
+        EXPECT_TRUE(Snapshot(_payload).empty());
+    }
+}
+
+TEST_F(PayloadHandlerTest, CleanupRemovesTheFolderWithReadOnlyContents) {
+    WriteTextFile(_payload + "/backupDir/RollBack.xml", "<journal/>\n");
+    WriteTextFile(_payload + "/a/b/c/file", "deep\n");
+    ASSERT_EQ(::symlink("/", (_payload + "/root-link").c_str()), 0);
+    ::chmod((_payload + "/a/b/c").c_str(), 0500);
+    ::chmod((_payload + "/a").c_str(), 0);
+
+    LogCapture log;
+    EXPECT_EQ(PayloadHandler::cleanupDir(_payload), 0);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               ComposeHeadingLine(3, "TEARDOWN for Update"),
+                               "Cleanup \"" + _payload + "\".",
+                           }));
+    EXPECT_EQ(log.lines()[0], "...................... TEARDOWN for Update ......................");
+    EXPECT_FALSE(FileExists(_payload));
+    EXPECT_TRUE(fs::is_directory(_root.file("work")));
+}
+
+TEST_F(PayloadHandlerTest, CleanupOfALinkRemovesOnlyTheLink) {
+    WriteTextFile(_root.file("elsewhere/precious.txt"), "keep me\n");
+    const std::string link = _root.file("link");
+    ASSERT_EQ(::symlink(_root.file("elsewhere").c_str(), link.c_str()), 0);
+    EXPECT_EQ(PayloadHandler::cleanupDir(link), 0);
+    EXPECT_FALSE(FileExists(link));
+    EXPECT_EQ(ReadTextFile(_root.file("elsewhere/precious.txt")), "keep me\n");
+}
+
+TEST_F(PayloadHandlerTest, CleanupOfAMissingFolderFails) {
+    LogCapture log;
+    EXPECT_EQ(PayloadHandler::cleanupDir(_root.file("missing")), 1);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               ComposeHeadingLine(3, "TEARDOWN for Update"),
+                               "Cleanup \"" + _root.file("missing") + "\".",
+                               "Remove operation failed.",
+                           }));
+}
+
+} // namespace

@@ -1,0 +1,21 @@
+#include "bspatch/Bspatch.h"
+
+#include <cstdio>
+
+// bspatch oldfile newfile patchfile
+// Exit status 0 only when newfile was written whole; 1 for any failure, with newfile left as
+// it was.
+int main(int argc, char** argv) {
+    if (argc != 4) {
+        std::fprintf(stderr, "usage: %s oldfile newfile patchfile\n",
+                     argc > 0 ? argv[0] : "bspatch");
+        return 1;
+    }
+    std::string detail;
+    const BspatchResult result = ApplyBsdiffPatch(argv[1], argv[2], argv[3], &detail);
+    if (result != BspatchResult::Success) {
+        std::fprintf(stderr, "bspatch: %s: %s\n", DescribeBspatchResult(result), detail.c_str());
+        return 1;
+    }
+    return 0;
+}
