@@ -1,0 +1,391 @@
+#include "update/RollBackHandler.h"
+
+#include "run/LoggerUtility.h"
+#include "update/CmdInterface.h"
+#include "update/MD5cksum.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr const char* kHeader = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Manifest>\n";
+constexpr const char* kFileSetOpen = "  <FileSet>\n";
+constexpr const char* kFileSetClose = "  </FileSet>\n";
+constexpr const char* kFileSetEmpty = "  <FileSet/>\n";
+constexpr const char* kDirectorySetOpen = "  <DirectorySet>\n";
+constexpr const char* kDirectorySetClose = "  </DirectorySet>\n";
+constexpr const char* kDirectorySetEmpty = "  <DirectorySet/>\n";
+constexpr const char* kRootClose = "</Manifest>\n";
+
+// Character data as the XML writer escapes it.
+std::string EscapeText(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        switch (c) {
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '&':
+            out += "&amp;";
+            break;
+        case '\r':
+            out += "&#13;";
+            break;
+        default:
+            out += c;
+        }
+    }
+    return out;
+}
+
+// An attribute value in double quotes, as the XML writer escapes it.
+std::string EscapeAttribute(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        switch (c) {
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '&':
+            out += "&amp;";
+            break;
+        case '"':
+            out += "&quot;";
+            break;
+        case '\n':
+            out += "&#10;";
+            break;
+        case '\r':
+            out += "&#13;";
+            break;
+        case '\t':
+            out += "&#9;";
+            break;
+        default:
+            out += c;
+        }
+    }
+    return out;
+}
+
+void AddTextElement(std::string& out, int indent, const char* name, const std::string& text) {
+    out.append(static_cast<size_t>(indent), ' ');
+    if (text.empty()) {
+        out += "<" + std::string(name) + "/>\n";
+        return;
+    }
+    out += "<" + std::string(name) + ">" + EscapeText(text) + "</" + name + ">\n";
+}
+
+void AddPathElement(std::string& out, int indent, const char* name, const std::string& dir) {
+    out.append(static_cast<size_t>(indent), ' ');
+    out += "<" + std::string(name) + " defName=\"\" dir=\"" + EscapeAttribute(dir) + "\"/>\n";
+}
+
+bool IsOverwriteFamily(const std::string& operation) {
+    return EqualsIgnoringCase(operation, "OVERWRITE") ||
+           EqualsIgnoringCase(operation, "BLINDOVERWRITE") ||
+           EqualsIgnoringCase(operation, "PATCH") || EqualsIgnoringCase(operation, "TOUCH");
+}
+
+} // namespace
+
+RollBackHandler::RollBackHandler(std::string backupDir)
+    : rollBackFile(CmdInterface::JoinPath(backupDir, kJournalName)),
+      _backupDir(std::move(backupDir)) {}
+
+// ---------------------------------------------------------------------------------------
+// Backup copies
+
+int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info) {
+    const std::string& destination = info.DestinationPath;
+    struct stat entry {};
+    if (::lstat(destination.c_str(), &entry) != 0)
+        return 0; // nothing installed, nothing to keep
+    // A link is kept as a link, whatever it points to, so that the replay can put it back
+    // as it was; a real folder is not a file entry's business.
+    if (!S_ISLNK(entry.st_mode) && S_ISDIR(entry.st_mode))
+        return 0;
+    const std::string backup = CmdInterface::JoinPath(_backupDir, info.ObjectName);
+    NSLevelledLog(3, "Creating backup: Copying \"%@\" to \"%@\" ", destination, backup);
+    const std::string folder = CmdInterface::ParentPath(backup);
+    if (!folder.empty() && folder != _backupDir)
+        (void)CmdInterface::createDirectoryAtPath(folder, true); // shows in the copy
+    // The copy is synced before the change it guards is made, so the journal never names a
+    // backup that a crash could lose.
+    if (!CmdInterface::copyItem(destination, backup, true)) {
+        NSLevelledLog(3, "File copy operation failed.");
+        return 1;
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------
+// Entries
+
+bool RollBackHandler::addUndoFileCommand(const FileOperationInfo& info) {
+    const std::string backup = CmdInterface::JoinPath(_backupDir, info.ObjectName);
+    struct stat linkInfo {};
+    const bool backupIsLink = ::lstat(backup.c_str(), &linkInfo) == 0 && S_ISLNK(linkInfo.st_mode);
+    std::string linkTarget;
+    if (backupIsLink) {
+        std::vector<char> buffer(PATH_MAX + 1);
+        const ssize_t length = ::readlink(backup.c_str(), buffer.data(), buffer.size());
+        if (length > 0 && static_cast<size_t>(length) < buffer.size())
+            linkTarget.assign(buffer.data(), static_cast<size_t>(length));
+    }
+    struct stat backupInfo {};
+    const bool backupExists = !backupIsLink && ::stat(backup.c_str(), &backupInfo) == 0;
+    const bool backupPresent = backupExists || backupIsLink;
+    const std::optional<std::string> backupChecksum =
+        backupExists ? MD5cksum::getMD5cksumOfFile(backup) : std::nullopt;
+
+    const std::string& operation = info.Operation;
+    std::optional<std::string> inverse;
+    bool swapped = true;
+    if (EqualsIgnoringCase(operation, "ADD")) {
+        if (backupPresent)
+            return true; // the file was there before: nothing to undo
+        inverse = "REMOVE";
+    } else if (EqualsIgnoringCase(operation, "REMOVE")) {
+        if (backupPresent)
+            inverse = "ADD";
+    } else if (IsOverwriteFamily(operation)) {
+        if (backupPresent)
+            inverse = "OVERWRITE";
+    } else if (EqualsIgnoringCase(operation, "RENAME")) {
+        if (backupPresent)
+            inverse = "RENAME";
+        swapped = false;
+    } else if (EqualsIgnoringCase(operation, "CHANGEPERM")) {
+        if (backupPresent)
+            inverse = "CHANGEPERM";
+        swapped = false;
+    } else if (EqualsIgnoringCase(operation, "CREATELINK")) {
+        inverse = backupPresent ? "OVERWRITE" : "REMOVE";
+    } else if (EqualsIgnoringCase(operation, "IGNORE")) {
+        inverse = "IGNORE";
+    } else {
+        inverse = kNoInverseOperation;
+    }
+    if (!inverse) {
+        NSLevelledLog(3, "No rollback written as file does not exist.");
+        return true;
+    }
+
+    FileOperationInfo entry;
+    entry.Operation = *inverse;
+    entry.ObjectName = info.ObjectName;
+    if (backupIsLink) {
+        // The replay recreates the link that was there.
+        entry.Operation = "CREATELINK";
+        entry.DestinationPath = info.DestinationPath;
+        entry.RenamePath = linkTarget;
+    } else if (IsAbsentField(info.RenamePath) || EqualsIgnoringCase(operation, "CREATELINK")) {
+        entry.DestinationPath = info.DestinationPath;
+        entry.RenamePath = info.RenamePath;
+    } else {
+        // A rename is undone by moving the file back.
+        entry.DestinationPath = info.RenamePath;
+        entry.RenamePath = info.DestinationPath;
+    }
+    if (swapped) {
+        entry.BeforePatch = info.AfterPatch;
+        entry.AfterPatch = backupChecksum ? *backupChecksum : info.BeforePatch;
+    } else {
+        entry.BeforePatch = info.BeforePatch;
+        entry.AfterPatch = info.AfterPatch;
+    }
+    if (backupExists) {
+        entry.UserID = std::to_string(backupInfo.st_uid);
+        entry.GroupID = std::to_string(backupInfo.st_gid);
+        entry.Permission =
+            StringWithFormat("%o", static_cast<unsigned>(backupInfo.st_mode & 07777));
+    } else {
+        entry.UserID = info.UserID;
+        entry.GroupID = info.GroupID;
+        entry.Permission = info.Permission;
+    }
+    return appendFileEntry(fileEntryText(entry));
+}
+
+bool RollBackHandler::addUndoDirectoryCommand(const DirectoryOperationInfo& info) {
+    DirectoryOperationInfo entry;
+    entry.DirectoryBase = info.DirectoryBase;
+    if (EqualsIgnoringCase(info.Operation, "ADD")) {
+        entry.Operation = "REMOVE";
+    } else if (EqualsIgnoringCase(info.Operation, "REMOVE")) {
+        struct stat folder {};
+        if (::stat(info.DirectoryBase.c_str(), &folder) != 0)
+            return true; // nothing will be removed, nothing to put back
+        entry.Operation = "ADD";
+    } else {
+        entry.Operation = kNoInverseOperation;
+    }
+    return appendDirectoryEntry(directoryEntryText(entry));
+}
+
+std::string RollBackHandler::fileEntryText(const FileOperationInfo& entry) {
+    std::string out = "    <File>\n";
+    AddTextElement(out, 6, "Operation", entry.Operation);
+    AddTextElement(out, 6, "ObjectName", entry.ObjectName);
+    AddPathElement(out, 6, "DestinationPath", entry.DestinationPath);
+    out += "      <Checksum>\n";
+    AddTextElement(out, 8, "BeforePatch", entry.BeforePatch);
+    AddTextElement(out, 8, "AfterPatch", entry.AfterPatch);
+    out += "      </Checksum>\n";
+    AddPathElement(out, 6, "RenamePath", entry.RenamePath);
+    out += "      <Permissions>\n";
+    AddTextElement(out, 8, "UserID", entry.UserID);
+    AddTextElement(out, 8, "GroupID", entry.GroupID);
+    AddTextElement(out, 8, "Permission", entry.Permission);
+    out += "      </Permissions>\n";
+    out += "    </File>\n";
+    return out;
+}
+
+std::string RollBackHandler::directoryEntryText(const DirectoryOperationInfo& entry) {
+    std::string out = "    <Directory>\n";
+    AddTextElement(out, 6, "Operation", entry.Operation);
+    AddTextElement(out, 6, "DirectoryBase", entry.DirectoryBase);
+    out += "    </Directory>\n";
+    return out;
+}
+
+// ---------------------------------------------------------------------------------------
+// The file
+
+std::string RollBackHandler::fileSectionTail() const {
+    return _fileCount > 0 ? kFileSetClose : kFileSetEmpty;
+}
+
+std::string RollBackHandler::directorySection() const {
+    if (_directoryCount == 0)
+        return std::string(kDirectorySetEmpty) + kRootClose;
+    return kDirectorySetOpen + _directoryEntries + kDirectorySetClose + kRootClose;
+}
+
+bool RollBackHandler::appendFileEntry(const std::string& text) {
+    if (!_started) {
+        const std::string document =
+            std::string(kHeader) + kFileSetOpen + text + kFileSetClose + directorySection();
+        if (!writeFirstDocument(document))
+            return false;
+        _fileSectionStart = std::strlen(kHeader);
+        _fileEntriesEnd = _fileSectionStart + std::strlen(kFileSetOpen) + text.size();
+        _fileCount = 1;
+        return true;
+    }
+    // The new entry goes where the file section's tail begins; everything after it (the
+    // tail, and the directory section, which is empty or short in a forward run where
+    // directories come last) is written again behind it.
+    const uint64_t offset = _fileCount > 0 ? _fileEntriesEnd : _fileSectionStart;
+    const std::string oldTail = fileSectionTail() + directorySection();
+    const uint64_t oldEnd = offset + oldTail.size();
+    const std::string opening = _fileCount > 0 ? "" : kFileSetOpen;
+    const std::string newText = opening + text + kFileSetClose + directorySection();
+    if (!writeAt(offset, newText, oldEnd, oldTail))
+        return false;
+    _fileEntriesEnd = offset + opening.size() + text.size();
+    ++_fileCount;
+    return true;
+}
+
+bool RollBackHandler::appendDirectoryEntry(const std::string& text) {
+    if (!_started) {
+        const std::string document = std::string(kHeader) + kFileSetEmpty + kDirectorySetOpen +
+                                     text + kDirectorySetClose + kRootClose;
+        if (!writeFirstDocument(document))
+            return false;
+        _fileSectionStart = std::strlen(kHeader);
+        _fileEntriesEnd = _fileSectionStart;
+        _directoryEntries = text;
+        _directoryCount = 1;
+        return true;
+    }
+    const uint64_t sectionStart =
+        (_fileCount > 0 ? _fileEntriesEnd : _fileSectionStart) + fileSectionTail().size();
+    uint64_t offset = 0;
+    std::string newText;
+    if (_directoryCount == 0) {
+        offset = sectionStart;
+        newText = kDirectorySetOpen + text + kDirectorySetClose + kRootClose;
+    } else {
+        offset = sectionStart + std::strlen(kDirectorySetOpen) + _directoryEntries.size();
+        newText = text + kDirectorySetClose + kRootClose;
+    }
+    const std::string oldTail = _directoryCount == 0 ? std::string(kDirectorySetEmpty) + kRootClose
+                                                     : std::string(kDirectorySetClose) + kRootClose;
+    if (!writeAt(offset, newText, offset + oldTail.size(), oldTail))
+        return false;
+    _directoryEntries += text;
+    ++_directoryCount;
+    return true;
+}
+
+bool RollBackHandler::writeFirstDocument(const std::string& text) {
+    std::string error;
+    if (!WriteFileAtomically(rollBackFile, text, &error)) {
+        reportWriteFailure(error);
+        return false;
+    }
+    _journalFd.reset(::open(rollBackFile.c_str(), O_WRONLY | O_CLOEXEC));
+    if (!_journalFd.valid()) {
+        reportWriteFailure(std::strerror(errno));
+        return false;
+    }
+    _started = true;
+    return true;
+}
+
+bool RollBackHandler::writeAt(uint64_t offset, const std::string& text, uint64_t oldEnd,
+                              const std::string& oldTail) {
+    // One positioned write replaces the old tail with the new entry and a new tail, so a
+    // process killed at any moment leaves either the old or the new document; the sync
+    // makes the entry durable before the next change is made.
+    size_t done = 0;
+    int error = 0;
+    while (done < text.size()) {
+        const ssize_t wrote = ::pwrite(_journalFd.get(), text.data() + done, text.size() - done,
+                                       static_cast<off_t>(offset + done));
+        if (wrote < 0 && errno == EINTR)
+            continue;
+        if (wrote <= 0) {
+            error = wrote < 0 ? errno : ENOSPC;
+            break;
+        }
+        done += static_cast<size_t>(wrote);
+    }
+    if (error == 0 && ::fdatasync(_journalFd.get()) != 0)
+        error = errno;
+    if (error == 0)
+        return true;
+
+    // Put the old tail back and cut off what part of the new text got written, so the
+    // journal stays the document it was.
+    (void)!::pwrite(_journalFd.get(), oldTail.data(), oldTail.size(), static_cast<off_t>(offset));
+    (void)!::ftruncate(_journalFd.get(), static_cast<off_t>(oldEnd));
+    (void)::fdatasync(_journalFd.get());
+    reportWriteFailure(std::strerror(error));
+    return false;
+}
+
+void RollBackHandler::reportWriteFailure(const std::string& reason) const {
+    // The change stands; only its undo is lost. There is no one to beep at on this
+    // platform's headless runs, so the log carries the warning.
+    NSLevelledLog(0, "Failed to write the rollback journal \"%@\": %@", rollBackFile, reason);
+}

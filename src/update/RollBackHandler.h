@@ -1,0 +1,78 @@
+#pragma once
+
+#include "base/FileUtil.h"
+#include "update/FileOperationInfo.h"
+
+#include <cstdint>
+#include <string>
+
+// The undo journal of a forward run. Before a file is changed its installed copy is kept in
+// the backup folder; after each change an entry describing the inverse change is added to
+// "RollBack.xml" in that folder. The journal is a manifest ("Manifest" with "FileSet" and
+// "DirectorySet"), so a rollback is one more manifest run over it with the backup folder
+// as payload folder.
+//
+// The file is never rewritten whole: each entry is written over the closing tail of its set
+// together with a fresh tail, in one positioned write followed by a data sync. An entry
+// therefore costs the same however long the journal already is, and the file is a complete,
+// well-formed document after every entry, so a run killed at any moment leaves a journal
+// holding every completed change. Everything the replay needs (the journal and the backup
+// copies) is on disk; nothing lives only in this object.
+class RollBackHandler {
+public:
+    static constexpr const char* kJournalName = "RollBack.xml";
+    // The Operation written for a forward keyword that has no inverse: it matches no keyword,
+    // so the replay does nothing for it.
+    static constexpr const char* kNoInverseOperation = "NO_INVERSE_OPERATION";
+
+    // Nothing is written until the first entry; the first entry replaces any older journal.
+    explicit RollBackHandler(std::string backupDir);
+    RollBackHandler(const RollBackHandler&) = delete;
+    RollBackHandler& operator=(const RollBackHandler&) = delete;
+
+    // Copies the installed destination to the backup folder under ObjectName before it is
+    // changed. 0 when copied or when there is nothing to keep (no destination, a folder); 1
+    // after "File copy operation failed.". An existing backup of that name is never replaced,
+    // so the oldest state of a file is the one kept. Symbolic links are kept as links.
+    [[nodiscard]] int32_t backupFileOperation(const FileOperationInfo& info);
+
+    // Journals the inverse of a completed file change. True when an entry was written or
+    // none was due; false when the journal could not be written (logged).
+    [[nodiscard]] bool addUndoFileCommand(const FileOperationInfo& info);
+    // Journals the inverse of a directory operation that is about to run. As above.
+    [[nodiscard]] bool addUndoDirectoryCommand(const DirectoryOperationInfo& info);
+
+    const std::string& rollBackFilePath() const { return rollBackFile; }
+    const std::string& backupDir() const { return _backupDir; }
+
+    // The XML text of one journal entry at its place in the document (indented, one line per
+    // element, ending in a newline). Only Operation, ObjectName, DestinationPath,
+    // BeforePatch, AfterPatch, RenamePath, UserID, GroupID and Permission are written.
+    static std::string fileEntryText(const FileOperationInfo& entry);
+    static std::string directoryEntryText(const DirectoryOperationInfo& entry);
+
+private:
+    [[nodiscard]] bool appendFileEntry(const std::string& text);
+    [[nodiscard]] bool appendDirectoryEntry(const std::string& text);
+    // Writes text at offset over the old tail and syncs it; on failure puts the old tail
+    // back (oldEnd is the file size before) so the document stays whole.
+    [[nodiscard]] bool writeAt(uint64_t offset, const std::string& text, uint64_t oldEnd,
+                               const std::string& oldTail);
+    [[nodiscard]] bool writeFirstDocument(const std::string& text);
+    std::string fileSectionTail() const;
+    std::string directorySection() const;
+    void reportWriteFailure(const std::string& reason) const;
+
+    std::string rollBackFile;
+    std::string _backupDir;
+    UniqueFd _journalFd;
+    bool _started = false;
+    // Layout of the file: header, file section, directory section, closing root tag.
+    uint64_t _fileSectionStart = 0; // where "<FileSet" begins
+    uint64_t _fileEntriesEnd = 0;   // end of the last File entry
+    uint64_t _fileCount = 0;
+    uint64_t _directoryCount = 0;
+    // The directory entries as written; kept so that a file entry that comes after them can
+    // rewrite the (short) directory section behind itself.
+    std::string _directoryEntries;
+};
