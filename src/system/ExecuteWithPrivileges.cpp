@@ -91,8 +91,8 @@ void ExecuteWithPrivileges::raisePrivileges() {
         return;
     }
     NSLevelledLog(0, "Failed to elevate the privileges");
-    NSLevelledLog(0, "UID:%d EUID:%d", _savedUID, _savedeUID);
-    NSLevelledLog(0, "UID:%d EUID:%d", ::getuid(), ::geteuid());
+    NSLevelledLog(3, "UID:%d EUID:%d", _savedUID, _savedeUID);
+    NSLevelledLog(3, "UID:%d EUID:%d", ::getuid(), ::geteuid());
 }
 
 ExecuteWithPrivileges::~ExecuteWithPrivileges() {
