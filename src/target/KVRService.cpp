@@ -1,0 +1,3 @@
+#include "target/KVRService.h"
+
+KVRService::KVRService(KVRServiceLoader& loader) : _loader(loader) {}
