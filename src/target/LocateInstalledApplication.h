@@ -1,0 +1,94 @@
+#pragma once
+
+#include "base/Xml.h"
+#include "system/PlatformPaths.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+class AppValidationData;
+class LoadConfigData;
+class ProductData;
+
+// Finds the installed application that this patcher updates, through the installation
+// database (the process's ZOTH client must exist, see InstantiateZOTHService), follows it
+// when it was moved, and decides whether it may be patched: identity, version, patcher
+// mode (through the patch-history handler, OrvelCodeFileHandler), key/value pairs of its
+// files and free disk space.
+class LocateInstalledApplication {
+public:
+    // Results of locateAndValidateApplication and isProperProduct.
+    static constexpr int kValid = 0;
+    static constexpr int kNotFound = 1;
+    static constexpr int kNotProper = -1;
+    static constexpr int kAlreadyUpToDate = 3;
+    // Results of isSufficientDiskSpace (5 and 6 also of locateAndValidateApplication).
+    static constexpr int kEnoughSpace = 4;
+    static constexpr int kNoSpaceOnOSVolume = 5;
+    static constexpr int kNoSpaceOnAppVolume = 6;
+
+    // The configuration must outlive the locator; the locator stores the installation code
+    // it finds in the configuration's validation record. Fixed locations (patch-history
+    // folder, "/tmp" volume, protected folders) come from paths.
+    LocateInstalledApplication(LoadConfigData& configData, bool underKOR,
+                               const PlatformPaths& paths = PlatformPaths::defaults());
+
+    // Searches the configured installation codes in order and validates what it finds.
+    // appPath is cleared first and set to the installation folder on 0, and on 5 or 6 after
+    // a successful search. Returns 0 valid, 1 not found, -1 not the right product or no
+    // code configured, 3 already up to date, 5 / 6 too little space on the system / the
+    // application's volume. On success the installation language from the database
+    // becomes the run's install language.
+    [[nodiscard]] int locateAndValidateApplication(std::string& appPath);
+
+    // Whether the folder holds the right application in a version this patcher may update:
+    // 0 proper, 1 folder (or its KVR file) missing, -1 wrong product or version or no
+    // usable patcher mode, 3 already up to date. Creates the patch-history handler.
+    [[nodiscard]] int isProperProduct(const std::optional<std::string>& folder);
+    // 4 enough space, 6 too little on the folder's volume, 5 too little on the "/tmp" volume.
+    [[nodiscard]] int isSufficientDiskSpace(const std::string& folder);
+
+    // What getKeyValues found: the value of a property list's key as text, or the nodes
+    // that an XML file's query matched.
+    struct KeyValue {
+        std::optional<std::string> plistValue;
+        std::vector<XmlNode> nodes;
+    };
+    // The value under the key of a "plist" file, or the nodes of "<section>/<key>" in an
+    // "xml" file (types compared without regard to case). Nothing when an argument is
+    // missing, the file cannot be read, nothing matches, or the type is another one.
+    std::optional<KeyValue> getKeyValues(const std::optional<std::string>& key,
+                                         const std::optional<std::string>& section,
+                                         const std::optional<std::string>& filePath,
+                                         const std::optional<std::string>& fileType);
+    // True when the list holds exactly one node and that node is an element.
+    static bool isSingleElementType(const std::vector<XmlNode>& nodes);
+
+    // Other ways of finding an application, not used in a run. Linux has no Launch
+    // Services, Finder aliases or open panel: the lookup and the panel give nothing, and an
+    // alias path resolves to a copy of itself.
+    static std::optional<std::string>
+    appPathFromLaunchServices(const std::string& bundleIdentifier);
+    static std::string appPathFromAlias(const std::string& path);
+    std::optional<std::string> _appPathFromUser();
+    std::optional<std::string> _appPathFromUserWithDefault(const std::string& defaultPath);
+    // The choice rule of the open panel: folders are shown; an "app" bundle is hidden when
+    // isProperProduct rejects it with -1.
+    bool panelShouldShowFilename(const std::string& filename);
+
+    bool isRunningUnderKOR() const { return _isRunningUnderKOR; }
+
+private:
+    // Follows an application that was moved since it was installed, using the KVR file's
+    // path recorded in the database's KVR domain. Returns the new result and sets folder.
+    int followMovedApplication(const std::string& code, std::optional<std::string>& folder);
+    int decidePatcherMode(const std::string& installedVersion, bool historyExists);
+    void checkKeyValuePairs();
+
+    LoadConfigData& _configData;
+    ProductData& _findAppData;
+    AppValidationData& _validateAppData;
+    bool _isRunningUnderKOR;
+    const PlatformPaths& _paths;
+};
