@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <bzlib.h>
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <dirent.h>
@@ -18,6 +19,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -396,6 +398,28 @@ TEST(BspatchTest, EveryDamagedByteOfARealPatchFailsOrGivesTheRightFile) {
     EXPECT_GT(refused, 9 * unharmed);
 }
 
+TEST(BspatchTest, FuzzSeedsAreWholePatches) {
+    // Each seed is the old file's length (two bytes), the old file and a bsdiff patch.
+    Fixture f;
+    int seeds = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(FUZZ_CORPUS)) {
+        SCOPED_TRACE(entry.path().string());
+        const Bytes seed = ReadBytes(entry.path().string());
+        ASSERT_GE(seed.size(), 2u);
+        const size_t oldSize = seed[0] | (seed[1] << 8);
+        ASSERT_GE(seed.size(), 2 + oldSize + kBsdiffHeaderSize);
+        WriteBytes(f.oldPath,
+                   Bytes(seed.begin() + 2, seed.begin() + 2 + static_cast<long>(oldSize)));
+        WriteBytes(f.patchPath, Bytes(seed.begin() + 2 + static_cast<long>(oldSize), seed.end()));
+        std::string detail;
+        EXPECT_EQ(ApplyBsdiffPatch(f.oldPath, f.outPath, f.patchPath, &detail),
+                  BspatchResult::Success)
+            << detail;
+        ++seeds;
+    }
+    EXPECT_GE(seeds, 3);
+}
+
 // ---- the program ----
 
 TEST(BspatchTest, ProgramExitStatusAndArguments) {
@@ -454,24 +478,97 @@ TEST(BspatchTest, TheBundleCarriesTheProgram) {
     EXPECT_TRUE(ReadBytes(bundled) == ReadBytes(BSPATCH_PROGRAM));
 }
 
-// Peak resident memory of a program run, in bytes; nothing when it could not run.
-std::optional<long> PeakMemoryOfRun(const std::vector<std::string>& argv) {
+struct ChildRun {
+    int status = -1;    // exit status; -1 when it did not run or did not exit normally
+    long peakBytes = 0; // peak resident memory
+};
+
+// Runs a program with an optional limit on the size of the files it writes; writes past the
+// limit fail with EFBIG instead of raising SIGXFSZ.
+ChildRun RunChild(const std::vector<std::string>& argv, rlim_t fileSizeLimit = RLIM_INFINITY) {
+    std::vector<char*> args;
+    for (const auto& arg : argv)
+        args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    ChildRun run;
     const pid_t pid = ::fork();
     if (pid < 0)
-        return std::nullopt;
+        return run;
     if (pid == 0) {
-        std::vector<char*> args;
-        for (const auto& arg : argv)
-            args.push_back(const_cast<char*>(arg.c_str()));
-        args.push_back(nullptr);
+        if (fileSizeLimit != RLIM_INFINITY) {
+            const struct rlimit limit = {fileSizeLimit, fileSizeLimit};
+            ::setrlimit(RLIMIT_FSIZE, &limit);
+            ::signal(SIGXFSZ, SIG_IGN);
+        }
         ::execv(args[0], args.data());
         ::_exit(127);
     }
     int status = 0;
     struct rusage usage {};
-    if (::wait4(pid, &status, 0, &usage) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        return std::nullopt;
-    return usage.ru_maxrss * 1024L;
+    if (::wait4(pid, &status, 0, &usage) != pid)
+        return run;
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.peakBytes = usage.ru_maxrss * 1024L;
+    return run;
+}
+
+TEST(BspatchTest, AFailedWriteLeavesNoPartialFile) {
+    Fixture f;
+    const Bytes oldData = RandomBytes(300000, 41);
+    Bytes diff(oldData.size(), 0);
+    diff[1000] = 1;
+    WriteBytes(f.oldPath, oldData);
+    WriteBytes(f.patchPath, MakePatch({{static_cast<int64_t>(oldData.size()), 0, 0}}, diff, {},
+                                      static_cast<int64_t>(oldData.size())));
+    WriteTextFile(f.outPath, "previous output");
+    // The program may write at most 64 KiB per file: the new file cannot be completed.
+    EXPECT_EQ(RunChild({BSPATCH_PROGRAM, f.oldPath, f.outPath, f.patchPath}, 64 * 1024).status, 1);
+    EXPECT_EQ(ReadTextFile(f.outPath), "previous output");
+    EXPECT_EQ(FolderEntries(f.dir.path()), (std::vector<std::string>{"old", "out", "patch"}));
+    // Without the limit the same run succeeds.
+    EXPECT_EQ(RunChild({BSPATCH_PROGRAM, f.oldPath, f.outPath, f.patchPath}).status, 0);
+    Bytes expected = oldData;
+    expected[1000] = static_cast<uint8_t>(expected[1000] + 1);
+    EXPECT_TRUE(ReadBytes(f.outPath) == expected);
+}
+
+TEST(BspatchTest, PatchesIntoASinkAndStopsWhenItRefuses) {
+    const Bytes oldData = RandomBytes(200000, 51);
+    Bytes newData = oldData;
+    newData.erase(newData.begin() + 50000, newData.begin() + 60000);
+    const Bytes extra = Text("inserted text");
+    const std::vector<BsdiffControl> controls = {{50000, 13, 10000}, {140000, 0, 0}};
+    Bytes diff(190000, 0);
+    const Bytes patch = MakePatch(controls, diff, extra, 190013);
+    Bytes expected(oldData.begin(), oldData.begin() + 50000);
+    expected.insert(expected.end(), extra.begin(), extra.end());
+    expected.insert(expected.end(), oldData.begin() + 60000, oldData.end());
+
+    const int fd = ::memfd_create("patch", MFD_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::write(fd, patch.data(), patch.size()), static_cast<ssize_t>(patch.size()));
+    Bytes received;
+    EXPECT_EQ(ApplyBsdiffPatchToSink(oldData, fd,
+                                     [&](const uint8_t* data, size_t size) {
+                                         received.insert(received.end(), data, data + size);
+                                         return true;
+                                     }),
+              BspatchResult::Success);
+    EXPECT_TRUE(received == expected);
+
+    size_t accepted = 0;
+    std::string detail;
+    EXPECT_EQ(ApplyBsdiffPatchToSink(
+                  oldData, fd,
+                  [&](const uint8_t*, size_t size) {
+                      accepted += size;
+                      return accepted < 100000;
+                  },
+                  &detail),
+              BspatchResult::OutputFailed);
+    EXPECT_LT(accepted, 100000u + 64 * 1024);
+    EXPECT_EQ(detail, "the new file cannot be written");
+    ::close(fd);
 }
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -503,12 +600,12 @@ TEST(BspatchTest, MemoryStaysWithinOldSizePlusAConstant) {
         oldSize = oldData.size();
     }
     // The buffers are gone before the fork: a child's peak includes what it was forked with.
-    const auto peak = PeakMemoryOfRun({BSPATCH_PROGRAM, f.oldPath, f.outPath, f.patchPath});
-    ASSERT_TRUE(peak);
+    const ChildRun run = RunChild({BSPATCH_PROGRAM, f.oldPath, f.outPath, f.patchPath});
+    ASSERT_EQ(run.status, 0);
     EXPECT_TRUE(ReadBytes(f.outPath) == ReadBytes(f.newPath));
-    std::printf("bspatch peak memory: %ld KiB for a %zu KiB old file\n", *peak / 1024,
+    std::printf("bspatch peak memory: %ld KiB for a %zu KiB old file\n", run.peakBytes / 1024,
                 oldSize / 1024);
-    EXPECT_LT(*peak, static_cast<long>(oldSize) + 24L * 1024 * 1024);
+    EXPECT_LT(run.peakBytes, static_cast<long>(oldSize) + 24L * 1024 * 1024);
 }
 
 } // namespace
