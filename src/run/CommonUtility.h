@@ -1,6 +1,7 @@
 #pragma once
 
 #include "system/PlatformPaths.h"
+#include "xplat/FileVersionCompare.h" // FileVersionCompareAllowsReplace(newFile, installedFile)
 
 #include <cstdint>
 #include <optional>

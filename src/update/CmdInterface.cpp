@@ -1,5 +1,7 @@
 #include "update/CmdInterface.h"
 
+#include "run/CommonUtility.h"
+
 #include "base/FileUtil.h"
 #include "run/LoggerUtility.h"
 #include "system/ExecUtils.h"
@@ -231,9 +233,7 @@ bool CmdInterface::allowsReplace(const std::string& newFile,
                                  const std::string& installedFile) const {
     if (_allowsReplace)
         return _allowsReplace(newFile, installedFile);
-    // Without the version library every file is of unknown type, and files of unknown type
-    // may always be replaced.
-    return true;
+    return FileVersionCompareAllowsReplace(newFile, installedFile);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -407,9 +407,13 @@ int32_t CmdInterface::copyForOverwrite(const FileOperationInfo& info, bool oldRe
             writeUndoForFileSetOperation(info);
         return 1;
     }
-    writeUndoForFileSetOperation(info);
     const auto checksum = MD5cksum::getMD5cksumOfFile(destination);
     if (!ChecksumMatches(checksum, info.AfterPatch)) {
+        // The undo entry must match the file as it now is, or its replay would refuse to
+        // put the old file back: journal the checksum the copy really has.
+        FileOperationInfo written = info;
+        written.AfterPatch = ChecksumText(checksum);
+        writeUndoForFileSetOperation(written);
         NSLevelledLog(3, "Checksum verification fail for file %@", destination);
         NSLevelledLog(3,
                       "File Checksum \"%@\", preChecksum from manifest \"%@\", postChecksum from "
@@ -417,6 +421,7 @@ int32_t CmdInterface::copyForOverwrite(const FileOperationInfo& info, bool oldRe
                       ChecksumText(checksum), info.BeforePatch, info.AfterPatch);
         return 1;
     }
+    writeUndoForFileSetOperation(info);
     LogSuccess(info);
     return 0;
 }
@@ -764,7 +769,9 @@ int32_t CmdInterface::removeDirectoryOperation(const DirectoryOperationInfo& inf
         NSLevelledLog(3, "Directory remove operation failed.");
         return 1;
     }
-    cleanupEmptyParentDir(folder, true, true);
+    // The folder itself is gone; the folders above it that it leaves empty go too, so a
+    // replayed ADD of "One/Two" takes "One" with it as well.
+    cleanupEmptyParentDir(ParentPath(folder), true, true);
     return 0;
 }
 

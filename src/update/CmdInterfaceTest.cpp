@@ -435,7 +435,7 @@ std::vector<FileCase> FileCases() {
          },
          Replay::Restores});
     cases.push_back(
-        {"Overwrite_WrongPayloadCannotBeRolledBackByChecksum",
+        {"Overwrite_WrongPayloadIsStillRolledBack",
          [](Env& e) {
              e.putPayload("a.txt", kOther);
              e.put(e.in("a.txt"), kOld);
@@ -447,10 +447,11 @@ std::vector<FileCase> FileCases() {
          },
          [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("a.txt")), kOther); },
          [](Env& e) {
-             return std::vector<Entry>{{"OVERWRITE", "a.txt", e.in("a.txt"), X, mNew(), mOld()}};
+             // The entry carries the checksum the copy really has, so the replay finds
+             // the file it expects and puts the old one back.
+             return std::vector<Entry>{{"OVERWRITE", "a.txt", e.in("a.txt"), X, mOther(), mOld()}};
          },
-         // The file is at neither checksum the entry knows: the replay refuses.
-         Replay::Fails});
+         Replay::Restores});
 
     // ---- BLINDOVERWRITE
     cases.push_back(
@@ -1003,7 +1004,7 @@ TEST_F(CmdInterfaceTest, DirectoryOperationsWithTheirJournalAndReplay) {
          [](Env& e) { EXPECT_TRUE(FileExists(e.in("NewDir"))); },
          "REMOVE",
          Replay::Restores},
-        {"Add_WithIntermediatesLeavesThemOnReplay",
+        {"Add_WithIntermediatesRemovesThemOnReplay",
          NoCheck,
          "ADD",
          "One/Two",
@@ -1013,9 +1014,9 @@ TEST_F(CmdInterfaceTest, DirectoryOperationsWithTheirJournalAndReplay) {
          "REMOVE",
          Replay::Custom,
          [](Env& e) {
-             // Only the journaled folder itself goes; the intermediate one was never named.
+             // The intermediate folder, left empty, goes with the journaled one.
              EXPECT_FALSE(FileExists(e.in("One/Two")));
-             EXPECT_TRUE(FileExists(e.in("One")));
+             EXPECT_FALSE(FileExists(e.in("One")));
          }},
         {"Add_Existing",
          [](Env& e) { e.put(e.in("Dir/file"), "x"); },
