@@ -1,0 +1,490 @@
+#include "update/ProcessManifest.h"
+
+#include "base/PropertyList.h"
+#include "base/StringTable.h"
+#include "run/CommonUtility.h"
+#include "run/Environment.h"
+#include "run/KORInstallerResultsWrapper.h"
+#include "run/LoggerUtility.h"
+#include "run/MainLoop.h"
+#include "run/ProgressWindowController.h"
+#include "run/SilentReturnHandler.h"
+#include "run/ThreadWorker.h"
+#include "target/DirTokenResolver.h"
+#include "target/LoadConfigData.h"
+#include "target/OrvelCodeFileHandler.h"
+#include "update/PayloadHandler.h"
+
+#include <chrono>
+#include <sys/stat.h>
+#include <thread>
+
+namespace {
+
+bool IsSuccessful(const std::string& result) {
+    return result == ProcessManifest::kSuccessful;
+}
+
+bool FileExists(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0;
+}
+
+bool IsFolder(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// The single element's string value, when the query gives exactly one element.
+std::optional<std::string> SingleValue(const XmlNode& node, const std::string& expression) {
+    auto nodes = node.select(expression);
+    if (!ProcessManifest::isSingleElementType(nodes))
+        return std::nullopt;
+    return nodes.front().stringValue();
+}
+
+std::vector<XmlNode> Select(const XmlNode& root, const std::string& expression) {
+    return root.select(expression);
+}
+
+} // namespace
+
+ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDir,
+                                 std::string appPath, std::string resourceDir,
+                                 LoadConfigData* dataLoader, ManifestRunEnvironment environment)
+    : _manifestFile(std::move(manifestFile)), _payloadDir(std::move(payloadDir)),
+      _backupDir(CmdInterface::JoinPath(_payloadDir, "backupDir")), _appPath(std::move(appPath)),
+      _resourceDir(std::move(resourceDir)), _dataLoader(dataLoader),
+      _environment(std::move(environment)), _isSilentInstall(GetENVsilentFlag()) {
+    totalNodesCount = 0;
+    (void)PayloadHandler::extractFile(_resourceDir, _payloadDir);
+    (void)CreateDirectoryAtPath(_backupDir);
+}
+
+ProcessManifest::~ProcessManifest() {
+    // A worker still running holds its own share of itself and only reads this object
+    // through the task; the owner waits for the completion before letting go.
+    if (_tw)
+        _tw->waitUntilFinished();
+}
+
+std::string ProcessManifest::localized(const std::string& key) const {
+    return _environment.strings ? _environment.strings->localizedString(key) : key;
+}
+
+bool ProcessManifest::isSingleElementType(const std::vector<XmlNode>& nodes) {
+    return IsSingleElement(nodes);
+}
+
+void ProcessManifest::handleError(const XmlError& error) {
+    NSLevelledLog(0, " Error Code returned : %d", error.code);
+}
+
+XmlNode ProcessManifest::getRootNodeOfXMLGivenPath(const std::string& path) {
+    if (path.empty()) {
+        NSLevelledLog(3, "Can't create an URL from file path %@.", path);
+        return {};
+    }
+    auto parsed = XmlDocument::parseFile(path);
+    if (!parsed.errors.empty()) {
+        handleError(parsed.errors.front());
+        return {};
+    }
+    if (!parsed.document)
+        return {};
+    return XmlDocument::root(parsed.document);
+}
+
+std::optional<std::string>
+ProcessManifest::getLocalizedNameGivenArray(const std::vector<XmlNode>& nodes) {
+    if (nodes.empty())
+        return std::nullopt;
+    auto found =
+        nodes.front().select("../FileName[@lang = $lang]", {{"lang", GetENVinstallLanguage()}});
+    if (!isSingleElementType(found))
+        return std::nullopt;
+    return found.front().stringValue();
+}
+
+bool ProcessManifest::performAction(ProgressWindowController* progress) {
+    XmlNode root = getRootNodeOfXMLGivenPath(_manifestFile);
+    if (!root) {
+        NSLevelledLog(3, "Improper Manifest file");
+        return false;
+    }
+    _progressController = progress;
+    auto work = std::make_shared<WorkDictionary>();
+    work->rootNode = root;
+    work->manifestFile = _manifestFile;
+    work->payloadDir = _payloadDir;
+    work->resourceDir = _resourceDir;
+    work->backupDir = _backupDir;
+    work->appPath = _appPath;
+    work->progress = progress;
+    _tw = ThreadWorker::workOn(
+        *_environment.loop, "ProcessManifest", "performUpdate:worker:",
+        [this](const std::any& argument, ThreadWorker& worker) -> std::any {
+            auto dictionary = std::any_cast<std::shared_ptr<WorkDictionary>>(argument);
+            return performUpdate(*dictionary, &worker);
+        },
+        work,
+        [this](const std::any& result) {
+            longTaskFinished(result.has_value() ? std::any_cast<std::string>(result)
+                                                : std::string(kPermanentError));
+        });
+    return _tw != nullptr;
+}
+
+std::string ProcessManifest::performUpdate(WorkDictionary& work, ThreadWorker* worker) {
+    DirTokenResolver resolver(_environment.paths);
+    const std::string appPath = work.appPath;
+    _serviceHandler = std::make_unique<ServicesHandler>(
+        work.rootNode, work.payloadDir,
+        [resolver](const std::string& path) {
+            return resolver.expandDirectoryTokenForPath(path, std::nullopt);
+        },
+        _environment.serviceSettings);
+    _serviceHandler->stopServices();
+    return invokeAction(work.rootNode, work.appPath, work.payloadDir, work.resourceDir,
+                        work.backupDir, work.progress, false, worker);
+}
+
+std::string ProcessManifest::invokeAction(const XmlNode& rootNode, const std::string& appPath,
+                                          const std::string& payloadDir,
+                                          const std::string& resourceDir,
+                                          const std::optional<std::string>& backupDir,
+                                          ProgressWindowController* progress, bool isRollback,
+                                          ThreadWorker* worker) {
+    CmdInterface::Options options = _environment.cmdOptions;
+    OrvelCodeFileHandler* history = OrvelCodeFileHandler::getInstance();
+    options.isRepairMode =
+        history && history->getPatcherMode() == OrvelCodeFileHandler::kModeRepair;
+    if (options.protectedFolders.empty())
+        options.protectedFolders = _environment.paths.protectedFolders;
+    CmdInterface cmdInterface(payloadDir, resourceDir, backupDir, options);
+    DirTokenResolver dirToken(_environment.paths);
+    _isProcessingRollback = isRollback;
+
+    WorkDictionary work;
+    work.rootNode = rootNode;
+    work.manifestFile = _manifestFile;
+    work.payloadDir = payloadDir;
+    work.resourceDir = resourceDir;
+    work.backupDir = backupDir;
+    work.appPath = appPath;
+    work.progress = progress;
+    work.cmdInterface = &cmdInterface;
+    work.dirToken = &dirToken;
+
+    const auto files = Select(rootNode, "/Manifest/FileSet/File");
+    const auto bundles = Select(rootNode, "/Manifest/BundleSet/Bundle");
+    const auto bundleFiles = Select(rootNode, "/Manifest/BundleSet/Bundle/File");
+    const auto aliases = Select(rootNode, "/Manifest/AliasSet/Alias");
+    const auto directories = Select(rootNode, "/Manifest/DirectorySet/Directory");
+
+    if (progress && !isRollback) {
+        currentNodesCount = 0;
+        totalNodesCount = static_cast<int>(files.size() + bundleFiles.size() + aliases.size() +
+                                           directories.size());
+        progress->setProperties(totalNodesCount);
+    }
+
+    std::string result = kSuccessful;
+    if (!files.empty()) {
+        NSFormatLogWithHeading(1, isRollback ? "ROLLBACK FILE SET OPERATION"
+                                             : "PERFORMING FILE SET OPERATION");
+        work.workingNodesArray = files;
+        result = processFileSet(work, worker);
+    }
+    if (IsSuccessful(result) && !bundleFiles.empty()) {
+        NSFormatLogWithHeading(1, isRollback ? "ROLLBACK BUNDLE SET OPERATION"
+                                             : "PERFORMING BUNDLE SET OPERATION");
+        work.workingNodesArray = bundles;
+        result = processBundleSet(work, worker);
+    }
+    if (IsSuccessful(result) && !directories.empty()) {
+        NSFormatLogWithHeading(1, isRollback ? "ROLLBACK DIRECTORY SET OPERATION"
+                                             : "PERFORMING DIRECTORY SET OPERATION");
+        work.workingNodesArray = directories;
+        result = processDirectorySet(work, worker);
+    }
+    return result;
+}
+
+bool ProcessManifest::progressStep(ProgressWindowController* progress,
+                                   const std::string& workingFile) {
+    if (!progress)
+        return true;
+    if (_isProcessingRollback) {
+        --currentNodesCount;
+        progress->setProgress(currentNodesCount, workingFile);
+        return true;
+    }
+    // The user is answering the cancel question: wait for the answer.
+    while (progress->waitForCancelConfirmation())
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (progress->userCancelUpdate()) {
+        progress->setCancelButtonEnabled(false);
+        return false;
+    }
+    progress->setProgress(currentNodesCount, workingFile);
+    ++currentNodesCount;
+    return true;
+}
+
+std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* /*worker*/) {
+    int index = 0;
+    for (const XmlNode& node : work.workingNodesArray) {
+        ++index;
+        NSFormatLogWithHeading(2, "File %d information", index);
+        FileOperationInfo info;
+
+        auto operation = SingleValue(node, "./Operation");
+        if (!operation) {
+            NSLevelledLog(3, "Operation field is missing.");
+            return kPermanentError;
+        }
+        info.Operation = *operation;
+        NSLevelledLog(3, "Operation : %@", info.Operation);
+        if (auto value = SingleValue(node, "./ObjectName")) {
+            info.ObjectName = *value;
+            NSLevelledLog(3, "Object Name : %@", info.ObjectName);
+        }
+        if (auto value = SingleValue(node, "./Touch")) {
+            info.Touch = *value;
+            NSLevelledLog(3, "Touch : %@", info.Touch);
+        }
+
+        auto destinationNodes = node.select("./DestinationPath");
+        if (!isSingleElementType(destinationNodes)) {
+            NSLevelledLog(3, "Destination field is missing.");
+            return kPermanentError;
+        }
+        const XmlNode& destination = destinationNodes.front();
+        auto name = getLocalizedNameGivenArray(node.select("./DestinationPath/FileName"));
+        if (!name)
+            name = destination.attribute("defName");
+        if (!name) {
+            NSLevelledLog(3, "Skip this operation");
+            continue;
+        }
+        info.DestinationPath = work.dirToken->expandDirectoryTokenForPath(
+            CmdInterface::JoinPath(destination.attribute("dir").value_or(""), *name), work.appPath);
+        NSLevelledLog(3, "Destination Path : %@", info.DestinationPath);
+
+        if (auto value = SingleValue(node, "./Checksum/BeforePatch")) {
+            info.BeforePatch = *value;
+            NSLevelledLog(3, "Checksum before patching : %@", info.BeforePatch);
+        }
+        if (auto value = SingleValue(node, "./Checksum/AfterPatch")) {
+            info.AfterPatch = *value;
+            NSLevelledLog(3, "Checksum After patching : %@", info.AfterPatch);
+        }
+        auto renameNodes = node.select("./RenamePath");
+        if (isSingleElementType(renameNodes)) {
+            auto renameName = getLocalizedNameGivenArray(node.select("./RenamePath/FileName"));
+            if (!renameName)
+                renameName = renameNodes.front().attribute("defName");
+            if (renameName) {
+                info.RenamePath = work.dirToken->expandDirectoryTokenForPath(
+                    CmdInterface::JoinPath(renameNodes.front().attribute("dir").value_or(""),
+                                           *renameName),
+                    work.appPath);
+                NSLevelledLog(3, "Rename path : %@", info.RenamePath);
+            }
+        }
+        if (auto value = SingleValue(node, "./Permissions/mac/UserID")) {
+            info.UserID = *value;
+            NSLevelledLog(3, "New UserID : %@", info.UserID);
+        }
+        if (auto value = SingleValue(node, "./Permissions/mac/GroupID")) {
+            info.GroupID = *value;
+            NSLevelledLog(3, "New GroupID : %@", info.GroupID);
+        }
+        if (auto value = SingleValue(node, "./Permissions/mac/Permission")) {
+            info.Permission = *value;
+            NSLevelledLog(3, "Permission : %@", info.Permission);
+        }
+
+        const std::string workingFile =
+            IsAbsentField(info.RenamePath) ? info.DestinationPath : info.RenamePath;
+        if (!progressStep(work.progress, workingFile))
+            return kUserCancelled;
+
+        const int32_t status = work.cmdInterface->performFileUpdationWithInfo(info);
+        if (status == 1)
+            return kPermanentError;
+        if (status != 0)
+            break;
+    }
+    return kSuccessful;
+}
+
+std::string ProcessManifest::processBundleSet(WorkDictionary& work, ThreadWorker* worker) {
+    const std::vector<XmlNode> bundles = work.workingNodesArray;
+    int index = 0;
+    for (const XmlNode& bundle : bundles) {
+        ++index;
+        NSFormatLogWithHeading(2, "Bundle %d information", index);
+        std::optional<std::string> path = bundle.attribute("Path");
+        const auto version = bundle.attribute("Version");
+        const auto verify = bundle.attribute("Verify");
+        if (path) {
+            path = work.dirToken->expandDirectoryTokenForPath(*path, work.appPath);
+            NSLevelledLog(3, "Installed bundle version file: %@", *path);
+        }
+        if (version)
+            NSLevelledLog(3, "Updater Bundle Version: %@", *version);
+        if (verify)
+            NSLevelledLog(3, "Verify Flag: %@", *verify);
+
+        if (path && FileExists(*path) && !IsFolder(*path) && verify &&
+            EqualsIgnoringCase(*verify, "TRUE")) {
+            // The installed bundle's version, read from its property list.
+            std::string installed;
+            if (auto plist = PropertyList::readDictionaryFromFile(*path))
+                installed = plist->stringForKey("CFBundleVersion").value_or("");
+            if (!installed.empty()) {
+                NSLevelledLog(3, "Installed Bundle Version: %@", installed);
+                if (!DotSeparatedVersionCompareAllowsReplace(version, installed))
+                    continue;
+            } else {
+                NSLevelledLog(3, "Installed Bundle Version: Not Found");
+            }
+        }
+        NSLevelledLog(3, "Bundle is valid for update");
+        // Every element inside the bundle is taken as a File entry; white space and
+        // comments between them are not entries.
+        work.workingNodesArray = bundle.childElements();
+        const std::string result = processFileSet(work, worker);
+        if (!IsSuccessful(result))
+            return result;
+
+        if (path) {
+            std::string app;
+            if (GetPathToAppGivenSubDirPath(CmdInterface::ParentPath(*path), app,
+                                            _environment.paths.protectedFolders) &&
+                IsFolder(app))
+                (void)CmdInterface::touchFile(app);
+        }
+    }
+    return kSuccessful;
+}
+
+std::string ProcessManifest::processDirectorySet(WorkDictionary& work, ThreadWorker* /*worker*/) {
+    if (work.workingNodesArray.empty()) {
+        NSLevelledLog(3, "No DirectorySet operation need to be performed");
+        return kSuccessful;
+    }
+    int index = 0;
+    for (const XmlNode& node : work.workingNodesArray) {
+        ++index;
+        NSFormatLogWithHeading(2, "Directory %d information", index);
+        DirectoryOperationInfo info;
+        auto operation = SingleValue(node, "./Operation");
+        if (!operation) {
+            NSLevelledLog(3, "Operation field is missing.");
+            return kPermanentError;
+        }
+        auto base = SingleValue(node, "./DirectoryBase");
+        if (!base) {
+            NSLevelledLog(3, "Directory Base field is missing.");
+            return kPermanentError;
+        }
+        info.Operation = *operation;
+        info.DirectoryBase = work.dirToken->expandDirectoryTokenForPath(*base, work.appPath);
+        NSLevelledLog(3, "Distination Base : %@", info.DirectoryBase);
+        if (!progressStep(work.progress, info.DirectoryBase))
+            return kUserCancelled;
+        const int32_t status = work.cmdInterface->performDirectoryUpdationWithInfo(info);
+        if (status == 2)
+            return kUserCancelled;
+        if (status != 0)
+            return kPermanentError;
+    }
+    return kSuccessful;
+}
+
+std::string ProcessManifest::performRollback() {
+    const std::string journal = CmdInterface::JoinPath(_backupDir, "RollBack.xml");
+    if (!FileExists(journal)) {
+        NSLevelledLog(3, "There's nothing to rollback.");
+        return kSuccessful;
+    }
+    NSLevelledLog(3, "Process through rollback file...");
+    XmlNode root = getRootNodeOfXMLGivenPath(journal);
+    if (!root) {
+        NSLevelledLog(3, "Improper Rollback file");
+        return kPermanentError;
+    }
+    const std::string result = invokeAction(root, _appPath, _backupDir, _resourceDir, std::nullopt,
+                                            _progressController, true, nullptr);
+    if (IsSuccessful(result))
+        NSLevelledLog(3, "Rollback successful");
+    else
+        NSLevelledLog(0, "Rollback failed. Application left in undeterminate state.");
+    _isProcessingRollback = false;
+    return result;
+}
+
+void ProcessManifest::longTaskFinished(const std::string& result) {
+    int exitCode = result == kSuccessful ? 0 : result == kUserCancelled ? 1 : 2;
+    NSLevelledLog(3, "Long task finished");
+    if (_tw)
+        _tw->markAsCancelled();
+
+    if (exitCode == 0) {
+        if (OrvelCodeFileHandler* history = OrvelCodeFileHandler::getInstance()) {
+            const int mode = history->getPatcherMode();
+            if ((mode == OrvelCodeFileHandler::kModeInstall ||
+                 mode == OrvelCodeFileHandler::kModeComboPatch) &&
+                !history->addPatcherEntry(_manifestFile))
+                exitCode = 1;
+        }
+    }
+    (void)OrvelCodeFileHandler::releaseInstance();
+
+    int rollbackState = 0;
+    if (exitCode != 0) {
+        const std::string rollback = performRollback();
+        rollbackState = rollback == kSuccessful ? 0 : rollback == kUserCancelled ? 1 : 2;
+    }
+
+    NSLevelledLog(3, "Restarting the services...");
+    if (_serviceHandler)
+        _serviceHandler->startServices();
+    NSLevelledLog(3, "Done");
+    (void)PayloadHandler::cleanupDir(_payloadDir);
+    _serviceHandler.reset();
+    if (_progressController)
+        _progressController->close();
+    NSLevelledLog(0, "Exit code: %d", exitCode);
+
+    _exitCode = exitCode;
+    _rollbackState = rollbackState;
+    report(exitCode, rollbackState);
+
+    (void)KORInstallerResultsWrapper::cleanup();
+    _environment.loop->terminate(0);
+}
+
+void ProcessManifest::report(int exitCode, int rollbackState) {
+    if (_isSilentInstall) {
+        const int code = exitCode == 0 ? 0 : (exitCode == 1 || rollbackState == 0) ? 9 : 10;
+        SilentReturnHandler::setReturnCode(code, _environment.paths);
+        return;
+    }
+    if (exitCode == 0) {
+        const auto product =
+            _dataLoader ? _dataLoader->getProductName().value_or("") : std::string();
+        KORInstallerResultsWrapper::reportUpToDate(
+            StringWithFormat(localized("Patcher successful message"), product));
+    } else if (exitCode == 1) {
+        KORInstallerResultsWrapper::reportUpdateCancelled();
+    } else if (rollbackState == 0) {
+        KORInstallerResultsWrapper::reportUpdateFailed(localized("Error while updating"));
+    } else {
+        KORInstallerResultsWrapper::reportUpdateFailed(
+            localized("Error while updating and rollback failed"));
+    }
+}

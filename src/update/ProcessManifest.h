@@ -1,0 +1,119 @@
+#pragma once
+
+#include "base/Xml.h"
+#include "system/PlatformPaths.h"
+#include "system/ServicesHandler.h"
+#include "update/CmdInterface.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+class DirTokenResolver;
+class LoadConfigData;
+class MainLoop;
+class ProgressWindowController;
+class StringTable;
+class ThreadWorker;
+
+// The values handed to the worker and to each set processor.
+struct WorkDictionary {
+    XmlNode rootNode;
+    std::string manifestFile;
+    std::string payloadDir;
+    std::string resourceDir;
+    std::optional<std::string> backupDir; // none while replaying: nothing is journaled
+    std::string appPath;
+    ProgressWindowController* progress = nullptr;
+    CmdInterface* cmdInterface = nullptr;
+    DirTokenResolver* dirToken = nullptr;
+    std::vector<XmlNode> workingNodesArray;
+};
+
+// Everything outside the manifest that a run touches, handed in so tests can use folders,
+// services and a main loop of their own.
+struct ManifestRunEnvironment {
+    MainLoop* loop = nullptr; // where the completion runs; required
+    PlatformPaths paths = PlatformPaths::defaults();
+    const StringTable* strings = nullptr;   // none: message keys are used as texts
+    ServiceControlSettings serviceSettings; // the machine's service manager by default
+    CmdInterface::Options cmdOptions;       // the repair flag is filled in by the run
+};
+
+// Applies a manifest to the installed application on a background worker: services
+// stopped, the FileSet, BundleSet and DirectorySet walked with progress and cancel, the
+// journal replayed when anything fails or the user cancels, services restarted, the patch
+// history recorded, the result reported, and the run ended.
+class ProcessManifest {
+public:
+    static constexpr const char* kSuccessful = "UpdateResult_successful";
+    static constexpr const char* kPermanentError = "UpdateResult_permanentError";
+    static constexpr const char* kUserCancelled = "UpdateResult_userCancelled";
+
+    // Extracts the payload from resourceDir into payloadDir and makes the backup folder
+    // (payloadDir/backupDir).
+    ProcessManifest(std::string manifestFile, std::string payloadDir, std::string appPath,
+                    std::string resourceDir, LoadConfigData* dataLoader,
+                    ManifestRunEnvironment environment);
+    ~ProcessManifest();
+    ProcessManifest(const ProcessManifest&) = delete;
+    ProcessManifest& operator=(const ProcessManifest&) = delete;
+
+    // Parses the manifest and starts the worker; false after "Improper Manifest file"
+    // (nothing started, nothing reported: the caller ends the run).
+    [[nodiscard]] bool performAction(ProgressWindowController* progress);
+
+    // The worker's task: stops the services, then walks the sets.
+    std::string performUpdate(WorkDictionary& work, ThreadWorker* worker);
+    std::string invokeAction(const XmlNode& rootNode, const std::string& appPath,
+                             const std::string& payloadDir, const std::string& resourceDir,
+                             const std::optional<std::string>& backupDir,
+                             ProgressWindowController* progress, bool isRollback,
+                             ThreadWorker* worker);
+    std::string processFileSet(WorkDictionary& work, ThreadWorker* worker);
+    std::string processBundleSet(WorkDictionary& work, ThreadWorker* worker);
+    std::string processDirectorySet(WorkDictionary& work, ThreadWorker* worker);
+    // Replays the journal in the backup folder.
+    std::string performRollback();
+    // On the main thread when the worker ends: history, rollback, services, clean-up,
+    // report, end of the run.
+    void longTaskFinished(const std::string& result);
+
+    // The root element of the document at path, or an empty node (errors logged).
+    static XmlNode getRootNodeOfXMLGivenPath(const std::string& path);
+    // The text of the FileName whose "lang" is the run's install language.
+    static std::optional<std::string> getLocalizedNameGivenArray(const std::vector<XmlNode>& nodes);
+    static bool isSingleElementType(const std::vector<XmlNode>& nodes);
+    static void handleError(const XmlError& error);
+
+    // Outcome of the finished run, for the caller that waits for it.
+    int exitCode() const { return _exitCode; }
+    int rollbackState() const { return _rollbackState; }
+    int getTotalNodesCount() const { return totalNodesCount; }
+    int getCurrentNodesCount() const { return currentNodesCount; }
+    const std::string& backupDir() const { return _backupDir; }
+
+private:
+    // The progress and cancel step of one entry; false when the user cancelled.
+    bool progressStep(ProgressWindowController* progress, const std::string& workingFile);
+    std::string localized(const std::string& key) const;
+    void report(int exitCode, int rollbackState);
+
+    std::string _manifestFile;
+    std::string _payloadDir;
+    std::string _backupDir;
+    std::string _appPath;
+    std::string _resourceDir;
+    LoadConfigData* _dataLoader;
+    ManifestRunEnvironment _environment;
+    ProgressWindowController* _progressController = nullptr;
+    std::unique_ptr<ServicesHandler> _serviceHandler;
+    std::shared_ptr<ThreadWorker> _tw;
+    bool _isProcessingRollback = false;
+    bool _isSilentInstall = false;
+    int totalNodesCount = 0;
+    int currentNodesCount = 0;
+    int _exitCode = -1;
+    int _rollbackState = -1;
+};

@@ -1,0 +1,508 @@
+// The manifest processor end to end: a real installed tree, a real payload archive made by
+// GNU cpio, real bsdiff patches applied by the bundled bspatch, the worker thread and the
+// main loop, the journal and its replay.
+
+#include "update/ProcessManifest.h"
+
+#include "TestSupport.h"
+#include "run/Environment.h"
+#include "run/KORInstallerResultsWrapper.h"
+#include "run/MainLoop.h"
+#include "run/ProgressWindowController.h"
+#include "run/UserInterface.h"
+#include "target/LoadConfigData.h"
+#include "target/OrvelCodeFileHandler.h"
+#include "update/MD5cksum.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string Md5(const std::string& path) {
+    return MD5cksum::getMD5cksumOfFile(path).value_or("");
+}
+
+// Every entry below the root: relative path -> "file:<md5>", "link:<target>" or "dir".
+std::map<std::string, std::string> Snapshot(const std::string& root) {
+    std::map<std::string, std::string> tree;
+    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
+         ++it) {
+        const std::string relative = fs::relative(it->path(), root).string();
+        if (it->is_symlink())
+            tree[relative] = "link:" + fs::read_symlink(it->path()).string();
+        else if (it->is_directory())
+            tree[relative] = "dir";
+        else
+            tree[relative] = "file:" + Md5(it->path().string());
+    }
+    return tree;
+}
+
+std::string Binary(size_t size, unsigned seed) {
+    std::string data(size, '\0');
+    unsigned state = seed;
+    for (auto& c : data) {
+        state = state * 1103515245u + 12345u;
+        c = static_cast<char>(state >> 16);
+    }
+    return data;
+}
+
+struct FileEntry {
+    FileEntry(std::string operation, std::string objectName, std::string dir, std::string name,
+              std::string before, std::string after, std::string renameDir = {},
+              std::string renameName = {}, std::string permission = {})
+        : operation(std::move(operation)), objectName(std::move(objectName)), dir(std::move(dir)),
+          name(std::move(name)), before(std::move(before)), after(std::move(after)),
+          renameDir(std::move(renameDir)), renameName(std::move(renameName)),
+          permission(std::move(permission)) {}
+    std::string operation;
+    std::string objectName;
+    std::string dir;  // DestinationPath dir
+    std::string name; // DestinationPath defName
+    std::string before;
+    std::string after;
+    std::string renameDir;
+    std::string renameName;
+    std::string permission;
+};
+
+std::string FileXml(const FileEntry& e) {
+    std::string xml = "<File><Operation>" + e.operation + "</Operation>";
+    if (!e.objectName.empty())
+        xml += "<ObjectName>" + e.objectName + "</ObjectName>";
+    xml += "<DestinationPath dir=\"" + e.dir + "\" defName=\"" + e.name + "\"/>";
+    if (!e.before.empty() || !e.after.empty()) {
+        xml += "<Checksum>";
+        if (!e.before.empty())
+            xml += "<BeforePatch>" + e.before + "</BeforePatch>";
+        if (!e.after.empty())
+            xml += "<AfterPatch>" + e.after + "</AfterPatch>";
+        xml += "</Checksum>";
+    }
+    if (!e.renameName.empty())
+        xml += "<RenamePath dir=\"" + e.renameDir + "\" defName=\"" + e.renameName + "\"/>";
+    if (!e.permission.empty())
+        xml +=
+            "<Permissions><mac><Permission>" + e.permission + "</Permission></mac></Permissions>";
+    return xml + "</File>\n";
+}
+
+class RecordingUserInterface : public UserInterface {
+public:
+    std::vector<std::string> messages;
+    int runAlertPanel(AlertStyle, const std::string& title, const std::string& message,
+                      const std::string&, const std::string&, const std::string&) override {
+        messages.push_back(title + "|" + message);
+        return kAlertDefaultReturn;
+    }
+};
+
+// A progress window whose user presses cancel, and confirms it, when entry cancelAt is
+// shown.
+class CancellingView : public ProgressView {
+public:
+    ProgressWindowController* controller = nullptr;
+    int cancelAt = -1;
+    std::vector<double> values;
+    std::function<void(int)> pending;
+    std::function<void(int)> onValue;
+
+    void setTitle(const std::string&) override {}
+    void setStatusLine(const std::string&) override {}
+    void setBarIndeterminate(bool) override {}
+    void setBarRange(double, double) override {}
+    void setBarValue(double value) override {
+        values.push_back(value);
+        if (onValue)
+            onValue(static_cast<int>(value));
+        if (static_cast<int>(value) == cancelAt && controller) {
+            controller->cancelButtonClicked();
+            if (pending)
+                pending(0);
+        }
+    }
+    void setCancelButtonTitle(const std::string&) override {}
+    void setCancelButtonVisible(bool) override {}
+    void setCancelButtonEnabled(bool) override {}
+    void showWindow() override {}
+    void closeWindow() override {}
+    void beginCancelSheet(const std::string&, const std::string&, const std::string&,
+                          const std::string&, std::function<void(int)> answered) override {
+        pending = std::move(answered);
+    }
+};
+
+class ProcessManifestTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        SetENVsilentFlag(true);
+        ClearENVinstallLanguage();
+        paths.returnCodeFile = root + "/retVal/retVal";
+        paths.patchHistoryFolder = root + "/history/";
+        paths.protectedFolders.push_back(root);
+        paths.protectedFolders.push_back(root + "/opt");
+        paths.protectedFolders.push_back(root + "/opt/Suite");
+
+        // The installed application.
+        WriteTextFile(app + "/Contents/Info.plist", Plist("1.0"));
+        WriteTextFile(app + "/Contents/MacOS/Editor", Binary(300000, 1));
+        WriteTextFile(app + "/Contents/Resources/old.txt", "to be removed\n");
+        WriteTextFile(app + "/Contents/Resources/keep.txt", "version one\n");
+        WriteTextFile(app + "/Contents/Resources/rename-me.txt", "renamed content\n");
+        WriteTextFile(app + "/Contents/Resources/tool.sh", "#!/bin/sh\n");
+        ::chmod((app + "/Contents/Resources/tool.sh").c_str(), 0644);
+        fs::create_directories(app + "/Contents/Obsolete");
+        fs::create_symlink("Resources/keep.txt", app + "/Contents/oldlink");
+
+        // The new files and the patch, packed as the payload.
+        WriteTextFile(staging + "/new.txt", "a new file\n");
+        WriteTextFile(staging + "/keep.txt", "version two\n");
+        WriteTextFile(staging + "/Info.plist", Plist("2.0"));
+        std::string newEditor = Binary(300000, 1);
+        for (size_t i = 1000; i < 1100; ++i)
+            newEditor[i] = 'x';
+        newEditor += "appended tail";
+        WriteTextFile(root + "/Editor.new", newEditor);
+        fs::create_directories(resources);
+        EXPECT_EQ(RunProgram({"bsdiff", app + "/Contents/MacOS/Editor", root + "/Editor.new",
+                              staging + "/Editor.patch"}),
+                  0);
+        EXPECT_EQ(
+            RunProgram({"bash", "-c",
+                        "cd '" + staging +
+                            "' && find . -mindepth 1 | cpio -o -H newc 2>/dev/null | gzip > '" +
+                            resources + "/Payload.cpio.gz'"}),
+            0);
+        fs::copy_file(BUNDLED_BSPATCH, resources + "/bspatch");
+
+        newMd5 = {{"new", Md5(staging + "/new.txt")},
+                  {"keep1", Md5(app + "/Contents/Resources/keep.txt")},
+                  {"keep2", Md5(staging + "/keep.txt")},
+                  {"editor1", Md5(app + "/Contents/MacOS/Editor")},
+                  {"editor2", Md5(root + "/Editor.new")},
+                  {"rename", Md5(app + "/Contents/Resources/rename-me.txt")},
+                  {"plist1", Md5(app + "/Contents/Info.plist")},
+                  {"plist2", Md5(staging + "/Info.plist")}};
+        entries = {
+            {"ADD", "new.txt", "[INSTALLDIR]/Contents/Resources", "new.txt", "", newMd5["new"]},
+            {"REMOVE", "old.txt", "[INSTALLDIR]/Contents/Resources", "old.txt", "", ""},
+            {"OVERWRITE", "keep.txt", "[INSTALLDIR]/Contents/Resources", "keep.txt",
+             newMd5["keep1"], newMd5["keep2"]},
+            {"PATCH", "Editor.patch", "[INSTALLDIR]/Contents/MacOS", "Editor", newMd5["editor1"],
+             newMd5["editor2"]},
+            {"RENAME", "rename-me.txt", "[INSTALLDIR]/Contents/Resources", "rename-me.txt", "",
+             newMd5["rename"], "[INSTALLDIR]/Contents/Resources", "renamed.txt"},
+            {"CREATELINK", "newlink", "[INSTALLDIR]/Contents", "newlink", "", "", "",
+             "Resources/new.txt"},
+            {"REMOVELINK", "oldlink", "[INSTALLDIR]/Contents", "oldlink", "", ""},
+            {"CHANGEPERM", "tool.sh", "[INSTALLDIR]/Contents/Resources", "tool.sh", "", "", "", "",
+             "755"},
+        };
+    }
+
+    void TearDown() override {
+        (void)OrvelCodeFileHandler::releaseInstance();
+        KORInstallerResultsWrapper::setContext(ReportingContext{});
+        SetENVsilentFlag(false);
+    }
+
+    static std::string Plist(const std::string& version) {
+        return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>CFBundleVersion</key>"
+               "<string>" +
+               version + "</string></dict></plist>\n";
+    }
+
+    std::string Manifest(const std::vector<FileEntry>& files, bool withBundle = true,
+                         bool withDirectories = true) const {
+        std::string xml = "<?xml version=\"1.0\"?>\n<Manifest>\n<FileSet>\n";
+        for (const auto& e : files)
+            xml += FileXml(e);
+        xml += "</FileSet>\n";
+        if (withBundle) {
+            xml += "<BundleSet><Bundle Path=\"[INSTALLDIR]/Contents/Info.plist\" Version=\"1.0\" "
+                   "Verify=\"TRUE\">\n" +
+                   FileXml(FileEntry("OVERWRITE", "Info.plist", "[INSTALLDIR]/Contents",
+                                     "Info.plist", newMd5.at("plist1"), newMd5.at("plist2"))) +
+                   "</Bundle></BundleSet>\n";
+        }
+        if (withDirectories) {
+            xml +=
+                "<DirectorySet>"
+                "<Directory><Operation>ADD</Operation>"
+                "<DirectoryBase>[INSTALLDIR]/Contents/PlugIns/Filters</DirectoryBase></Directory>"
+                "<Directory><Operation>REMOVE</Operation>"
+                "<DirectoryBase>[INSTALLDIR]/Contents/Obsolete</DirectoryBase></Directory>"
+                "</DirectorySet>\n";
+        }
+        return xml + "</Manifest>\n";
+    }
+
+    // Runs the processor as the engine does and returns the silent return code ("" if none).
+    std::string Run(const std::string& manifest, ProgressWindowController* progress = nullptr,
+                    HeadlessMainLoop* givenLoop = nullptr) {
+        WriteTextFile(resources + "/manifest.xml", manifest);
+        HeadlessMainLoop ownLoop;
+        HeadlessMainLoop& loop = givenLoop ? *givenLoop : ownLoop;
+        ManifestRunEnvironment environment;
+        environment.loop = &loop;
+        environment.paths = paths;
+        environment.cmdOptions.protectedFolders = paths.protectedFolders;
+        auto processor = std::make_unique<ProcessManifest>(
+            resources + "/manifest.xml", payload, app, resources, &config, std::move(environment));
+        lastBackupDir = processor->backupDir();
+        if (!processor->performAction(progress))
+            return "not started";
+        loop.run();
+        exitCode = processor->exitCode();
+        rollbackState = processor->rollbackState();
+        processor.reset();
+        return FileExists(paths.returnCodeFile) ? ReadTextFile(paths.returnCodeFile) : "";
+    }
+
+    TempDir temp;
+    std::string root = temp.path();
+    std::string app = root + "/opt/Suite/Editor.app";
+    std::string staging = root + "/staging";
+    std::string resources = root + "/Patch.app/Contents/Resources";
+    std::string payload = root + "/work/PatcherApp_1";
+    PlatformPaths paths;
+    LoadConfigData config;
+    std::map<std::string, std::string> newMd5;
+    std::vector<FileEntry> entries;
+    std::string lastBackupDir;
+    int exitCode = -1;
+    int rollbackState = -1;
+};
+
+TEST_F(ProcessManifestTest, AppliesEveryKindOfEntry) {
+    LogCapture log;
+    EXPECT_EQ(Run(Manifest(entries)), "0");
+    EXPECT_EQ(exitCode, 0);
+    const std::string res = app + "/Contents/Resources";
+    EXPECT_EQ(ReadTextFile(res + "/new.txt"), "a new file\n");
+    EXPECT_FALSE(FileExists(res + "/old.txt"));
+    EXPECT_EQ(ReadTextFile(res + "/keep.txt"), "version two\n");
+    EXPECT_EQ(Md5(app + "/Contents/MacOS/Editor"), newMd5["editor2"]);
+    EXPECT_FALSE(FileExists(res + "/rename-me.txt"));
+    EXPECT_EQ(ReadTextFile(res + "/renamed.txt"), "renamed content\n");
+    EXPECT_EQ(fs::read_symlink(app + "/Contents/newlink"), "Resources/new.txt");
+    EXPECT_FALSE(FileExists(app + "/Contents/oldlink"));
+    struct stat info {};
+    ASSERT_EQ(::stat((res + "/tool.sh").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0755u);
+    EXPECT_EQ(Md5(app + "/Contents/Info.plist"), newMd5["plist2"]);
+    EXPECT_TRUE(fs::is_directory(app + "/Contents/PlugIns/Filters"));
+    EXPECT_FALSE(FileExists(app + "/Contents/Obsolete"));
+    // The payload folder, with the backups and the journal, is gone.
+    EXPECT_FALSE(FileExists(payload));
+
+    // The sets ran in their order, and the run ended with its exit code.
+    const auto lines = log.lines();
+    std::vector<std::string> headings;
+    for (const auto& line : lines) {
+        for (const char* h : {"PERFORMING FILE SET OPERATION", "PERFORMING BUNDLE SET OPERATION",
+                              "PERFORMING DIRECTORY SET OPERATION"})
+            if (line.find(std::string(" ") + h + " ") != std::string::npos)
+                headings.push_back(h);
+    }
+    EXPECT_EQ(headings, (std::vector<std::string>{"PERFORMING FILE SET OPERATION",
+                                                  "PERFORMING BUNDLE SET OPERATION",
+                                                  "PERFORMING DIRECTORY SET OPERATION"}));
+    EXPECT_TRUE(log.contains("Installed Bundle Version: 1.0"));
+    EXPECT_TRUE(log.contains("Bundle is valid for update"));
+    EXPECT_TRUE(log.contains("Exit code: 0"));
+    EXPECT_TRUE(log.contains("There's nothing to rollback.") == false);
+}
+
+TEST_F(ProcessManifestTest, FailureAtEveryPositionRestoresTheTreeExactly) {
+    const auto original = Snapshot(app);
+    const size_t count = entries.size();
+    for (size_t k = 0; k < count; ++k) {
+        SCOPED_TRACE("failing entry " + std::to_string(k));
+        auto failing = entries;
+        // A checksum that the result can never have makes entry k fail after the entries
+        // before it have changed the tree.
+        failing[k].after = "00000000000000000000000000000000";
+        if (failing[k].operation == "REMOVE" || failing[k].operation == "REMOVELINK" ||
+            failing[k].operation == "CREATELINK" || failing[k].operation == "CHANGEPERM") {
+            // These do not check checksums: make the destination's folder unusable instead.
+            failing[k] = FileEntry{"ADD",
+                                   "missing-source",
+                                   "[INSTALLDIR]/Contents",
+                                   "nothing-here",
+                                   "",
+                                   "00000000000000000000000000000000"};
+        }
+        LogCapture log;
+        EXPECT_EQ(Run(Manifest(failing)), "9");
+        EXPECT_EQ(exitCode, 2);
+        EXPECT_EQ(rollbackState, 0);
+        EXPECT_TRUE(log.contains("Rollback successful"));
+        EXPECT_EQ(Snapshot(app), original);
+    }
+}
+
+TEST_F(ProcessManifestTest, FailureInTheBundleOrDirectorySetRollsBackTheFileSetToo) {
+    const auto original = Snapshot(app);
+    // A directory that cannot be made: a file stands where its parent should be.
+    WriteTextFile(app + "/Contents/PlugIns", "not a folder");
+    const auto withBlocker = Snapshot(app);
+    LogCapture log;
+    EXPECT_EQ(Run(Manifest(entries)), "9");
+    EXPECT_EQ(Snapshot(app), withBlocker);
+    fs::remove(app + "/Contents/PlugIns");
+    EXPECT_EQ(Snapshot(app), original);
+}
+
+TEST_F(ProcessManifestTest, RollbackThatFailsGivesTen) {
+    // A backup copy vanishes while the update runs (the disk lost it), and a later entry
+    // fails: the replay cannot bring that file back.
+    HeadlessMainLoop loop;
+    CancellingView view;
+    ProgressWindowController controller(view, loop, nullptr);
+    view.onValue = [&](int value) {
+        if (value == 3)
+            fs::remove(payload + "/backupDir/keep.txt");
+    };
+    auto failing = entries;
+    failing.push_back(FileEntry("ADD", "missing-source", "[INSTALLDIR]/Contents", "nothing-here",
+                                "", "00000000000000000000000000000000"));
+    LogCapture log;
+    EXPECT_EQ(Run(Manifest(failing, false, false), &controller, &loop), "10");
+    EXPECT_EQ(exitCode, 2);
+    EXPECT_EQ(rollbackState, 2);
+    EXPECT_TRUE(log.contains("Rollback failed. Application left in undeterminate state."));
+}
+
+TEST_F(ProcessManifestTest, CancelAfterAnEntryRollsBackAndReportsCancelled) {
+    const auto original = Snapshot(app);
+    for (int k : {1, 4, 8}) {
+        SCOPED_TRACE("cancel at " + std::to_string(k));
+        HeadlessMainLoop loop;
+        CancellingView view;
+        ProgressWindowController controller(view, loop, nullptr);
+        view.controller = &controller;
+        view.cancelAt = k;
+        LogCapture log;
+        EXPECT_EQ(Run(Manifest(entries), &controller, &loop), "9");
+        EXPECT_EQ(exitCode, 1);
+        EXPECT_TRUE(log.contains("User wish to cancel the update."));
+        EXPECT_EQ(Snapshot(app), original);
+    }
+}
+
+TEST_F(ProcessManifestTest, ProgressCountsEveryStepIncludingAliases) {
+    HeadlessMainLoop loop;
+    CancellingView view;
+    ProgressWindowController controller(view, loop, nullptr);
+    std::string manifest = Manifest(entries);
+    manifest.insert(manifest.find("</Manifest>"), "<AliasSet><Alias/><Alias/></AliasSet>\n");
+    EXPECT_EQ(Run(manifest, &controller, &loop), "0");
+    // 8 files + 1 bundle file + 2 aliases + 2 directories; the aliases are never worked.
+    ASSERT_FALSE(view.values.empty());
+    EXPECT_EQ(view.values.back(), 10);
+}
+
+TEST_F(ProcessManifestTest, HistoryEntryIsAddedForAnInstall) {
+    OrvelCodeFileHandler::createInstance(
+        paths.patchHistoryFolder + "CODE-1.patch", std::string("PATCH-2"), std::string("1.0"),
+        std::string("2.0"), std::string("Suite"), std::string("Tavrin"), 100, 200);
+    ASSERT_EQ(OrvelCodeFileHandler::getInstance()->getPatcherMode(),
+              OrvelCodeFileHandler::kModeInstall);
+    EXPECT_EQ(Run(Manifest(entries)), "0");
+    const std::string history = ReadTextFile(paths.patchHistoryFolder + "CODE-1.patch");
+    EXPECT_NE(history.find("PatcherID=\"PATCH-2\""), std::string::npos);
+    EXPECT_NE(history.find("<Manifest>"), std::string::npos);
+    EXPECT_EQ(OrvelCodeFileHandler::getInstance(), nullptr);
+}
+
+TEST_F(ProcessManifestTest, HistoryThatCannotBeWrittenRollsBackAsCancelled) {
+    const auto original = Snapshot(app);
+    // The history folder is a file: the entry cannot be written.
+    WriteTextFile(root + "/history", "blocked");
+    OrvelCodeFileHandler::createInstance(
+        paths.patchHistoryFolder + "CODE-1.patch", std::string("PATCH-2"), std::string("1.0"),
+        std::string("2.0"), std::string("Suite"), std::string("Tavrin"), 100, 200);
+    EXPECT_EQ(Run(Manifest(entries)), "9");
+    EXPECT_EQ(exitCode, 1);
+    EXPECT_EQ(Snapshot(app), original);
+}
+
+TEST_F(ProcessManifestTest, NewerInstalledBundleIsSkipped) {
+    WriteTextFile(app + "/Contents/Info.plist", Plist("3.0"));
+    const std::string before = Md5(app + "/Contents/Info.plist");
+    EXPECT_EQ(Run(Manifest({entries[0]})), "0");
+    EXPECT_EQ(Md5(app + "/Contents/Info.plist"), before);
+}
+
+TEST_F(ProcessManifestTest, EntryWithoutAnyNameIsSkipped) {
+    std::string manifest = "<Manifest><FileSet><File><Operation>ADD</Operation>"
+                           "<DestinationPath dir=\"[INSTALLDIR]\"><FileName lang=\"xx_XX\">x"
+                           "</FileName></DestinationPath></File></FileSet></Manifest>";
+    LogCapture log;
+    EXPECT_EQ(Run(manifest), "0");
+    EXPECT_TRUE(log.contains("Skip this operation"));
+}
+
+TEST_F(ProcessManifestTest, LocalizedNameFollowsTheInstallLanguage) {
+    SetENVinstallLanguage("de_DE");
+    std::string manifest =
+        "<Manifest><FileSet><File><Operation>ADD</Operation><ObjectName>new.txt</ObjectName>"
+        "<DestinationPath dir=\"[INSTALLDIR]/Contents\" defName=\"english.txt\">"
+        "<FileName lang=\"fr_FR\">francais.txt</FileName>"
+        "<FileName lang=\"de_DE\">deutsch.txt</FileName></DestinationPath>"
+        "<Checksum><AfterPatch>" +
+        newMd5["new"] + "</AfterPatch></Checksum></File></FileSet></Manifest>";
+    EXPECT_EQ(Run(manifest), "0");
+    EXPECT_TRUE(FileExists(app + "/Contents/deutsch.txt"));
+    EXPECT_FALSE(FileExists(app + "/Contents/english.txt"));
+}
+
+TEST_F(ProcessManifestTest, MissingRequiredFieldsAreAPermanentError) {
+    LogCapture log;
+    EXPECT_EQ(
+        Run("<Manifest><FileSet><File><ObjectName>x</ObjectName></File></FileSet></Manifest>"),
+        "9");
+    EXPECT_TRUE(log.contains("Operation field is missing."));
+    EXPECT_TRUE(log.contains("There's nothing to rollback."));
+    EXPECT_EQ(
+        Run("<Manifest><FileSet><File><Operation>ADD</Operation></File></FileSet></Manifest>"),
+        "9");
+    EXPECT_TRUE(log.contains("Destination field is missing."));
+}
+
+TEST_F(ProcessManifestTest, ImproperManifestStartsNothing) {
+    LogCapture log;
+    EXPECT_EQ(Run("this is not a manifest"), "not started");
+    EXPECT_TRUE(log.contains("Improper Manifest file"));
+}
+
+TEST_F(ProcessManifestTest, ReportsGoToTheUserWhenNotSilent) {
+    SetENVsilentFlag(false);
+    RecordingUserInterface ui;
+    ReportingContext context;
+    context.library = {};
+    context.userInterface = &ui;
+    KORInstallerResultsWrapper::setContext(context);
+    EXPECT_EQ(Run(Manifest(entries)), "");
+    ASSERT_EQ(ui.messages.size(), 1u);
+    EXPECT_EQ(ui.messages[0], "UpToDate Title|Patcher successful message");
+
+    auto failing = entries;
+    failing.push_back({"ADD", "missing-source", "[INSTALLDIR]/Contents", "nothing-here", "",
+                       "00000000000000000000000000000000"});
+    // The tree is already updated: start again from a fresh copy of the entries' sources.
+    EXPECT_EQ(Run(Manifest({failing.back()}, false, false)), "");
+    ASSERT_EQ(ui.messages.size(), 2u);
+    EXPECT_EQ(ui.messages[1], "Installing the patch title|Update failed message");
+}
+
+} // namespace
