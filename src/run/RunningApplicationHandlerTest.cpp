@@ -10,6 +10,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 extern char** environ;
 
@@ -45,6 +46,17 @@ private:
     pid_t _pid = -1;
 };
 
+// Tests of other processes run at the same time and start editors of their own: this
+// process's editor carries its process id in its name.
+const std::string& Tag() {
+    static const std::string tag = std::to_string(::getpid());
+    return tag;
+}
+const std::string& Name() {
+    static const std::string name = "Orvel Editor " + Tag();
+    return name;
+}
+
 std::vector<XmlNode> Entries(const std::vector<std::string>& patterns) {
     std::string xml = "<AppRunningList>";
     for (const auto& p : patterns)
@@ -79,7 +91,8 @@ protected:
     void SetUp() override {
         WriteTextFile(dir.file("Orvel Editor.app/Contents/Info.plist"),
                       "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>CFBundleName</key>"
-                      "<string>Orvel Editor</string></dict></plist>");
+                      "<string>" +
+                          Name() + "</string></dict></plist>");
     }
     TempDir dir;
     RunningApplications running;
@@ -89,28 +102,29 @@ TEST_F(RunningApplicationHandlerTest, BundledProcessIsNamedByItsBundle) {
     RunningProcess editor(dir.file("Orvel Editor.app/Contents/MacOS/Editor"));
     RunningProcess plain(dir.file("bin/orvelplainhelper"));
     auto names = running.launchedApplications();
-    EXPECT_NE(std::find(names.begin(), names.end(), "Orvel Editor"), names.end());
+    EXPECT_NE(std::find(names.begin(), names.end(), Name()), names.end());
     EXPECT_NE(std::find(names.begin(), names.end(), "orvelplainhelper"), names.end());
 }
 
 TEST_F(RunningApplicationHandlerTest, TwoEntriesMatchingOneApplicationListItOnce) {
     RunningProcess editor(dir.file("Orvel Editor.app/Contents/MacOS/Editor"));
-    RunningApplicationHandler handler(Entries({"^Orvel Ed", "Editor$"}), false, nullptr, running);
+    RunningApplicationHandler handler(Entries({"^Orvel Ed.* " + Tag(), "Editor " + Tag() + "$"}),
+                                      false, nullptr, running);
     LogCapture log;
     std::string names;
     EXPECT_TRUE(handler.areOrvelAppsRunning(names));
-    EXPECT_EQ(names, "Orvel Editor\n");
+    EXPECT_EQ(names, Name() + "\n");
     // Entries are tried from the last to the first.
-    EXPECT_TRUE(log.contains("Editor$ application was found running."));
+    EXPECT_TRUE(log.contains("Editor " + Tag() + "$ application was found running."));
 }
 
 TEST_F(RunningApplicationHandlerTest, WithoutUserAMatchFailsAtOnce) {
     RunningProcess editor(dir.file("Orvel Editor.app/Contents/MacOS/Editor"));
     ScriptedWindow window;
-    RunningApplicationHandler handler(Entries({"Orvel Editor"}), false, &window, running);
+    RunningApplicationHandler handler(Entries({Name()}), false, &window, running);
     std::string names;
     EXPECT_FALSE(handler.shutdownOrvelApplications(names));
-    EXPECT_EQ(names, "Orvel Editor\n");
+    EXPECT_EQ(names, Name() + "\n");
     EXPECT_EQ(window.modalRuns, 0);
 }
 
@@ -120,23 +134,23 @@ TEST_F(RunningApplicationHandlerTest, RetryAfterQuittingGoesOn) {
     ScriptedWindow window;
     window.answers = {1};
     window.beforeAnswer = [&] { editor->stop(); };
-    RunningApplicationHandler handler(Entries({"Orvel Editor"}), true, &window, running);
+    RunningApplicationHandler handler(Entries({Name()}), true, &window, running);
     std::string names;
     EXPECT_TRUE(handler.shutdownOrvelApplications(names));
     EXPECT_EQ(names, "");
     ASSERT_EQ(window.shownNames.size(), 1u);
-    EXPECT_EQ(window.shownNames[0], "Orvel Editor\n");
+    EXPECT_EQ(window.shownNames[0], Name() + "\n");
 }
 
 TEST_F(RunningApplicationHandlerTest, RetryWhileStillRunningAsksAgainThenCancel) {
     RunningProcess editor(dir.file("Orvel Editor.app/Contents/MacOS/Editor"));
     ScriptedWindow window;
     window.answers = {1, 2};
-    RunningApplicationHandler handler(Entries({"Orvel Editor"}), true, &window, running);
+    RunningApplicationHandler handler(Entries({Name()}), true, &window, running);
     std::string names;
     EXPECT_FALSE(handler.shutdownOrvelApplications(names));
     EXPECT_EQ(window.modalRuns, 2);
-    EXPECT_EQ(names, "Orvel Editor\n");
+    EXPECT_EQ(names, Name() + "\n");
 }
 
 TEST_F(RunningApplicationHandlerTest, NothingToCheckOrBadExpressionsMatchNothing) {
