@@ -2,28 +2,71 @@
 
 #include "base/AppBundle.h"
 #include "system/PlatformPaths.h"
+#include "system/ServicesHandler.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 
+class InstalledApp;
+class LoadConfigData;
 class MainLoop;
+class ProcessManifest;
+class ProgressWindowController;
+class RunningApplications;
+class RunningAppsWindowController;
+class StringTable;
+class UserInterface;
 
-// Drives one run of the patcher from launch to exit. appLaunched() runs once on the main
-// thread after the loop has started.
+// What a run reaches outside the engine; the front end fills it in.
+struct EngineEnvironment {
+    MainLoop* loop = nullptr;        // required
+    std::optional<AppBundle> bundle; // the patcher's own bundle
+    PlatformPaths paths = PlatformPaths::defaults();
+    const StringTable* strings = nullptr;                         // none: keys are the texts
+    UserInterface* userInterface = nullptr;                       // the welcome question
+    ProgressWindowController* progressController = nullptr;       // none: no progress window
+    RunningAppsWindowController* runningAppsController = nullptr; // none: nobody to ask
+    const RunningApplications* runningApplications = nullptr;     // none: /proc of this machine
+    ServiceControlSettings serviceSettings;
+};
+
+// Drives one run of the patcher from launch to exit: log, mode, configuration, locating
+// and validating the installed application, the welcome question, the running
+// applications, and then the manifest on the background worker. Every early end is
+// reported in the mode's own way and ends the run; a run that reaches the manifest is
+// ended by the manifest processor.
 class UpdateEngine {
 public:
-    UpdateEngine(MainLoop& loop, std::optional<AppBundle> bundle, const PlatformPaths& paths);
+    explicit UpdateEngine(EngineEnvironment environment);
+    ~UpdateEngine();
+    UpdateEngine(const UpdateEngine&) = delete;
+    UpdateEngine& operator=(const UpdateEngine&) = delete;
 
+    // The whole run; called once on the main thread after the loop has started.
     void appLaunched();
+    // 0 continue, 1 cancel, -1 an unexpected answer.
+    int showWelcomeDlg();
+    void _updateApp(const InstalledApp& app, const std::string& manifestPath);
+    void setDone() { _notDone = false; }
+    void threadWillExitNotification() { setDone(); }
 
     // "KOR MODE", "SILENT MODE" or "FULL UI MODE".
     std::string modeOfExecution() const;
     const std::string& logPath() const { return _logPath; }
 
 private:
-    MainLoop& _loop;
-    std::optional<AppBundle> _bundle;
-    const PlatformPaths& _paths;
+    std::string localized(const std::string& key) const;
+    void endEarlyRun();
+    LoadConfigData& config();
+
+    EngineEnvironment _environment;
+    std::unique_ptr<LoadConfigData> _configStorage;
+    LoadConfigData* _dataLoader = nullptr; // absent when the configuration could not be loaded
+    std::unique_ptr<LoadConfigData> _emptyConfig;
+    std::unique_ptr<ProcessManifest> _processManifest;
+    std::unique_ptr<RunningApplications> _ownRunningApplications;
+    bool _notDone = true;
     bool _isRunningUnderKOR = false;
     bool _isSilentInstall = false;
     std::string _logPath;

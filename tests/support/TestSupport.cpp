@@ -8,8 +8,10 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <sched.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -110,8 +112,11 @@ std::string StripLogPrefix(const std::string& line) {
     return line;
 }
 
-int RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv,
-               const std::string& stdoutPath, const std::string& stderrPath) {
+namespace {
+
+int RunChild(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv,
+             const std::vector<std::string>& tmpfsFolders, bool isolated,
+             const std::string& stdoutPath, const std::string& stderrPath) {
     pid_t pid = ::fork();
     if (pid < 0)
         return -1;
@@ -127,6 +132,17 @@ int RunProgram(const std::vector<std::string>& argv, const std::vector<std::stri
         };
         redirect(stdoutPath, STDOUT_FILENO);
         redirect(stderrPath, STDERR_FILENO);
+        if (isolated) {
+            if (::unshare(CLONE_NEWNS) != 0 ||
+                ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+                ::_exit(126);
+            for (const auto& folder : tmpfsFolders) {
+                std::error_code ignored;
+                std::filesystem::create_directories(folder, ignored);
+                if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, "mode=0755") != 0)
+                    ::_exit(126);
+            }
+        }
         for (const auto& assignment : extraEnv)
             ::putenv(const_cast<char*>(assignment.c_str()));
         std::vector<char*> args;
@@ -146,4 +162,21 @@ int RunProgram(const std::vector<std::string>& argv, const std::vector<std::stri
     if (WIFSIGNALED(status))
         return 128 + WTERMSIG(status);
     return -1;
+}
+
+} // namespace
+
+int RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv,
+               const std::string& stdoutPath, const std::string& stderrPath) {
+    return RunChild(argv, extraEnv, {}, false, stdoutPath, stderrPath);
+}
+
+int RunProgramIsolated(const std::vector<std::string>& argv,
+                       const std::vector<std::string>& extraEnv,
+                       const std::vector<std::string>& tmpfsFolders, const std::string& stdoutPath,
+                       const std::string& stderrPath) {
+    if (::geteuid() != 0)
+        return -1;
+    const int status = RunChild(argv, extraEnv, tmpfsFolders, true, stdoutPath, stderrPath);
+    return status == 126 ? -1 : status;
 }

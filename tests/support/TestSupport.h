@@ -51,3 +51,11 @@ std::string StripLogPrefix(const std::string& line);
 // when killed by signal N); output and errors go to the given files when not empty.
 int RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {},
                const std::string& stdoutPath = {}, const std::string& stderrPath = {});
+
+// As RunProgram, but in a private mount namespace with an empty tmpfs mounted over each of
+// the folders (made first when missing), so the program's writes to those system folders
+// never reach the machine's own. Needs the super-user; -1 when the namespace cannot be made.
+int RunProgramIsolated(const std::vector<std::string>& argv,
+                       const std::vector<std::string>& extraEnv,
+                       const std::vector<std::string>& tmpfsFolders,
+                       const std::string& stdoutPath = {}, const std::string& stderrPath = {});

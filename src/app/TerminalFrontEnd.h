@@ -1,0 +1,94 @@
+#pragma once
+
+#include "run/ProgressWindowController.h"
+#include "run/RunningApplicationHandler.h"
+#include "run/UserInterface.h"
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+class MainLoop;
+
+// The front end of a run with a user but without a display (over ssh, say): questions
+// and alerts on the terminal, answered on standard input when it is a terminal (the
+// default button otherwise), and a progress line. The log keeps standard error, so all of
+// this goes to standard output.
+class TerminalUserInterface final : public UserInterface {
+public:
+    explicit TerminalUserInterface(std::FILE* input = stdin, std::FILE* output = stdout);
+    int runAlertPanel(AlertStyle style, const std::string& title, const std::string& message,
+                      const std::string& defaultButton, const std::string& alternateButton = {},
+                      const std::string& otherButton = {}) override;
+
+private:
+    std::FILE* _input;
+    std::FILE* _output;
+};
+
+class TerminalProgressView final : public ProgressView {
+public:
+    TerminalProgressView(MainLoop& loop, UserInterface& questions, std::FILE* output = stdout);
+
+    void setTitle(const std::string& title) override;
+    void setStatusLine(const std::string& text) override;
+    void setBarIndeterminate(bool) override {}
+    void setBarRange(double minimum, double maximum) override;
+    void setBarValue(double value) override;
+    void setCancelButtonTitle(const std::string&) override {}
+    void setCancelButtonVisible(bool) override {}
+    void setCancelButtonEnabled(bool enabled) override { _cancelEnabled = enabled; }
+    void showWindow() override;
+    void closeWindow() override;
+    void beginCancelSheet(const std::string& title, const std::string& message,
+                          const std::string& defaultButton, const std::string& alternateButton,
+                          std::function<void(int answer)> answered) override;
+
+    bool cancelEnabled() const { return _cancelEnabled; }
+
+private:
+    void draw();
+
+    MainLoop& _loop;
+    UserInterface& _questions;
+    std::FILE* _output;
+    bool _isTerminal;
+    bool _shown = false;
+    bool _cancelEnabled = true;
+    std::string _status;
+    double _maximum = 0;
+    double _value = 0;
+    int _lastPercentPrinted = -10;
+};
+
+class TerminalRunningAppsWindow final : public RunningAppsWindowController {
+public:
+    explicit TerminalRunningAppsWindow(UserInterface& questions, std::string heading,
+                                       std::string retry, std::string cancel);
+
+    void resetRunningApplications(const std::string& names) override;
+    void runModal() override;
+    int getUserAction() const override { return _userAction; }
+
+private:
+    UserInterface& _questions;
+    std::string _heading;
+    std::string _retry;
+    std::string _cancel;
+    std::string _names;
+    int _userAction = 0;
+};
+
+// Ctrl-C during the run asks the cancel question through the progress controller. Only
+// one watcher exists at a time; it restores the previous SIGINT handling when destroyed.
+class InterruptToCancel {
+public:
+    InterruptToCancel(MainLoop& loop, ProgressWindowController& controller);
+    ~InterruptToCancel();
+    InterruptToCancel(const InterruptToCancel&) = delete;
+    InterruptToCancel& operator=(const InterruptToCancel&) = delete;
+
+private:
+    struct State;
+    std::unique_ptr<State> _state;
+};
