@@ -43,6 +43,39 @@ std::optional<std::string> SingleValue(const XmlNode& node, const std::string& e
     return nodes.front().stringValue();
 }
 
+// An optional File field: where it is read from, where it goes, how it is logged.
+struct OptionalField {
+    const char* expression;
+    std::string FileOperationInfo::*member;
+    const char* logFormat;
+};
+
+constexpr OptionalField kFieldsBeforeDestination[] = {
+    {"./ObjectName", &FileOperationInfo::ObjectName, "Object Name : %@"},
+    {"./Touch", &FileOperationInfo::Touch, "Touch : %@"},
+};
+constexpr OptionalField kChecksumFields[] = {
+    {"./Checksum/BeforePatch", &FileOperationInfo::BeforePatch, "Checksum before patching : %@"},
+    {"./Checksum/AfterPatch", &FileOperationInfo::AfterPatch, "Checksum After patching : %@"},
+};
+constexpr OptionalField kPermissionFields[] = {
+    {"./Permissions/mac/UserID", &FileOperationInfo::UserID, "New UserID : %@"},
+    {"./Permissions/mac/GroupID", &FileOperationInfo::GroupID, "New GroupID : %@"},
+    {"./Permissions/mac/Permission", &FileOperationInfo::Permission, "Permission : %@"},
+};
+
+// Fills the fields that are present; absent ones keep the absent marker.
+template <size_t N>
+void ReadOptionalFields(const XmlNode& node, const OptionalField (&fields)[N],
+                        FileOperationInfo& info) {
+    for (const auto& field : fields) {
+        if (auto value = SingleValue(node, field.expression)) {
+            info.*field.member = *value;
+            NSLevelledLog(3, field.logFormat, *value);
+        }
+    }
+}
+
 std::vector<XmlNode> Select(const XmlNode& root, const std::string& expression) {
     return root.select(expression);
 }
@@ -246,14 +279,7 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
         }
         info.Operation = *operation;
         NSLevelledLog(3, "Operation : %@", info.Operation);
-        if (auto value = SingleValue(node, "./ObjectName")) {
-            info.ObjectName = *value;
-            NSLevelledLog(3, "Object Name : %@", info.ObjectName);
-        }
-        if (auto value = SingleValue(node, "./Touch")) {
-            info.Touch = *value;
-            NSLevelledLog(3, "Touch : %@", info.Touch);
-        }
+        ReadOptionalFields(node, kFieldsBeforeDestination, info);
 
         auto destinationNodes = node.select("./DestinationPath");
         if (!isSingleElementType(destinationNodes)) {
@@ -272,14 +298,7 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
             CmdInterface::JoinPath(destination.attribute("dir").value_or(""), *name), work.appPath);
         NSLevelledLog(3, "Destination Path : %@", info.DestinationPath);
 
-        if (auto value = SingleValue(node, "./Checksum/BeforePatch")) {
-            info.BeforePatch = *value;
-            NSLevelledLog(3, "Checksum before patching : %@", info.BeforePatch);
-        }
-        if (auto value = SingleValue(node, "./Checksum/AfterPatch")) {
-            info.AfterPatch = *value;
-            NSLevelledLog(3, "Checksum After patching : %@", info.AfterPatch);
-        }
+        ReadOptionalFields(node, kChecksumFields, info);
         auto renameNodes = node.select("./RenamePath");
         if (isSingleElementType(renameNodes)) {
             auto renameName = getLocalizedNameGivenArray(node.select("./RenamePath/FileName"));
@@ -293,18 +312,7 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
                 NSLevelledLog(3, "Rename path : %@", info.RenamePath);
             }
         }
-        if (auto value = SingleValue(node, "./Permissions/mac/UserID")) {
-            info.UserID = *value;
-            NSLevelledLog(3, "New UserID : %@", info.UserID);
-        }
-        if (auto value = SingleValue(node, "./Permissions/mac/GroupID")) {
-            info.GroupID = *value;
-            NSLevelledLog(3, "New GroupID : %@", info.GroupID);
-        }
-        if (auto value = SingleValue(node, "./Permissions/mac/Permission")) {
-            info.Permission = *value;
-            NSLevelledLog(3, "Permission : %@", info.Permission);
-        }
+        ReadOptionalFields(node, kPermissionFields, info);
 
         const std::string workingFile =
             IsAbsentField(info.RenamePath) ? info.DestinationPath : info.RenamePath;
