@@ -180,3 +180,36 @@ int RunProgramIsolated(const std::vector<std::string>& argv,
     const int status = RunChild(argv, extraEnv, tmpfsFolders, true, stdoutPath, stderrPath);
     return status == 126 ? -1 : status;
 }
+
+std::string SelfExecutable() {
+    char buffer[4096];
+    ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+    if (n <= 0)
+        return {};
+    return std::string(buffer, static_cast<size_t>(n));
+}
+
+int RunSelfWithPrefix(const std::vector<std::string>& prefix, const std::string& filter,
+                      const std::vector<std::string>& extraEnv, std::string& output) {
+    TempDir dir;
+    ::chmod(dir.path().c_str(), 0777);
+    std::vector<std::string> argv = prefix;
+    argv.push_back(SelfExecutable());
+    argv.push_back("--gtest_also_run_disabled_tests");
+    argv.push_back("--gtest_filter=" + filter);
+    const std::string logPath = dir.file("output.txt");
+    int status = RunProgram(argv, extraEnv, logPath, logPath);
+    output = FileExists(logPath) ? ReadTextFile(logPath) : std::string();
+    return status;
+}
+
+std::string EnvironmentValue(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+std::string MountNamespaceId() {
+    char buffer[256];
+    ssize_t n = ::readlink("/proc/self/ns/mnt", buffer, sizeof buffer - 1);
+    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : std::string();
+}

@@ -59,3 +59,18 @@ int RunProgramIsolated(const std::vector<std::string>& argv,
                        const std::vector<std::string>& extraEnv,
                        const std::vector<std::string>& tmpfsFolders,
                        const std::string& stdoutPath = {}, const std::string& stderrPath = {});
+
+// The path of the running test program.
+std::string SelfExecutable();
+
+// Runs this test program with the disabled tests of the filter enabled, behind the
+// prefix command (setpriv, unshare...), with the extra environment; returns the exit
+// status and puts standard output and error into output.
+int RunSelfWithPrefix(const std::vector<std::string>& prefix, const std::string& filter,
+                      const std::vector<std::string>& extraEnv, std::string& output);
+
+// The value of an environment variable, or the empty text.
+std::string EnvironmentValue(const char* name);
+
+// The mount namespace of this process ("mnt:[4026531841]").
+std::string MountNamespaceId();
