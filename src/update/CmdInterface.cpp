@@ -731,7 +731,19 @@ int32_t CmdInterface::performDirectoryUpdationWithInfo(const DirectoryOperationI
     if (_writeUndo && _rollBackHandler) {
         // Journaled before the change, so a removal is recorded while the folder still
         // exists; a journal that cannot be written is reported there.
-        (void)_rollBackHandler->addUndoDirectoryCommand(info);
+        if (IsKeyword(info.Operation, "ADD")) {
+            // Every folder the ADD is about to create is undone, deepest first (the replay
+            // runs entries in order and removes a folder only once it is empty); folders
+            // that exist already are the old tree's and stay.
+            for (std::string level = info.DirectoryBase;
+                 level.size() > 1 && !Exists(level) && level != "."; level = ParentPath(level)) {
+                DirectoryOperationInfo created = info;
+                created.DirectoryBase = level;
+                (void)_rollBackHandler->addUndoDirectoryCommand(created);
+            }
+        } else {
+            (void)_rollBackHandler->addUndoDirectoryCommand(info);
+        }
     }
     int32_t result = 0;
     if (IsKeyword(info.Operation, "ADD"))
@@ -769,9 +781,7 @@ int32_t CmdInterface::removeDirectoryOperation(const DirectoryOperationInfo& inf
         NSLevelledLog(3, "Directory remove operation failed.");
         return 1;
     }
-    // The folder itself is gone; the folders above it that it leaves empty go too, so a
-    // replayed ADD of "One/Two" takes "One" with it as well.
-    cleanupEmptyParentDir(ParentPath(folder), true, true);
+    cleanupEmptyParentDir(folder, true, true);
     return 0;
 }
 

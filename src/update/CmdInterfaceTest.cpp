@@ -1014,18 +1014,18 @@ TEST_F(CmdInterfaceTest, DirectoryOperationsWithTheirJournalAndReplay) {
          "REMOVE",
          Replay::Custom,
          [](Env& e) {
-             // The intermediate folder, left empty, goes with the journaled one.
+             // The intermediate folder the ADD created is undone as well.
              EXPECT_FALSE(FileExists(e.in("One/Two")));
              EXPECT_FALSE(FileExists(e.in("One")));
          }},
-        {"Add_Existing",
+        {"Add_ExistingIsTheOldTreesAndNotJournaled",
          [](Env& e) { e.put(e.in("Dir/file"), "x"); },
          "ADD",
          "Dir",
          0,
          {},
          NoCheck,
-         "REMOVE",
+         std::nullopt,
          Replay::Restores},
         {"Add_UnderAFileFails",
          [](Env& e) { e.put(e.in("Blocker"), "x"); },
@@ -1113,10 +1113,14 @@ TEST_F(CmdInterfaceTest, DirectoryOperationsWithTheirJournalAndReplay) {
         if (c.journaled) {
             const auto journal = ParseJournal(env.journal(), XmlParseMode::Strict);
             ASSERT_TRUE(journal.parsed);
-            ASSERT_EQ(journal.directories.size(), 1u);
+            // An ADD journals one entry per folder it creates, the deepest first.
+            ASSERT_GE(journal.directories.size(), 1u);
             EXPECT_TRUE(journal.files.empty());
             EXPECT_EQ(journal.directories[0].Operation, *c.journaled);
             EXPECT_EQ(journal.directories[0].DirectoryBase, folder);
+            for (size_t i = 1; i < journal.directories.size(); ++i)
+                EXPECT_EQ(journal.directories[i].DirectoryBase,
+                          CmdInterface::ParentPath(journal.directories[i - 1].DirectoryBase));
         } else {
             EXPECT_FALSE(FileExists(env.journal()));
         }
