@@ -1,0 +1,103 @@
+// A real SysV service named by the manifest: the patcher stops it before its first file
+// operation and starts it again after its last one.
+
+#include "E2eSupport.h"
+#include "TestSupport.h"
+
+#include <sys/stat.h>
+
+namespace {
+
+const std::string kService = "orvel-e2e-indexer";
+const std::string kPidFile = "/var/run/" + kService + ".pid";
+
+// An init script that runs "sleep" as the service's daemon with start-stop-daemon.
+void InstallService() {
+    const std::string path = "/etc/init.d/" + kService;
+    WriteTextFile(path, "#!/bin/sh\n"
+                        "PIDFILE=" +
+                            kPidFile +
+                            "\n"
+                            "case \"$1\" in\n"
+                            "start)\n"
+                            "  start-stop-daemon --start --quiet --background --make-pidfile "
+                            "--pidfile $PIDFILE --exec /usr/bin/sleep -- 600\n"
+                            "  ;;\n"
+                            "stop)\n"
+                            "  start-stop-daemon --stop --quiet --retry TERM/5 --pidfile $PIDFILE "
+                            "--exec /usr/bin/sleep\n"
+                            "  status=$?\n"
+                            "  rm -f $PIDFILE\n"
+                            "  [ $status -le 1 ] || exit $status\n"
+                            "  ;;\n"
+                            "*) exit 3 ;;\n"
+                            "esac\n"
+                            "exit 0\n");
+    ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
+}
+
+pid_t ServicePid() {
+    return FileExists(kPidFile) ? static_cast<pid_t>(std::atol(ReadTextFile(kPidFile).c_str())) : 0;
+}
+
+bool Alive(pid_t pid) {
+    if (pid <= 0 || ::kill(pid, 0) != 0)
+        return false;
+    // A daemon that ended but is not reaped yet is no longer running.
+    const std::string stat = ReadTextFile("/proc/" + std::to_string(pid) + "/stat");
+    const auto close = stat.rfind(')');
+    return close != std::string::npos && stat.size() > close + 2 && stat[close + 2] != 'Z';
+}
+
+TEST(ServiceSet, ServiceIsStoppedBeforeTheFirstFileAndRestartedAfterTheLast) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    InstallService();
+    std::string output;
+    ASSERT_EQ(RunTool({"/usr/sbin/service", kService, "start"}, &output), 0) << output;
+    ASSERT_TRUE(WaitUntil([] { return Alive(ServicePid()); }, std::chrono::seconds(10)));
+    const pid_t before = ServicePid();
+
+    // The launching party hands over its authorization, without which the patcher reads no
+    // job list and controls no service.
+    WriteTextFile("/tmp/authTokenData", std::string(32, 'a'));
+    s.installApplication();
+    s.registerInstallation();
+    const auto entries = s.updateEntries();
+    s.assemble(s.manifest(entries, true, true,
+                          "<ServiceSet><Service><ServiceName>" + kService +
+                              "</ServiceName><FilePath>/etc/init.d/" + kService +
+                              "</FilePath><Operation>start</Operation></Service></ServiceSet>\n"));
+    ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
+    EXPECT_EQ(s.returnCode(), "0");
+    EXPECT_EQ(ReadTextFile(s.app + "/Contents/Resources/keep.txt"), "version two\n");
+
+    // The old daemon was stopped; a new one runs.
+    EXPECT_FALSE(Alive(before));
+    EXPECT_TRUE(Alive(ServicePid()));
+    EXPECT_NE(ServicePid(), before);
+
+    const long stopping = s.logIndex(HeadingLine("STOPPING THE REQUIRED SERVICES"), true);
+    const long stopped = s.logIndex("Successfully stopped.");
+    const long firstFile = s.logIndex(HeadingLine("PERFORMING FILE SET OPERATION"), true);
+    const long firstChange = s.logIndex("Successfully performed \"ADD\" file Operation");
+    const long lastChange = s.logIndex("Successfully performed \"REMOVE\" directory Operation");
+    const long restarting = s.logIndex(HeadingLine("RESTARTING THE REQUIRED SERVICES"), true);
+    const long restarted = s.logIndex("Successfully restarted.");
+    EXPECT_TRUE(s.logContains("Elevated privileges"));
+    EXPECT_TRUE(s.logContains("Service Name : " + kService));
+    EXPECT_TRUE(s.logContains("Service File Path : /etc/init.d/" + kService));
+    EXPECT_TRUE(s.logContains("State: Service is running"));
+    EXPECT_TRUE(s.logContains("Operation : start"));
+    ASSERT_GE(stopping, 0);
+    EXPECT_LT(stopping, stopped);
+    EXPECT_LT(stopped, firstFile);
+    EXPECT_LT(firstFile, firstChange);
+    EXPECT_LT(firstChange, lastChange);
+    EXPECT_LT(lastChange, s.logIndex("Restarting the services..."));
+    EXPECT_LT(s.logIndex("Restarting the services..."), restarting);
+    EXPECT_LT(restarting, restarted);
+    EXPECT_LT(restarted, s.logIndex("Exit code: 0"));
+}
+
+} // namespace
