@@ -1,8 +1,13 @@
 // mkpatcher: the release engineer's tool that makes patcher bundles.
 
+#include "Bsdiff.h"
 #include "BundleAssembler.h"
+#include "PatcherBuilder.h"
+
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <optional>
@@ -14,11 +19,19 @@ namespace {
 constexpr const char* kUsage =
     "usage:\n"
     "  mkpatcher assemble --config FILE --manifest FILE [--payload DIR] [--name NAME]\n"
-    "                     --out DIR.app [--from BUILT_BUNDLE] [--force]\n";
+    "                     --out DIR.app [--from BUILT_BUNDLE] [--force]\n"
+    "  mkpatcher bsdiff OLD NEW PATCH\n"
+    "  mkpatcher create --old OLD.app --new NEW.app --out DIR.app --code CODE [--code CODE...]\n"
+    "                   [--config-template FILE] [--name NAME] [--from BUILT_BUNDLE] [--force]\n"
+    "                   [--family F] [--product-name N] [--patcher-id ID] [--build-number B]\n"
+    "                   [--app-name A] [--bundle-id ID] [--old-version V] [--new-version V]\n"
+    "                   [--kvr-path PATH] [--running-app NAME...] [--space-system KB]\n"
+    "                   [--space-target KB] [--combo] [--patch-ratio R]\n";
 
 // Options of the form "--key value" and "--flag"; anything else is an error.
 struct ParsedOptions {
     std::map<std::string, std::string> values;
+    std::map<std::string, std::vector<std::string>> lists;
     std::map<std::string, bool> flags;
     std::vector<std::string> positional;
 };
@@ -26,7 +39,8 @@ struct ParsedOptions {
 std::optional<ParsedOptions> ParseOptions(int argc, char** argv, int first,
                                           const std::vector<std::string>& valueOptions,
                                           const std::vector<std::string>& flagOptions,
-                                          std::string* error) {
+                                          std::string* error,
+                                          const std::vector<std::string>& listOptions = {}) {
     ParsedOptions parsed;
     for (int i = first; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -47,6 +61,16 @@ std::optional<ParsedOptions> ParseOptions(int argc, char** argv, int first,
                     return std::nullopt;
                 }
                 parsed.values[key] = argv[++i];
+                known = true;
+            }
+        }
+        for (const auto& l : listOptions) {
+            if (l == key) {
+                if (i + 1 >= argc) {
+                    *error = "option " + arg + " needs a value";
+                    return std::nullopt;
+                }
+                parsed.lists[key].push_back(argv[++i]);
                 known = true;
             }
         }
@@ -109,6 +133,172 @@ int Assemble(int argc, char** argv) {
     return 0;
 }
 
+// Progress on standard error, only when somebody watches it.
+class ProgressLine {
+public:
+    explicit ProgressLine(std::string label) : _label(std::move(label)), _shown(::isatty(2) == 1) {}
+    ~ProgressLine() {
+        if (_shown && _last >= 0)
+            std::fprintf(stderr, "\r\033[K");
+    }
+    ProgressLine(const ProgressLine&) = delete;
+    ProgressLine& operator=(const ProgressLine&) = delete;
+    void operator()(double done) { show(_label, done); }
+    void show(const std::string& label, double done) {
+        const int percent = static_cast<int>(done * 100);
+        if (!_shown || (percent == _last && label == _lastLabel))
+            return;
+        _last = percent;
+        _lastLabel = label;
+        std::string text = label.size() > 70 ? "..." + label.substr(label.size() - 67) : label;
+        std::fprintf(stderr, "\r\033[K%3d%% %s", percent, text.c_str());
+        std::fflush(stderr);
+    }
+    bool shown() const { return _shown; }
+
+private:
+    std::string _label;
+    bool _shown;
+    int _last = -1;
+    std::string _lastLabel;
+};
+
+int Diff(int argc, char** argv) {
+    if (argc != 5)
+        return UsageError("bsdiff needs OLD NEW PATCH");
+    std::string error;
+    Bsdiff::Stats stats;
+    bool ok;
+    {
+        ProgressLine line("bsdiff");
+        ok = Bsdiff::diffFiles(argv[2], argv[3], argv[4], &error, &stats,
+                               [&line](double done) { line(done); });
+    }
+    if (!ok) {
+        std::fprintf(stderr, "mkpatcher bsdiff: %s\n", error.c_str());
+        return 1;
+    }
+    std::printf("Wrote %s: %llu bytes (%llu control entries, %llu diff bytes, %llu extra bytes)\n",
+                argv[4], static_cast<unsigned long long>(stats.patchBytes),
+                static_cast<unsigned long long>(stats.controlEntries),
+                static_cast<unsigned long long>(stats.diffBytes),
+                static_cast<unsigned long long>(stats.extraBytes));
+    return 0;
+}
+
+std::optional<uint64_t> Number(const ParsedOptions& options, const std::string& key,
+                               std::string* error) {
+    const auto text = Value(options, key);
+    if (!text)
+        return std::nullopt;
+    char* end = nullptr;
+    const unsigned long long value = std::strtoull(text->c_str(), &end, 10);
+    if (text->empty() || *end != '\0') {
+        *error = "--" + key + " needs a number";
+        return std::nullopt;
+    }
+    return value;
+}
+
+int Create(int argc, char** argv) {
+    std::string error;
+    auto parsed = ParseOptions(argc, argv, 2,
+                               {"old", "new", "out", "name", "from", "config-template", "family",
+                                "product-name", "patcher-id", "build-number", "app-name",
+                                "bundle-id", "old-version", "new-version", "kvr-path",
+                                "space-system", "space-target", "patch-ratio"},
+                               {"force", "combo"}, &error, {"code", "running-app"});
+    if (!parsed)
+        return UsageError(error);
+    if (!parsed->positional.empty())
+        return UsageError("unexpected argument " + parsed->positional.front());
+    for (const char* required : {"old", "new", "out"}) {
+        if (!Value(*parsed, required))
+            return UsageError(std::string("create needs --") + required);
+    }
+    PatcherBuilder::Options options;
+    options.oldTree = *Value(*parsed, "old");
+    options.newTree = *Value(*parsed, "new");
+    options.outPath = *Value(*parsed, "out");
+    options.name = Value(*parsed, "name");
+    options.builtBundle = Value(*parsed, "from");
+    options.force = parsed->flags.count("force") != 0;
+    if (auto ratio = Value(*parsed, "patch-ratio")) {
+        options.patchRatio = std::atof(ratio->c_str());
+        if (options.patchRatio <= 0)
+            return UsageError("--patch-ratio needs a positive number");
+    }
+
+    if (auto path = Value(*parsed, "config-template")) {
+        auto fromTemplate = PatcherIdentity::fromTemplate(*path, &error);
+        if (!fromTemplate) {
+            std::fprintf(stderr, "mkpatcher create: %s\n", error.c_str());
+            return 1;
+        }
+        options.identity = *fromTemplate;
+    }
+    PatcherIdentity given;
+    given.family = Value(*parsed, "family").value_or("");
+    given.productName = Value(*parsed, "product-name").value_or("");
+    given.patcherId = Value(*parsed, "patcher-id").value_or("");
+    given.buildNumber = Value(*parsed, "build-number").value_or("");
+    given.appName = Value(*parsed, "app-name").value_or("");
+    given.bundleIdentifier = Value(*parsed, "bundle-id").value_or("");
+    given.oldVersion = Value(*parsed, "old-version").value_or("");
+    given.newVersion = Value(*parsed, "new-version").value_or("");
+    given.kvrFilePath = Value(*parsed, "kvr-path").value_or("");
+    given.installationCodes = parsed->lists["code"];
+    given.runningApps = parsed->lists["running-app"];
+    given.spaceSystemKb = Number(*parsed, "space-system", &error);
+    given.spaceTargetKb = Number(*parsed, "space-target", &error);
+    if (!error.empty())
+        return UsageError(error);
+    given.combo = parsed->flags.count("combo") != 0;
+    options.identity.overrideWith(given);
+
+    PatcherBuilder::Report report;
+    int status;
+    {
+        ProgressLine line("");
+        std::string lastPhase;
+        status = PatcherBuilder::create(
+            options, &report, &error, [&](const std::string& phase, double done) {
+                // Without a terminal each phase is one line; patches are one phase.
+                const std::string head = phase.substr(0, phase.find(':'));
+                if (head != lastPhase && !line.shown()) {
+                    std::fprintf(stderr, "mkpatcher: %s\n", head.c_str());
+                    lastPhase = head;
+                }
+                line.show(phase, done);
+            });
+    }
+    if (status != 0) {
+        std::fprintf(stderr, "mkpatcher create: %s\n", error.c_str());
+        return 1;
+    }
+    const auto& id = report.identity;
+    auto u = [](uint64_t v) { return static_cast<unsigned long long>(v); };
+    std::printf("Created %s: %s %s -> %s (%s.app)\n", report.bundlePath.c_str(),
+                id.productName.c_str(), id.oldVersion.c_str(), id.newVersion.c_str(),
+                id.appName.c_str());
+    std::printf("  files added:        %d\n", report.added);
+    std::printf("  files patched:      %d\n", report.patched);
+    std::printf("  files overwritten:  %d\n", report.overwritten);
+    std::printf("  files removed:      %d\n", report.removed);
+    std::printf("  files unchanged:    %d\n", report.unchanged);
+    std::printf("  links created:      %d, removed: %d\n", report.linksCreated,
+                report.linksRemoved);
+    std::printf("  permission changes: %d\n", report.permissionChanges);
+    std::printf("  folders added:      %d, removed: %d\n", report.foldersAdded,
+                report.foldersRemoved);
+    std::printf("  payload: %llu bytes (%llu compressed) for a new tree of %llu bytes (%.1f%%)\n",
+                u(report.payloadBytes), u(report.payloadArchiveBytes), u(report.newTreeBytes),
+                report.newTreeBytes ? 100.0 * static_cast<double>(report.payloadArchiveBytes) /
+                                          static_cast<double>(report.newTreeBytes)
+                                    : 0.0);
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -117,6 +307,10 @@ int main(int argc, char** argv) {
     const std::string command = argv[1];
     if (command == "assemble")
         return Assemble(argc, argv);
+    if (command == "create")
+        return Create(argc, argv);
+    if (command == "bsdiff")
+        return Diff(argc, argv);
     if (command == "--help" || command == "-h" || command == "help") {
         std::printf("%s", kUsage);
         return 0;

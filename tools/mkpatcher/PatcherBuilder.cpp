@@ -1,0 +1,704 @@
+#include "PatcherBuilder.h"
+
+#include "Bsdiff.h"
+#include "BundleAssembler.h"
+#include "base/FileUtil.h"
+#include "base/PropertyList.h"
+#include "base/Xml.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kInstallDir = "[INSTALLDIR]";
+constexpr const char* kInfoPlist = "Contents/Info.plist";
+constexpr uint64_t kSmallestPatchedFile = 4096;
+
+int Fail(std::string* error, const std::string& message) {
+    if (error)
+        *error = message;
+    return 1;
+}
+
+struct TreeEntry {
+    enum Kind { File, Link, Folder } kind = File;
+    unsigned mode = 0;
+    uint64_t size = 0;
+    std::string target; // of a link
+    bool empty = false; // of a folder
+};
+// Relative path -> entry; in name order, so a folder comes before what it holds.
+using Tree = std::map<std::string, TreeEntry>;
+
+bool ScanTree(const std::string& root, Tree* tree, std::string* error) {
+    std::error_code ec;
+    if (!fs::is_directory(fs::symlink_status(root, ec))) {
+        Fail(error, root + " is not a folder");
+        return false;
+    }
+    auto it = fs::recursive_directory_iterator(root, fs::directory_options::none, ec);
+    for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        const std::string path = it->path().string();
+        const std::string relative = it->path().lexically_relative(root).string();
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) != 0) {
+            Fail(error, "cannot read " + path + ": " + std::strerror(errno));
+            return false;
+        }
+        TreeEntry entry;
+        entry.mode = info.st_mode & 07777;
+        if (S_ISREG(info.st_mode)) {
+            entry.kind = TreeEntry::File;
+            entry.size = static_cast<uint64_t>(info.st_size);
+        } else if (S_ISLNK(info.st_mode)) {
+            entry.kind = TreeEntry::Link;
+            entry.target = fs::read_symlink(path, ec).string();
+            if (ec)
+                break;
+        } else if (S_ISDIR(info.st_mode)) {
+            entry.kind = TreeEntry::Folder;
+            entry.empty = fs::is_empty(path, ec);
+            if (ec)
+                break;
+        } else {
+            Fail(error, path + " is neither a file, a folder nor a symbolic link");
+            return false;
+        }
+        (*tree)[relative] = entry;
+    }
+    if (ec) {
+        Fail(error, "cannot read the tree " + root + ": " + ec.message());
+        return false;
+    }
+    return true;
+}
+
+struct EvpFree {
+    void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
+};
+
+// The MD5 of a file (links followed) in lower-case hexadecimal, as the patcher compares it.
+std::optional<std::string> Md5OfFile(const std::string& path) {
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid())
+        return std::nullopt;
+    std::unique_ptr<EVP_MD_CTX, EvpFree> ctx(EVP_MD_CTX_new());
+    if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_md5(), nullptr) != 1)
+        return std::nullopt;
+    std::vector<char> buffer(1 << 20);
+    for (;;) {
+        const ssize_t n = ::read(fd.get(), buffer.data(), buffer.size());
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return std::nullopt;
+        if (n == 0)
+            break;
+        if (EVP_DigestUpdate(ctx.get(), buffer.data(), static_cast<size_t>(n)) != 1)
+            return std::nullopt;
+    }
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    if (EVP_DigestFinal_ex(ctx.get(), digest, &length) != 1)
+        return std::nullopt;
+    static const char* kHex = "0123456789abcdef";
+    std::string text;
+    for (unsigned i = 0; i < length; ++i) {
+        text += kHex[digest[i] >> 4];
+        text += kHex[digest[i] & 15];
+    }
+    return text;
+}
+
+std::string Md5OfText(const std::string& text) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    EVP_Digest(text.data(), text.size(), digest, &length, EVP_md5(), nullptr);
+    static const char* kHex = "0123456789abcdef";
+    std::string hex;
+    for (unsigned i = 0; i < length; ++i) {
+        hex += kHex[digest[i] >> 4];
+        hex += kHex[digest[i] & 15];
+    }
+    return hex;
+}
+
+std::string Octal(unsigned mode) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%o", mode);
+    return text;
+}
+
+// One File entry of the manifest.
+struct FileOp {
+    std::string operation;
+    std::string objectName;
+    std::string relative; // below the application bundle
+    std::string before;
+    std::string after;
+    std::optional<std::string> linkTarget;
+    std::optional<unsigned> permission;
+};
+
+class ManifestWriter {
+public:
+    explicit ManifestWriter(std::string bundleDir) : _bundleDir(std::move(bundleDir)) {}
+
+    void addFile(XmlNode parent, const FileOp& op) const {
+        XmlNode file = parent.addChild("File");
+        file.addChild("Operation", op.operation);
+        file.addChild("ObjectName", op.objectName);
+        const fs::path relative(op.relative);
+        const std::string folder = relative.parent_path().string();
+        XmlNode destination = file.addChild("DestinationPath");
+        destination.setAttribute("dir", folder.empty() ? _bundleDir : _bundleDir + "/" + folder);
+        destination.setAttribute("defName", relative.filename().string());
+        // A folder has no content to check; every other entry carries both checksums.
+        if (!op.before.empty() || !op.after.empty()) {
+            XmlNode checksum = file.addChild("Checksum");
+            checksum.addChild("BeforePatch", op.before);
+            checksum.addChild("AfterPatch", op.after);
+        }
+        if (op.linkTarget) {
+            // The link's text as it is written, relative or absolute.
+            XmlNode rename = file.addChild("RenamePath");
+            rename.setAttribute("dir", "");
+            rename.setAttribute("defName", *op.linkTarget);
+        }
+        if (op.permission)
+            file.addChild("Permissions")
+                .addChild("mac")
+                .addChild("Permission", Octal(*op.permission));
+    }
+
+    void addDirectory(XmlNode parent, const std::string& operation,
+                      const std::string& relative) const {
+        XmlNode directory = parent.addChild("Directory");
+        directory.addChild("Operation", operation);
+        directory.addChild("DirectoryBase", _bundleDir + "/" + relative);
+    }
+
+    const std::string& bundleDir() const { return _bundleDir; }
+
+private:
+    std::string _bundleDir;
+};
+
+std::string BundleFolderName(const std::string& tree) {
+    return fs::path(tree).lexically_normal().filename().string().empty()
+               ? fs::path(tree).lexically_normal().parent_path().filename().string()
+               : fs::path(tree).lexically_normal().filename().string();
+}
+
+// Removes a folder and what it holds when it goes out of scope.
+class TemporaryFolder {
+public:
+    explicit TemporaryFolder(std::string path) : _path(std::move(path)) {}
+    ~TemporaryFolder() {
+        std::error_code ec;
+        if (!_path.empty())
+            fs::remove_all(_path, ec);
+    }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    const std::string& path() const { return _path; }
+
+private:
+    std::string _path;
+};
+
+// Puts a file of the new tree into the payload: a hard link when both are on one file
+// system, else a copy.
+bool StageFile(const std::string& from, const std::string& to, std::string* error) {
+    if (::link(from.c_str(), to.c_str()) == 0)
+        return true;
+    std::error_code ec;
+    fs::copy_file(from, to, fs::copy_options::overwrite_existing, ec);
+    if (ec) {
+        Fail(error, "cannot copy " + from + " into the payload: " + ec.message());
+        return false;
+    }
+    return true;
+}
+
+bool ReadFileBytes(const std::string& path, std::vector<uint8_t>* data, std::string* error) {
+    const auto text = ReadFileText(path, SIZE_MAX);
+    if (!text) {
+        Fail(error, "cannot read " + path);
+        return false;
+    }
+    data->assign(text->begin(), text->end());
+    return true;
+}
+
+std::string ShortName(const std::string& relative) {
+    std::string name = fs::path(relative).filename().string();
+    if (name.size() > 80)
+        name = name.substr(name.size() - 80);
+    return name;
+}
+
+} // namespace
+
+std::optional<PatcherIdentity> PatcherIdentity::fromTemplate(const std::string& path,
+                                                             std::string* error) {
+    if (auto why = BundleAssembler::checkXmlRoot(path, "PatcherConfig")) {
+        if (error)
+            *error = "configuration template " + *why;
+        return std::nullopt;
+    }
+    const auto parsed = XmlDocument::parseFile(path, XmlParseMode::Strict);
+    const XmlNode root = XmlDocument::root(parsed.document);
+    auto single = [&root](const std::string& expression) {
+        const auto nodes = root.select(expression);
+        return IsSingleElement(nodes) ? nodes.front().stringValue() : std::string();
+    };
+    auto list = [&root](const std::string& expression) {
+        std::vector<std::string> values;
+        for (const auto& node : root.select(expression))
+            values.push_back(node.stringValue());
+        return values;
+    };
+    PatcherIdentity identity;
+    identity.family = single("/PatcherConfig/Family");
+    identity.productName = single("/PatcherConfig/Name");
+    identity.patcherId = single("/PatcherConfig/PatcherID");
+    identity.buildNumber = single("/PatcherConfig/BuildNumber");
+    identity.combo = single("/PatcherConfig/ComboPatch") == "true";
+    identity.appName = single("/PatcherConfig/ProductData/AppName");
+    identity.bundleIdentifier = single("/PatcherConfig/ProductData/BundleIdentifier");
+    if (identity.bundleIdentifier.empty())
+        identity.bundleIdentifier =
+            single("/PatcherConfig/PrePatchValidation/AppValidityCheck/BundleIdentifier");
+    identity.oldVersion = single("/PatcherConfig/ProductData/OldVersion");
+    identity.newVersion = single("/PatcherConfig/ProductData/NewVersion");
+    identity.kvrFilePath = single("/PatcherConfig/ProductData/KVRFilePath");
+    identity.installationCodes = list("/PatcherConfig/ProductData/OrvelCode/GUID");
+    identity.runningApps = list("/PatcherConfig/PrePatchValidation/AppRunningList/AppRunning");
+    auto number = [&](const std::string& expression) -> std::optional<uint64_t> {
+        const std::string text = single(expression);
+        if (text.empty())
+            return std::nullopt;
+        return std::strtoull(text.c_str(), nullptr, 10);
+    };
+    identity.spaceSystemKb = number("/PatcherConfig/PrePatchValidation/SpaceRequirement/System");
+    identity.spaceTargetKb = number("/PatcherConfig/PrePatchValidation/SpaceRequirement/Target");
+    return identity;
+}
+
+void PatcherIdentity::overrideWith(const PatcherIdentity& other) {
+    for (auto [mine, theirs] : {std::pair{&family, &other.family},
+                                {&productName, &other.productName},
+                                {&patcherId, &other.patcherId},
+                                {&buildNumber, &other.buildNumber},
+                                {&appName, &other.appName},
+                                {&bundleIdentifier, &other.bundleIdentifier},
+                                {&oldVersion, &other.oldVersion},
+                                {&newVersion, &other.newVersion},
+                                {&kvrFilePath, &other.kvrFilePath}}) {
+        if (!theirs->empty())
+            *mine = *theirs;
+    }
+    if (!other.installationCodes.empty())
+        installationCodes = other.installationCodes;
+    if (!other.runningApps.empty())
+        runningApps = other.runningApps;
+    if (other.spaceSystemKb)
+        spaceSystemKb = other.spaceSystemKb;
+    if (other.spaceTargetKb)
+        spaceTargetKb = other.spaceTargetKb;
+    combo = combo || other.combo;
+}
+
+int PatcherBuilder::create(const Options& options, Report* report, std::string* error,
+                           const Progress& progress) {
+    Report result;
+    auto phase = [&progress](const std::string& text, double done) {
+        if (progress)
+            progress(text, done);
+    };
+
+    // The identity: given values, else what the two bundles say about themselves.
+    PatcherIdentity identity = options.identity;
+    const auto oldPlist =
+        PropertyList::readDictionaryFromFile(options.oldTree + "/" + std::string(kInfoPlist));
+    const auto newPlist =
+        PropertyList::readDictionaryFromFile(options.newTree + "/" + std::string(kInfoPlist));
+    auto fromPlist = [](const std::optional<PropertyList>& plist, const char* key) {
+        return plist ? plist->stringForKey(key).value_or("") : std::string();
+    };
+    if (identity.appName.empty()) {
+        const std::string folder = BundleFolderName(options.newTree);
+        if (folder.size() > 4 && folder.substr(folder.size() - 4) == ".app")
+            identity.appName = folder.substr(0, folder.size() - 4);
+    }
+    if (identity.appName.empty())
+        return Fail(error, "the application name is not known: name the trees <App>.app or "
+                           "give --app-name");
+    if (identity.oldVersion.empty())
+        identity.oldVersion = fromPlist(oldPlist, "CFBundleVersion");
+    if (identity.newVersion.empty())
+        identity.newVersion = fromPlist(newPlist, "CFBundleVersion");
+    if (identity.oldVersion.empty() || identity.newVersion.empty())
+        return Fail(error, "the old and new versions are not known: give --old-version and "
+                           "--new-version or CFBundleVersion in both Info.plist files");
+    if (identity.bundleIdentifier.empty())
+        identity.bundleIdentifier = fromPlist(newPlist, "CFBundleIdentifier");
+    if (identity.productName.empty())
+        identity.productName = fromPlist(newPlist, "CFBundleName");
+    if (identity.productName.empty())
+        identity.productName = identity.appName;
+    if (identity.family.empty())
+        identity.family = "Tavrin";
+    if (identity.patcherId.empty())
+        identity.patcherId =
+            identity.appName + "-" + identity.oldVersion + "-" + identity.newVersion;
+    if (identity.runningApps.empty()) {
+        const std::string running = fromPlist(oldPlist, "CFBundleName");
+        identity.runningApps.push_back(running.empty() ? identity.appName : running);
+    }
+    if (identity.installationCodes.empty())
+        return Fail(error, "no installation code given (--code, or OrvelCode/GUID in the "
+                           "template): the patcher could not find the installed application");
+
+    phase("Comparing the trees", 0);
+    Tree oldTree;
+    Tree newTree;
+    if (!ScanTree(options.oldTree, &oldTree, error) || !ScanTree(options.newTree, &newTree, error))
+        return 1;
+
+    // Working folder beside the output for the payload, configuration and manifest.
+    const fs::path out = fs::absolute(options.outPath).lexically_normal();
+    std::error_code ec;
+    fs::create_directories(out.parent_path(), ec);
+    std::string pattern = (out.parent_path() / ".mkpatcher-work.XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr)
+        return Fail(error, "cannot create a working folder beside " + out.string() + ": " +
+                               std::strerror(errno));
+    TemporaryFolder work(pattern);
+    const std::string payload = work.path() + "/payload";
+    fs::create_directories(payload, ec);
+    if (ec)
+        return Fail(error, "cannot create " + payload + ": " + ec.message());
+
+    const ManifestWriter writer(std::string(kInstallDir) + "/" + identity.appName + ".app");
+    std::vector<FileOp> removals;
+    std::vector<FileOp> changes;
+    std::vector<FileOp> folderModes;
+    std::optional<FileOp> infoPlistOp;
+    std::vector<std::string> foldersToAdd;
+    std::vector<std::string> foldersToRemove;
+    int serial = 0;
+    auto objectName = [&serial](char kind, const std::string& relative, const char* suffix = "") {
+        char number[16];
+        std::snprintf(number, sizeof number, "%c%05d-", kind, ++serial);
+        return number + ShortName(relative) + suffix;
+    };
+    uint64_t backupBytes = 0;
+    uint64_t writtenBytes = 0;
+    uint64_t largestPatched = 0;
+
+    // What changed files need bsdiff, with their sizes for the progress.
+    std::vector<std::string> changedFiles;
+    uint64_t changedBytes = 0;
+    for (const auto& [relative, entry] : newTree) {
+        if (entry.kind == TreeEntry::File)
+            result.newTreeBytes += entry.size;
+        const auto old = oldTree.find(relative);
+        if (entry.kind == TreeEntry::File && old != oldTree.end() &&
+            old->second.kind == TreeEntry::File) {
+            changedFiles.push_back(relative);
+            changedBytes += entry.size;
+        }
+    }
+
+    // What went away, or became something else.
+    for (const auto& [relative, entry] : oldTree) {
+        const auto now = newTree.find(relative);
+        const bool gone = now == newTree.end();
+        if (entry.kind == TreeEntry::Folder) {
+            if (gone)
+                foldersToRemove.push_back(relative);
+            else if (now->second.kind != TreeEntry::Folder)
+                return Fail(error, "the folder " + relative +
+                                       " becomes a file or link in the new version; make that "
+                                       "change in two releases");
+            continue;
+        }
+        if (!gone && now->second.kind != TreeEntry::Folder)
+            continue;
+        // The journal is replayed in the order it was written, so the undo would put the file
+        // back before the folder's new contents are gone; such a change cannot be undone.
+        if (!gone)
+            return Fail(error, "the " +
+                                   std::string(entry.kind == TreeEntry::File ? "file " : "link ") +
+                                   relative +
+                                   " becomes a folder in the new version; make that change in "
+                                   "two releases");
+        FileOp op;
+        op.relative = relative;
+        const std::string path = options.oldTree + "/" + relative;
+        if (entry.kind == TreeEntry::File) {
+            op.operation = "REMOVE";
+            op.objectName = objectName('r', relative);
+            const auto md5 = Md5OfFile(path);
+            if (!md5)
+                return Fail(error, "cannot read " + path);
+            op.before = op.after = *md5;
+            backupBytes += entry.size;
+            ++result.removed;
+        } else {
+            op.operation = "REMOVELINK";
+            op.objectName = objectName('l', relative);
+            op.before = op.after = Md5OfText(entry.target);
+            ++result.linksRemoved;
+        }
+        removals.push_back(op);
+    }
+
+    // What is new or changed.
+    uint64_t diffedBytes = 0;
+    for (const auto& [relative, entry] : newTree) {
+        const auto oldIt = oldTree.find(relative);
+        const TreeEntry* old = oldIt == oldTree.end() ? nullptr : &oldIt->second;
+        const std::string newPath = options.newTree + "/" + relative;
+        const std::string oldPath = options.oldTree + "/" + relative;
+        if (entry.kind == TreeEntry::Folder) {
+            const bool wasFolder = old && old->kind == TreeEntry::Folder;
+            if (entry.empty && !(wasFolder && old->empty)) {
+                foldersToAdd.push_back(relative);
+                ++result.foldersAdded;
+            }
+            if ((wasFolder && old->mode != entry.mode) || (!wasFolder && entry.mode != 0755)) {
+                folderModes.push_back(FileOp{
+                    "CHANGEPERM", objectName('c', relative), relative, "", "", {}, entry.mode});
+                ++result.permissionChanges;
+            }
+            continue;
+        }
+        if (entry.kind == TreeEntry::Link) {
+            if (old && old->kind == TreeEntry::Link && old->target == entry.target)
+                continue;
+            FileOp op{"CREATELINK", objectName('l', relative), relative, "", "", entry.target, {}};
+            // What the link shows in the new version, so that undoing a file replaced by this
+            // link can check what it is undoing.
+            op.after = Md5OfFile(newPath).value_or(Md5OfText(entry.target));
+            op.before =
+                old && old->kind == TreeEntry::File
+                    ? Md5OfFile(oldPath).value_or(op.after)
+                    : (old && old->kind == TreeEntry::Link ? Md5OfText(old->target) : op.after);
+            if (old && old->kind == TreeEntry::File)
+                backupBytes += old->size;
+            changes.push_back(op);
+            ++result.linksCreated;
+            continue;
+        }
+
+        // A regular file.
+        const auto newMd5 = Md5OfFile(newPath);
+        if (!newMd5)
+            return Fail(error, "cannot read " + newPath);
+        FileOp op;
+        op.relative = relative;
+        op.after = *newMd5;
+        if (!old) {
+            op.operation = "ADD";
+            op.objectName = objectName('a', relative);
+            op.before = *newMd5;
+            op.permission = entry.mode;
+            if (!StageFile(newPath, payload + "/" + op.objectName, error))
+                return 1;
+            writtenBytes += entry.size;
+            ++result.added;
+        } else if (old->kind == TreeEntry::Link) {
+            // A link becomes a file: overwritten through what the link shows now, so that the
+            // undo puts the link itself back.
+            const auto shown = Md5OfFile(oldPath);
+            if (!shown)
+                return Fail(error, "the link " + relative +
+                                       " becomes a file, but the old link shows no file");
+            op.operation = "OVERWRITE";
+            op.objectName = objectName('o', relative);
+            op.before = *shown;
+            op.permission = entry.mode;
+            if (!StageFile(newPath, payload + "/" + op.objectName, error))
+                return 1;
+            writtenBytes += entry.size;
+            ++result.overwritten;
+        } else {
+            const auto oldMd5 = Md5OfFile(oldPath);
+            if (!oldMd5)
+                return Fail(error, "cannot read " + oldPath);
+            op.before = *oldMd5;
+            if (*oldMd5 == *newMd5) {
+                diffedBytes += entry.size;
+                if (old->mode == entry.mode) {
+                    ++result.unchanged;
+                    continue;
+                }
+                op.operation = "CHANGEPERM";
+                op.objectName = objectName('c', relative);
+                op.permission = entry.mode;
+                ++result.permissionChanges;
+            } else {
+                phase("Making patches: " + relative,
+                      changedBytes
+                          ? static_cast<double>(diffedBytes) / static_cast<double>(changedBytes)
+                          : 1.0);
+                std::vector<uint8_t> oldData;
+                std::vector<uint8_t> newData;
+                std::vector<uint8_t> patch;
+                bool patched = false;
+                // Small files are copied whole: a patch would save little and cost a run of
+                // the patch tool.
+                if (entry.size >= kSmallestPatchedFile && old->size > 0) {
+                    if (!ReadFileBytes(oldPath, &oldData, error) ||
+                        !ReadFileBytes(newPath, &newData, error))
+                        return 1;
+                    if (!Bsdiff::diff(oldData, newData, &patch, error))
+                        return 1;
+                    patched = static_cast<double>(patch.size()) <=
+                              options.patchRatio * static_cast<double>(entry.size);
+                }
+                diffedBytes += entry.size;
+                op.permission = entry.mode;
+                if (patched) {
+                    op.operation = "PATCH";
+                    op.objectName = objectName('p', relative, ".patch");
+                    std::string message;
+                    if (!WriteFile(payload + "/" + op.objectName,
+                                   std::string(patch.begin(), patch.end()), &message))
+                        return Fail(error, "cannot write a patch: " + message);
+                    largestPatched = std::max(largestPatched, entry.size);
+                    ++result.patched;
+                } else {
+                    op.operation = "OVERWRITE";
+                    op.objectName = objectName('o', relative);
+                    if (!StageFile(newPath, payload + "/" + op.objectName, error))
+                        return 1;
+                    ++result.overwritten;
+                }
+                backupBytes += old->size;
+                writtenBytes += entry.size;
+            }
+        }
+        if (relative == kInfoPlist)
+            infoPlistOp = op;
+        else
+            changes.push_back(op);
+    }
+    phase("Making patches", 1);
+    result.foldersRemoved = static_cast<int>(foldersToRemove.size());
+
+    // The manifest: removals first; then new and changed files; then folder modes, once the folders
+    // exist. The application's Info.plist goes last, under its Bundle entry, so the bundle shows
+    // its new version only when everything else is in place.
+    const auto manifest = XmlDocument::create("Manifest");
+    XmlNode root = XmlDocument::root(manifest);
+    XmlNode fileSet = root.addChild("FileSet");
+    for (const auto* list : {&removals, &changes, &folderModes})
+        for (const auto& op : *list)
+            writer.addFile(fileSet, op);
+    if (infoPlistOp) {
+        XmlNode bundle = root.addChild("BundleSet").addChild("Bundle");
+        bundle.setAttribute("Path", writer.bundleDir() + "/" + kInfoPlist);
+        bundle.setAttribute("Version", identity.oldVersion);
+        bundle.setAttribute("Verify", "TRUE");
+        writer.addFile(bundle, *infoPlistOp);
+    }
+    XmlNode directorySet = root.addChild("DirectorySet");
+    for (const auto& relative : foldersToAdd)
+        writer.addDirectory(directorySet, "ADD", relative);
+    // Deepest first, so a folder is empty when its turn comes.
+    std::sort(foldersToRemove.begin(), foldersToRemove.end(), std::greater<>());
+    for (const auto& relative : foldersToRemove)
+        writer.addDirectory(directorySet, "REMOVE", relative);
+
+    // Space: the unpacked payload, the backups and one patched file in the working folder;
+    // the new and changed files on the application's volume. One MiB spare on each.
+    uint64_t payloadBytes = 0;
+    for (const auto& item : fs::directory_iterator(payload, ec))
+        payloadBytes += item.file_size(ec);
+    if (!identity.spaceSystemKb)
+        identity.spaceSystemKb = (payloadBytes + backupBytes + largestPatched) / 1024 + 1024;
+    if (!identity.spaceTargetKb)
+        identity.spaceTargetKb = writtenBytes / 1024 + 1024;
+
+    // The configuration.
+    const auto config = XmlDocument::create("PatcherConfig");
+    XmlNode c = XmlDocument::root(config);
+    c.addChild("Family", identity.family);
+    c.addChild("Name", identity.productName);
+    c.addChild("ComboPatch", identity.combo ? "true" : "false");
+    c.addChild("PatcherID", identity.patcherId);
+    if (!identity.buildNumber.empty())
+        c.addChild("BuildNumber", identity.buildNumber);
+    const std::string outName = out.filename().string();
+    c.addChild("PatchExecutableName",
+               options.name.value_or(outName.size() > 4 ? outName.substr(0, outName.size() - 4)
+                                                        : outName));
+    c.addChild("Version", identity.newVersion);
+    XmlNode product = c.addChild("ProductData");
+    product.addChild("AppName", identity.appName);
+    if (!identity.bundleIdentifier.empty())
+        product.addChild("BundleIdentifier", identity.bundleIdentifier);
+    product.addChild("OldVersion", identity.oldVersion);
+    product.addChild("NewVersion", identity.newVersion);
+    if (!identity.kvrFilePath.empty())
+        product.addChild("KVRFilePath", identity.kvrFilePath);
+    XmlNode codes = product.addChild("OrvelCode");
+    for (const auto& code : identity.installationCodes)
+        codes.addChild("GUID", code);
+    XmlNode validation = c.addChild("PrePatchValidation");
+    XmlNode running = validation.addChild("AppRunningList");
+    for (const auto& app : identity.runningApps)
+        running.addChild("AppRunning", app);
+    if (!identity.bundleIdentifier.empty())
+        validation.addChild("AppValidityCheck")
+            .addChild("BundleIdentifier", identity.bundleIdentifier);
+    XmlNode space = validation.addChild("SpaceRequirement");
+    space.addChild("System", std::to_string(*identity.spaceSystemKb));
+    space.addChild("Target", std::to_string(*identity.spaceTargetKb));
+
+    std::string message;
+    const std::string configPath = work.path() + "/config.xml";
+    const std::string manifestPath = work.path() + "/manifest.xml";
+    if (!XmlDocument::save(config, configPath, false, &message) ||
+        !XmlDocument::save(manifest, manifestPath, false, &message))
+        return Fail(error, "cannot write the configuration or the manifest: " + message);
+
+    phase("Assembling the bundle", 0);
+    BundleAssembler::Options assemble;
+    assemble.configPath = configPath;
+    assemble.manifestPath = manifestPath;
+    assemble.payloadDir = payload;
+    assemble.name = options.name;
+    assemble.outPath = options.outPath;
+    assemble.builtBundle = options.builtBundle;
+    assemble.force = options.force;
+    BundleAssembler::Result assembled;
+    if (BundleAssembler::assemble(assemble, &assembled, error) != 0)
+        return 1;
+    phase("Assembling the bundle", 1);
+
+    result.bundlePath = assembled.bundlePath;
+    result.payloadBytes = assembled.payloadBytes;
+    result.payloadArchiveBytes = assembled.payloadArchiveBytes;
+    result.identity = identity;
+    if (report)
+        *report = result;
+    return 0;
+}

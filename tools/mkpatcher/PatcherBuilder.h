@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+// Who the patcher is for: the product's identity and what the patcher checks before it
+// patches. Empty fields are filled from the two trees where they can be (see
+// PatcherBuilder::create).
+struct PatcherIdentity {
+    std::string family;      // "Family"
+    std::string productName; // "Name"
+    std::string patcherId;   // "PatcherID"
+    std::string buildNumber; // "BuildNumber"
+    std::string appName;     // "ProductData/AppName": the bundle is <AppName>.app
+    std::string bundleIdentifier;
+    std::string oldVersion; // the installed bundle's CFBundleVersion
+    std::string newVersion;
+    std::string kvrFilePath; // e.g. "[INSTALLDIR]/Editor.app/Contents/Resources/kvr.xml"
+    std::vector<std::string> installationCodes; // "ProductData/OrvelCode/GUID"
+    std::vector<std::string> runningApps;       // "AppRunningList/AppRunning"
+    std::optional<uint64_t> spaceSystemKb;      // "SpaceRequirement/System"
+    std::optional<uint64_t> spaceTargetKb;      // "SpaceRequirement/Target"
+    bool combo = false;
+
+    // Reads the fields a configuration template sets. The template is a configuration file
+    // ("PatcherConfig") with any of the elements the patcher reads; the builder writes the
+    // full configuration itself. Nothing with a message when the file is not such a document.
+    static std::optional<PatcherIdentity> fromTemplate(const std::string& path, std::string* error);
+    // Sets every field of other that is set (non-empty) over this one.
+    void overrideWith(const PatcherIdentity& other);
+};
+
+// Compares the old and the new version of an application bundle and makes the patcher that
+// turns one into the other: configuration, manifest and payload, assembled into a bundle.
+class PatcherBuilder {
+public:
+    struct Options {
+        std::string oldTree; // the application bundle folder, old version
+        std::string newTree; // the same, new version
+        std::string outPath; // <Name>.app
+        std::optional<std::string> name;
+        std::optional<std::string> builtBundle;
+        bool force = false;
+        PatcherIdentity identity;
+        // A changed file becomes a PATCH when its patch is at most this share of the new file.
+        double patchRatio = 0.5;
+    };
+
+    struct Report {
+        std::string bundlePath;
+        int added = 0, patched = 0, overwritten = 0, removed = 0;
+        int linksCreated = 0, linksRemoved = 0, permissionChanges = 0;
+        int foldersAdded = 0, foldersRemoved = 0;
+        int unchanged = 0;
+        uint64_t payloadBytes = 0;        // uncompressed
+        uint64_t payloadArchiveBytes = 0; // Payload.cpio.gz
+        uint64_t newTreeBytes = 0;        // all regular files of the new tree
+        PatcherIdentity identity;         // as written into the configuration
+    };
+
+    // Receives a phase text and, for long phases, the share done (0 to 1).
+    using Progress = std::function<void(const std::string& phase, double done)>;
+
+    // 0 on success, 1 with a message. Nothing is left at outPath on failure.
+    [[nodiscard]] static int create(const Options& options, Report* report, std::string* error,
+                                    const Progress& progress = {});
+};
