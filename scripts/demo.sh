@@ -1,23 +1,129 @@
 #!/usr/bin/env bash
-# Builds the patcher and runs PatcherApp once, as a user would start it, then shows where
-# its log went and what this run wrote to it.
+# The patcher's main job on a demo application: builds everything, makes version 1.0 and
+# 1.1 of an editor, installs 1.0 under /opt/Orvel/Suite in a private mount namespace (the
+# machine's own /opt, /var/opt and /tmp/OrvelQX3 are never touched), registers it in the
+# installation database, makes a patcher with mkpatcher and runs it silently, twice.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+top=$(pwd)
 
 bash scripts/install-deps.sh
+echo "==> building"
 cmake --preset default >/dev/null
 cmake --build --preset default -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
 
-app=build/default/PatcherApp.app/Contents/MacOS/PatcherApp
-log="${HOME}/.local/state/Orvel/SoftwareUpdates/OrvelSoftwareUpdate.log"
-before=0
-[ -f "$log" ] && before=$(wc -l <"$log")
+build=$top/build/default
+demo=$top/build/demo
+rm -rf "$demo"
+mkdir -p "$demo/v1" "$demo/v2" "$demo/home"
 
-echo "==> running $app"
-set +e
-"$app"
-code=$?
-set -e
-echo "PatcherApp exited with status $code"
-echo "==> log: $log"
-tail -n "+$((before + 1))" "$log"
+echo "==> making Orvel Editor 1.0 and 1.1"
+plist() { # version
+  cat <<PLIST
+<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">
+<dict>
+	<key>CFBundleExecutable</key><string>Editor</string>
+	<key>CFBundleIdentifier</key><string>com.orvel.editor</string>
+	<key>CFBundleName</key><string>Orvel Editor</string>
+	<key>CFBundleVersion</key><string>$1</string>
+</dict>
+</plist>
+PLIST
+}
+old=$demo/v1/Editor.app
+new=$demo/v2/Editor.app
+mkdir -p "$old/Contents/MacOS" "$old/Contents/Resources/docs" "$old/Contents/Resources/en.lproj" \
+  "$old/Contents/Resources/de.lproj" "$old/Contents/Frameworks/Legacy"
+plist 1.0 >"$old/Contents/Info.plist"
+cp /usr/bin/cmake "$old/Contents/MacOS/Editor"
+head -c 3000000 /dev/urandom >"$old/Contents/Resources/textures.bin"
+for i in $(seq -w 1 300); do
+  printf 'Orvel Editor help page %s\n%s\n' "$i" "$(seq -s ' ' 1 $((10#$i % 50 + 20)))" \
+    >"$old/Contents/Resources/docs/page$i.txt"
+done
+printf '"Open" = "Open";\n"Save" = "Save";\n' >"$old/Contents/Resources/en.lproj/Localizable.strings"
+printf '"Open" = "Oeffnen";\n"Save" = "Sichern";\n' >"$old/Contents/Resources/de.lproj/Localizable.strings"
+printf '#!/bin/sh\necho "editor helper"\n' >"$old/Contents/Resources/helper.sh"
+chmod 0644 "$old/Contents/Resources/helper.sh"
+ln -s docs/page001.txt "$old/Contents/Resources/start-here.txt"
+
+cp -a "$old" "$new"
+plist 1.1 >"$new/Contents/Info.plist"
+# The program changes a little: a few bytes in the middle and a new tail.
+printf 'ORVEL-EDITOR-1.1' | dd of="$new/Contents/MacOS/Editor" bs=1 seek=400000 conv=notrunc status=none
+printf 'build 1.1 of the editor\n' >>"$new/Contents/MacOS/Editor"
+for i in $(seq -w 1 10 300); do echo "Revised for 1.1." >>"$new/Contents/Resources/docs/page$i.txt"; done
+rm "$new"/Contents/Resources/docs/page29[0-9].txt
+for i in $(seq 1 8); do echo "What's new in 1.1, part $i" >"$new/Contents/Resources/docs/new$i.txt"; done
+printf '"Open" = "Oeffnen";\n"Save" = "Speichern";\n' >"$new/Contents/Resources/de.lproj/Localizable.strings"
+chmod 0755 "$new/Contents/Resources/helper.sh"
+ln -sfn docs/new1.txt "$new/Contents/Resources/start-here.txt"
+ln -s docs/new1.txt "$new/Contents/Resources/whats-new.txt"
+rmdir "$new/Contents/Frameworks/Legacy"
+mkdir -p "$new/Contents/PlugIns"
+
+echo "==> making the patcher with mkpatcher create"
+code="{0DE30DE3-0000-4000-8000-0000000000E1}"
+"$build/tools/mkpatcher/mkpatcher" create --old "$old" --new "$new" --out "$demo/EditorUpdate.app" \
+  --code "$code" --family "Orvel" --product-name "Orvel Editor" --force
+
+# What runs inside the private mount namespace.
+cat >"$demo/run-in-namespace.sh" <<'INNER'
+set -euo pipefail
+for folder in /opt /var/opt /usr/local/share /tmp/OrvelQX3; do
+  mkdir -p "$folder"
+  mount -t tmpfs tmpfs "$folder"
+done
+mkdir -p /opt/Orvel/Suite
+cp -a "$DEMO/v1/Editor.app" /opt/Orvel/Suite/
+"$BUILD/tools/zoth/zothctl" add --code "$CODE" --installdir /opt/Orvel/Suite --language en --version 1.0 >/dev/null
+echo "installed Orvel Editor 1.0 at /opt/Orvel/Suite/Editor.app and registered it as $CODE"
+
+meaning() {
+  case "$1" in
+    0) echo "update applied successfully" ;;
+    3) echo "already up to date" ;;
+    5) echo "installed application not found" ;;
+    6) echo "installed application not valid for this update" ;;
+    7) echo "not enough disk space" ;;
+    8) echo "applications of the family still running" ;;
+    9) echo "cancelled, or failed and rolled back" ;;
+    10) echo "failed, and the rollback failed too" ;;
+    *) echo "unknown" ;;
+  esac
+}
+listing() { (cd "$1" && find . -printf '%P %y %m %l\n' | sort); }
+
+echo "==> first run: PatcherApp -Silent"
+start=$(date +%s%N)
+"$DEMO/EditorUpdate.app/Contents/MacOS/PatcherApp" -Silent
+end=$(date +%s%N)
+first=$(cat /tmp/OrvelQX3/retVal)
+echo "return code: $first ($(meaning "$first")), in $(( (end - start) / 1000000 )) ms"
+echo "what changed:"
+diff -rq --no-dereference "$DEMO/v1/Editor.app" /opt/Orvel/Suite/Editor.app | sed 's/^/  /' | head -n 20 || true
+echo "  ($(diff -rq --no-dereference "$DEMO/v1/Editor.app" /opt/Orvel/Suite/Editor.app | wc -l) differences from 1.0 in all)"
+if diff -r --no-dereference "$DEMO/v2/Editor.app" /opt/Orvel/Suite/Editor.app >/dev/null &&
+   [ "$(listing "$DEMO/v2/Editor.app")" = "$(listing /opt/Orvel/Suite/Editor.app)" ]; then
+  echo "check: the installed tree now equals version 1.1 (contents, links and modes)"
+else
+  echo "check FAILED: the installed tree differs from version 1.1"
+  exit 1
+fi
+
+echo "==> second run: PatcherApp -Silent"
+rm -f /tmp/OrvelQX3/retVal
+"$DEMO/EditorUpdate.app/Contents/MacOS/PatcherApp" -Silent
+second=$(cat /tmp/OrvelQX3/retVal)
+echo "return code: $second ($(meaning "$second"))"
+[ "$first" = 0 ] && [ "$second" = 3 ]
+INNER
+
+echo "==> running the patcher in a private mount namespace"
+status=0
+DEMO=$demo BUILD=$build CODE=$code HOME=$demo/home \
+  unshare --mount --propagation private bash "$demo/run-in-namespace.sh" || status=$?
+echo "log: $demo/home/.local/state/Orvel/SoftwareUpdates/OrvelSoftwareUpdate.log"
+exit $status
