@@ -1,0 +1,349 @@
+// Full user-interface runs: the real PatcherApp shows its Qt windows on an Xvfb display and
+// the test answers them from the keyboard with xdotool, as a user would. With
+// ORVEL_E2E_SCREENSHOTS naming a folder, a picture of each window is saved there.
+
+#include "E2eSupport.h"
+#include "TestSupport.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Xvfb on a display of its own; the network namespace keeps its socket private.
+class VirtualDisplay {
+public:
+    VirtualDisplay() {
+        _server = ChildProcess({"Xvfb", kName, "-screen", "0", "1024x768x24", "-nolisten", "tcp"},
+                               CleanEnvironment({}), "/tmp/e2e/xvfb.txt");
+        ready = WaitUntil(
+            [this] {
+                return _server.running() && RunTool({"xdotool", "getdisplaygeometry"}, nullptr,
+                                                    {std::string("DISPLAY=") + kName}, 10) == 0;
+            },
+            20s);
+    }
+
+    static constexpr const char* kName = ":7";
+    bool ready = false;
+
+private:
+    ChildProcess _server;
+};
+
+std::string Xdotool(const std::vector<std::string>& args, int* status = nullptr) {
+    std::vector<std::string> argv = {"xdotool"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string output;
+    const int result =
+        RunTool(argv, &output, {std::string("DISPLAY=") + VirtualDisplay::kName}, 20);
+    if (status)
+        *status = result;
+    return output;
+}
+
+// The visible windows whose title matches the pattern (an extended regular expression).
+std::vector<std::string> VisibleWindows(const std::string& title) {
+    std::vector<std::string> ids;
+    std::istringstream lines(Xdotool({"search", "--onlyvisible", "--name", title}));
+    for (std::string id; std::getline(lines, id);) {
+        if (!id.empty())
+            ids.push_back(id);
+    }
+    return ids;
+}
+
+// Waits for a visible window of that title that is not one of the known ones.
+std::string WaitForWindow(const std::string& title, const std::vector<std::string>& known = {},
+                          std::chrono::milliseconds timeout = 60s) {
+    std::string found;
+    WaitUntil(
+        [&] {
+            for (const auto& id : VisibleWindows(title)) {
+                if (std::find(known.begin(), known.end(), id) == known.end()) {
+                    found = id;
+                    return true;
+                }
+            }
+            return false;
+        },
+        timeout);
+    EXPECT_FALSE(found.empty()) << "no window \"" << title << "\" appeared";
+    return found;
+}
+
+bool WindowVisible(const std::string& id) {
+    const auto ids = VisibleWindows(".*");
+    return std::find(ids.begin(), ids.end(), id) != ids.end();
+}
+
+// Gives the window the keyboard and presses the keys.
+void PressKeys(const std::string& window, const std::vector<std::string>& keys) {
+    int status = 0;
+    Xdotool({"windowfocus", "--sync", window}, &status);
+    EXPECT_EQ(status, 0) << "cannot focus window " << window;
+    std::vector<std::string> args = {"key", "--clearmodifiers", "--delay", "50"};
+    args.insert(args.end(), keys.begin(), keys.end());
+    Xdotool(args, &status);
+    EXPECT_EQ(status, 0);
+}
+
+// A picture of the window, when pictures are asked for.
+void Screenshot(const std::string& window, const std::string& name) {
+    const std::string folder = EnvironmentValue("ORVEL_E2E_SCREENSHOTS");
+    if (folder.empty() || window.empty())
+        return;
+    // Let the window finish drawing.
+    std::this_thread::sleep_for(300ms);
+    const std::string command = "xwd -silent -display " + std::string(VirtualDisplay::kName) +
+                                " -id " + window + " | xwdtopnm 2>/dev/null | pnmtopng > '" +
+                                folder + "/" + name + ".png'";
+    std::string output;
+    EXPECT_EQ(RunTool({"/bin/sh", "-c", command}, &output), 0) << output;
+}
+
+std::vector<FileEntry> PrepareUpdate(Scenario& s) {
+    s.config.appRunning = {s.appDisplayName};
+    s.installApplication();
+    s.registerInstallation();
+    return s.updateEntries();
+}
+
+const std::string kSoftwareUpdate = "^Software Update$";
+// A volume of its own for a folder (an ext4 image on a loop device) that can be frozen:
+// every write to it then waits until it is thawed. A watchdog thaws it after a minute
+// should the test end without doing so.
+class StallingVolume {
+public:
+    explicit StallingVolume(std::string folder) : _folder(std::move(folder)) {
+        const std::string image = "/tmp/e2e-volume.img";
+        fs::create_directories(_folder);
+        std::string output;
+        mounted = RunTool({"truncate", "-s", "64M", image}, &output) == 0 &&
+                  RunTool({"mkfs.ext4", "-q", "-F", image}, &output) == 0 &&
+                  RunTool({"mount", "-o", "loop", image, _folder}, &output) == 0;
+        EXPECT_TRUE(mounted) << output;
+    }
+    ~StallingVolume() {
+        (void)thaw();
+        _watchdog.kill();
+    }
+    StallingVolume(const StallingVolume&) = delete;
+    StallingVolume& operator=(const StallingVolume&) = delete;
+
+    bool freeze() {
+        _watchdog = ChildProcess({"/bin/sh", "-c", "sleep 60; fsfreeze -u '" + _folder + "'"},
+                                 CleanEnvironment({}));
+        _frozen = RunTool({"fsfreeze", "-f", _folder}) == 0;
+        return _frozen;
+    }
+    bool thaw() {
+        if (!_frozen)
+            return true;
+        _frozen = RunTool({"fsfreeze", "-u", _folder}) != 0;
+        return !_frozen;
+    }
+
+    bool mounted = false;
+
+private:
+    std::string _folder;
+    bool _frozen = false;
+    ChildProcess _watchdog;
+};
+
+// Waits for the patcher to end after its last window.
+void ExpectPatcherEnds(ChildProcess& patcher, const Scenario& s) {
+    const auto status = patcher.wait(60s);
+    ASSERT_TRUE(status.has_value()) << "PatcherApp is still running\n" << s.patcherOutput();
+    EXPECT_EQ(*status, 0) << s.patcherOutput();
+}
+
+TEST(UserInterface, ContinueThroughTheWelcomeToTheSuccessAlert) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    VirtualDisplay display;
+    ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
+    s.assemble(s.manifest(PrepareUpdate(s)));
+    ChildProcess patcher = s.startPatcher({}, {std::string("DISPLAY=") + VirtualDisplay::kName});
+
+    const std::string welcome = WaitForWindow(kSoftwareUpdate);
+    ASSERT_FALSE(welcome.empty()) << s.patcherOutput();
+    EXPECT_TRUE(s.logContains("Mode of Execution: FULL UI MODE"));
+    EXPECT_TRUE(s.logContains("Show Welcome Dialog"));
+    EXPECT_FALSE(s.logContains("Proceed for update ..."));
+    Screenshot(welcome, "1-welcome");
+    PressKeys(welcome, {"Return"});
+    EXPECT_TRUE(WaitUntil([&] { return !WindowVisible(welcome); }, 30s));
+
+    // The progress window runs to the end and closes before the success alert.
+    ASSERT_TRUE(WaitUntil([&] { return s.logContains("Exit code: 0"); }, 60s));
+    const std::string success = WaitForWindow(kSoftwareUpdate, {welcome});
+    ASSERT_FALSE(success.empty());
+    EXPECT_TRUE(s.logContains("_reportUpToDate"));
+    Screenshot(success, "5-success");
+    EXPECT_TRUE(patcher.running()) << "the alert waits for the user";
+    PressKeys(success, {"Return"});
+    ExpectPatcherEnds(patcher, s);
+
+    EXPECT_EQ(ReadTextFile(s.app + "/Contents/Resources/keep.txt"), "version two\n");
+    EXPECT_TRUE(FileExists(s.historyFile));
+    EXPECT_EQ(s.returnCode(), std::nullopt);
+    EXPECT_TRUE(Xdotool({"search", "--name", kSoftwareUpdate}).empty())
+        << "no window is left once the patcher has ended";
+}
+
+TEST(UserInterface, CancelAtTheWelcomeReportsNothing) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    VirtualDisplay display;
+    ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
+    s.assemble(s.manifest(PrepareUpdate(s)));
+    const auto before = Snapshot(s.app);
+    ChildProcess patcher = s.startPatcher({}, {std::string("DISPLAY=") + VirtualDisplay::kName});
+
+    const std::string welcome = WaitForWindow(kSoftwareUpdate);
+    ASSERT_FALSE(welcome.empty()) << s.patcherOutput();
+    // Escape answers with the Cancel button.
+    PressKeys(welcome, {"Escape"});
+    ExpectPatcherEnds(patcher, s);
+
+    EXPECT_TRUE(s.logContains("User cancelled, nothing to report"));
+    for (const auto& line : s.logLines())
+        EXPECT_EQ(line.find("_report"), std::string::npos) << line;
+    EXPECT_FALSE(s.logContains("Proceed for update ..."));
+    EXPECT_EQ(Snapshot(s.app), before);
+    EXPECT_EQ(s.returnCode(), std::nullopt);
+    EXPECT_FALSE(FileExists(s.historyFile));
+}
+
+// The editor's volume stalls (frozen, as for a snapshot) from the first change on: the
+// update waits in its first entry with the cancel button shown, however fast the machine,
+// until the volume is thawed after the user has confirmed the cancel.
+TEST(UserInterface, CancelDuringTheProgressRollsBackAfterConfirmation) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    VirtualDisplay display;
+    ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
+    StallingVolume volume(s.installDir);
+    ASSERT_TRUE(volume.mounted);
+    auto entries = PrepareUpdate(s);
+    // The first entry, an overwrite, stalls in its first change; once the volume is thawed
+    // it completes, and the cancel is seen before the second entry.
+    std::swap(entries[0], entries[2]);
+    s.assemble(s.manifest(entries));
+    const auto before = Snapshot(s.app);
+    ASSERT_TRUE(volume.freeze());
+    ChildProcess patcher = s.startPatcher({}, {std::string("DISPLAY=") + VirtualDisplay::kName});
+
+    const std::string welcome = WaitForWindow(kSoftwareUpdate);
+    ASSERT_FALSE(welcome.empty()) << s.patcherOutput();
+    PressKeys(welcome, {"Return"});
+    const std::string progress = WaitForWindow(kSoftwareUpdate, {welcome});
+    ASSERT_FALSE(progress.empty());
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            return s.logIndex("Overwriting file \"" + s.app + "/Contents/Resources/keep.txt\" ",
+                              true) >= 0;
+        },
+        30s));
+    Screenshot(progress, "2-progress");
+    // The first step has shown the cancel button; Tab gives it the focus, space presses
+    // it. Keys that reach the window once the question is open are blocked by it.
+    std::string question;
+    WaitUntil(
+        [&] {
+            const auto found = VisibleWindows("^Cancel the update\\?$");
+            if (!found.empty())
+                question = found.front();
+            else
+                PressKeys(progress, {"Tab", "space"});
+            return !found.empty();
+        },
+        30s);
+    ASSERT_FALSE(question.empty()) << "the cancel question never appeared";
+    Screenshot(question, "4-cancel-question");
+    EXPECT_FALSE(s.logContains("Long task finished"));
+    // The question's default button goes on with the update; Escape answers Cancel.
+    PressKeys(question, {"Escape"});
+    EXPECT_TRUE(WaitUntil([&] { return !WindowVisible(question); }, 30s));
+    EXPECT_TRUE(s.logContains("User wish to cancel the update."));
+    ASSERT_TRUE(volume.thaw());
+
+    const std::string cancelled = WaitForWindow("^Update Cancelled$");
+    ASSERT_FALSE(cancelled.empty()) << s.patcherOutput();
+    Screenshot(cancelled, "6-cancelled");
+    PressKeys(cancelled, {"Return"});
+    ExpectPatcherEnds(patcher, s);
+
+    // The first entry finished, the second never started, and the first was undone.
+    const auto lines = s.logLines();
+    const long rollback = s.logIndex(HeadingLine("ROLLBACK FILE SET OPERATION"), true);
+    ASSERT_GT(rollback, 0);
+    std::vector<std::string> changes;
+    for (long i = 0; i < rollback; ++i) {
+        if (lines[i].rfind("Successfully performed", 0) == 0)
+            changes.push_back(lines[i]);
+    }
+    EXPECT_EQ(changes,
+              std::vector<std::string>{"Successfully performed \"OVERWRITE\" file Operation"});
+    EXPECT_TRUE(s.logContains("Rollback successful"));
+    EXPECT_TRUE(s.logContains("Exit code: 1"));
+    EXPECT_TRUE(s.logContains("UpdateEngine:_reportUpdateCancelled"));
+    EXPECT_TRUE(s.logContains("User cancelled the update."));
+    EXPECT_EQ(Snapshot(s.app), before);
+    EXPECT_FALSE(FileExists(s.historyFile));
+    EXPECT_EQ(s.returnCode(), std::nullopt);
+}
+
+TEST(UserInterface, RunningEditorIsQuitThenRetry) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    VirtualDisplay display;
+    ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
+    s.assemble(s.manifest(PrepareUpdate(s)));
+    ChildProcess editor = s.startEditor();
+    ChildProcess patcher = s.startPatcher({}, {std::string("DISPLAY=") + VirtualDisplay::kName});
+
+    const std::string welcome = WaitForWindow(kSoftwareUpdate);
+    ASSERT_FALSE(welcome.empty()) << s.patcherOutput();
+    PressKeys(welcome, {"Return"});
+    const std::string running = WaitForWindow(kSoftwareUpdate, {welcome});
+    ASSERT_FALSE(running.empty());
+    EXPECT_TRUE(s.logContains(s.appDisplayName + " application was found running."));
+    Screenshot(running, "3-running-applications");
+
+    // Retry with the editor still running asks again.
+    PressKeys(running, {"Return"});
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            long count = 0;
+            for (const auto& line : s.logLines())
+                count += line == s.appDisplayName + " application was found running.";
+            return count == 2;
+        },
+        30s));
+    const std::string again = WaitForWindow(kSoftwareUpdate, {welcome});
+    ASSERT_FALSE(again.empty());
+
+    // The user quits the editor and presses Retry.
+    editor.kill();
+    PressKeys(again, {"Return"});
+    ASSERT_TRUE(WaitUntil([&] { return s.logContains("Exit code: 0"); }, 60s)) << s.patcherOutput();
+    EXPECT_TRUE(s.logContains("Applications were Quit result (non zero mean quit) = 1"));
+    const std::string success = WaitForWindow(kSoftwareUpdate, {welcome, running, again});
+    ASSERT_FALSE(success.empty());
+    PressKeys(success, {"Return"});
+    ExpectPatcherEnds(patcher, s);
+    EXPECT_EQ(ReadTextFile(s.app + "/Contents/Resources/keep.txt"), "version two\n");
+    EXPECT_TRUE(FileExists(s.historyFile));
+}
+
+} // namespace
