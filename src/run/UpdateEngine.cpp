@@ -87,7 +87,9 @@ void UpdateEngine::appLaunched() {
     InstantiateZOTHService(library.c_str());
     std::string appPath;
     int result = 0;
-    {
+    if (_environment.locate) {
+        result = _environment.locate(loader, _isRunningUnderKOR, appPath);
+    } else {
         LocateInstalledApplication locator(loader, _isRunningUnderKOR, _environment.paths);
         result = locator.locateAndValidateApplication(appPath);
     }

@@ -4,6 +4,7 @@
 #include "system/PlatformPaths.h"
 #include "system/ServicesHandler.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,6 +30,10 @@ struct EngineEnvironment {
     RunningAppsWindowController* runningAppsController = nullptr; // none: nobody to ask
     const RunningApplications* runningApplications = nullptr;     // none: /proc of this machine
     ServiceControlSettings serviceSettings;
+    // Stands in for LocateInstalledApplication (configuration, under the update manager,
+    // the located path out) so that a run can meet results the locator never gives; none:
+    // the locator itself.
+    std::function<int(LoadConfigData&, bool, std::string&)> locate;
 };
 
 // Drives one run of the patcher from launch to exit: log, mode, configuration, locating
