@@ -16,14 +16,15 @@ struct DirCloser {
     void operator()(DIR* dir) const { ::closedir(dir); }
 };
 
-std::string DisplayNameOfExecutable(std::string executable) {
+// root: where the process's own files are seen (its "root" link in /proc), or empty.
+std::string DisplayNameOfExecutable(std::string executable, const std::string& root) {
     const std::string deleted = " (deleted)";
     if (executable.size() > deleted.size() &&
         executable.compare(executable.size() - deleted.size(), deleted.size(), deleted) == 0)
         executable.resize(executable.size() - deleted.size());
     std::string app;
     if (GetPathToAppGivenSubDirPath(executable, app)) {
-        if (auto info = PropertyList::readDictionaryFromFile(app + "/Contents/Info.plist")) {
+        if (auto info = PropertyList::readDictionaryFromFile(root + app + "/Contents/Info.plist")) {
             if (auto name = info->stringForKey("CFBundleName"); name && !name->empty())
                 return *name;
         }
@@ -49,8 +50,14 @@ std::vector<std::string> RunningApplications::launchedApplications() const {
         ssize_t n = ::readlink(link.c_str(), target, sizeof target - 1);
         if (n <= 0)
             continue; // kernel threads, processes gone meanwhile, or not ours to see
+        // The path is the process's own: in another mount namespace (a container) the same
+        // path can name another file here, so its bundle is read through the process's root
+        // when that can be reached.
+        const std::string root = _procRoot + "/" + pid + "/root";
+        const bool seesRoot = ::access((root + "/").c_str(), X_OK) == 0;
         found.emplace_back(std::stol(pid),
-                           DisplayNameOfExecutable(std::string(target, static_cast<size_t>(n))));
+                           DisplayNameOfExecutable(std::string(target, static_cast<size_t>(n)),
+                                                   seesRoot ? root : std::string()));
     }
     std::sort(found.begin(), found.end());
     std::vector<std::string> names;

@@ -164,6 +164,25 @@ TEST_F(RunningApplicationHandlerTest, NothingToCheckOrBadExpressionsMatchNothing
     EXPECT_TRUE(invalid.shutdownOrvelApplications(names));
 }
 
+TEST_F(RunningApplicationHandlerTest, BundleIsReadThroughTheProcesssOwnRoot) {
+    // A process of another mount namespace: its executable's path names a bundle in its own
+    // file system, and the same path here holds another application.
+    const std::string proc = dir.file("proc");
+    const std::string bundle = "/opt/Orvel/Suite/Editor.app";
+    WriteTextFile(proc + "/4242/root" + bundle + "/Contents/Info.plist",
+                  "<plist version=\"1.0\"><dict><key>CFBundleName</key>"
+                  "<string>Editor In A Container</string></dict></plist>\n");
+    ASSERT_EQ(::symlink((bundle + "/Contents/MacOS/Editor").c_str(), (proc + "/4242/exe").c_str()),
+              0);
+    // Without a root to read through, the bundle's folder name is all there is.
+    WriteTextFile(proc + "/4343/cmdline", "");
+    ASSERT_EQ(::symlink("/nowhere/Other.app/Contents/MacOS/Other", (proc + "/4343/exe").c_str()),
+              0);
+    RunningApplications inProc(proc);
+    EXPECT_EQ(inProc.launchedApplications(),
+              (std::vector<std::string>{"Editor In A Container", "Other"}));
+}
+
 TEST_F(RunningApplicationHandlerTest, MissingProcFolderListsNothing) {
     RunningApplications nowhere(dir.file("no-proc"));
     EXPECT_TRUE(nowhere.launchedApplications().empty());
