@@ -25,7 +25,6 @@ namespace {
 
 constexpr const char* kInstallDir = "[INSTALLDIR]";
 constexpr const char* kInfoPlist = "Contents/Info.plist";
-constexpr uint64_t kSmallestPatchedFile = 4096;
 
 int Fail(std::string* error, const std::string& message) {
     if (error)
@@ -562,9 +561,7 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
                 std::vector<uint8_t> newData;
                 std::vector<uint8_t> patch;
                 bool patched = false;
-                // Small files are copied whole: a patch would save little and cost a run of
-                // the patch tool.
-                if (entry.size >= kSmallestPatchedFile && old->size > 0) {
+                if (entry.size >= options.minPatchSize && old->size > 0) {
                     if (!ReadFileBytes(oldPath, &oldData, error) ||
                         !ReadFileBytes(newPath, &newData, error))
                         return 1;

@@ -45,8 +45,12 @@ public:
         std::optional<std::string> builtBundle;
         bool force = false;
         PatcherIdentity identity;
-        // A changed file becomes a PATCH when its patch is at most this share of the new file.
+        // A changed file becomes a PATCH when its patch is at most this share of the new file
+        // and the new file has at least minPatchSize bytes. Applying a patch runs the patch
+        // tool, a few milliseconds per file; below 64 KiB that costs more than the download
+        // it saves, so smaller files are shipped whole.
         double patchRatio = 0.5;
+        uint64_t minPatchSize = 64 * 1024;
     };
 
     struct Report {

@@ -26,7 +26,7 @@ constexpr const char* kUsage =
     "                   [--family F] [--product-name N] [--patcher-id ID] [--build-number B]\n"
     "                   [--app-name A] [--bundle-id ID] [--old-version V] [--new-version V]\n"
     "                   [--kvr-path PATH] [--running-app NAME...] [--space-system KB]\n"
-    "                   [--space-target KB] [--combo] [--patch-ratio R]\n";
+    "                   [--space-target KB] [--combo] [--patch-ratio R] [--min-patch-size BYTES]\n";
 
 // Options of the form "--key value" and "--flag"; anything else is an error.
 struct ParsedOptions {
@@ -228,6 +228,11 @@ int Create(int argc, char** argv) {
         if (options.patchRatio <= 0)
             return UsageError("--patch-ratio needs a positive number");
     }
+
+    if (auto size = Number(*parsed, "min-patch-size", &error))
+        options.minPatchSize = *size;
+    if (!error.empty())
+        return UsageError(error);
 
     if (auto path = Value(*parsed, "config-template")) {
         auto fromTemplate = PatcherIdentity::fromTemplate(*path, &error);
