@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <memory>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -79,4 +80,8 @@ std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::
     }
     NSLevelledLog(3, "Checksum of file : %@ is : %@", *path, *digest);
     return digest;
+}
+
+void MD5cksum::releaseThreadState() {
+    OPENSSL_thread_stop();
 }

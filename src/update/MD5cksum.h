@@ -13,4 +13,8 @@ public:
     // cannot be read to its end ("Failed to get file check sum", level 0).
     [[nodiscard]] static std::optional<std::string>
     getMD5cksumOfFile(const std::optional<std::string>& path);
+    // Frees what the digest library keeps for the calling thread. A thread that computed
+    // checksums calls it before it ends: a detached thread may still be ending when the
+    // process exits, and what it holds then counts as leaked.
+    static void releaseThreadState();
 };

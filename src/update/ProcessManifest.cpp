@@ -13,6 +13,7 @@
 #include "target/DirTokenResolver.h"
 #include "target/LoadConfigData.h"
 #include "target/OrvelCodeFileHandler.h"
+#include "update/MD5cksum.h"
 #include "update/PayloadHandler.h"
 
 #include <chrono>
@@ -158,7 +159,10 @@ bool ProcessManifest::performAction(ProgressWindowController* progress) {
         *_environment.loop, "ProcessManifest", "performUpdate:worker:",
         [this](const std::any& argument, ThreadWorker& worker) -> std::any {
             auto dictionary = std::any_cast<std::shared_ptr<WorkDictionary>>(argument);
-            return performUpdate(*dictionary, &worker);
+            std::any result = performUpdate(*dictionary, &worker);
+            // The rest of the run (rollback included) is on the main thread.
+            MD5cksum::releaseThreadState();
+            return result;
         },
         work,
         [this](const std::any& result) {
