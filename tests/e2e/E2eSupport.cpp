@@ -195,7 +195,7 @@ std::vector<std::string> CleanEnvironment(const std::vector<std::string>& assign
         if (name == "DISPLAY" || name == "WAYLAND_DISPLAY" || name == "XAUTHORITY" ||
             name == "HOME" || name == "LANG" || name == "LANGUAGE" || name.rfind("LC_", 0) == 0 ||
             name.rfind("ORVEL_", 0) == 0 || name.rfind("QT_", 0) == 0 || name == "SUDO_USER" ||
-            name == "PKEXEC_UID")
+            name == "PKEXEC_UID" || name == "XDG_RUNTIME_DIR" || name == "DBUS_SESSION_BUS_ADDRESS")
             continue;
         result.push_back(assignment);
     }

@@ -109,6 +109,15 @@ void Screenshot(const std::string& window, const std::string& name) {
     EXPECT_EQ(RunTool({"/bin/sh", "-c", command}, &output), 0) << output;
 }
 
+// What a desktop session gives the programs it starts: the display, a runtime folder and
+// the address of a session bus (none runs here, so nothing tries to start one).
+std::vector<std::string> DesktopSession() {
+    fs::create_directories("/tmp/e2e/runtime");
+    fs::permissions("/tmp/e2e/runtime", fs::perms::owner_all, fs::perm_options::replace);
+    return {std::string("DISPLAY=") + VirtualDisplay::kName, "XDG_RUNTIME_DIR=/tmp/e2e/runtime",
+            "DBUS_SESSION_BUS_ADDRESS=unix:path=/tmp/e2e/runtime/bus"};
+}
+
 std::vector<FileEntry> PrepareUpdate(Scenario& s) {
     s.config.appRunning = {s.appDisplayName};
     s.installApplication();
@@ -172,7 +181,7 @@ TEST(UserInterface, ContinueThroughTheWelcomeToTheSuccessAlert) {
     VirtualDisplay display;
     ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
     s.assemble(s.manifest(PrepareUpdate(s)));
-    ChildProcess patcher = s.startPatcher({}, {std::string("DISPLAY=") + VirtualDisplay::kName});
+    ChildProcess patcher = s.startPatcher({}, DesktopSession());
 
     const std::string welcome = WaitForWindow(kSoftwareUpdate);
     ASSERT_FALSE(welcome.empty()) << s.patcherOutput();
@@ -207,7 +216,7 @@ TEST(UserInterface, CancelAtTheWelcomeReportsNothing) {
     ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
     s.assemble(s.manifest(PrepareUpdate(s)));
     const auto before = Snapshot(s.app);
-    ChildProcess patcher = s.startPatcher({}, {std::string("DISPLAY=") + VirtualDisplay::kName});
+    ChildProcess patcher = s.startPatcher({}, DesktopSession());
 
     const std::string welcome = WaitForWindow(kSoftwareUpdate);
     ASSERT_FALSE(welcome.empty()) << s.patcherOutput();
@@ -241,7 +250,7 @@ TEST(UserInterface, CancelDuringTheProgressRollsBackAfterConfirmation) {
     s.assemble(s.manifest(entries));
     const auto before = Snapshot(s.app);
     ASSERT_TRUE(volume.freeze());
-    ChildProcess patcher = s.startPatcher({}, {std::string("DISPLAY=") + VirtualDisplay::kName});
+    ChildProcess patcher = s.startPatcher({}, DesktopSession());
 
     const std::string welcome = WaitForWindow(kSoftwareUpdate);
     ASSERT_FALSE(welcome.empty()) << s.patcherOutput();
@@ -310,7 +319,7 @@ TEST(UserInterface, RunningEditorIsQuitThenRetry) {
     ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
     s.assemble(s.manifest(PrepareUpdate(s)));
     ChildProcess editor = s.startEditor();
-    ChildProcess patcher = s.startPatcher({}, {std::string("DISPLAY=") + VirtualDisplay::kName});
+    ChildProcess patcher = s.startPatcher({}, DesktopSession());
 
     const std::string welcome = WaitForWindow(kSoftwareUpdate);
     ASSERT_FALSE(welcome.empty()) << s.patcherOutput();
