@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <climits>
 #include <filesystem>
 #include <openssl/evp.h>
 #include <sstream>
@@ -520,4 +521,16 @@ long Scenario::logIndex(const std::string& message, bool contains) const {
 std::string Scenario::patcherOutput() const {
     const std::string path = work + "/patcher-output.txt";
     return FileExists(path) ? ReadTextFile(path) : std::string();
+}
+
+bool CheckoutBelowPrivateFolder() {
+    char self[PATH_MAX] = {};
+    const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    const std::string executable = length > 0 ? std::string(self, static_cast<size_t>(length)) : "";
+    for (const char* folder :
+         {"/opt/", "/usr/local/share/", "/var/opt/", "/tmp/", "/run/", "/etc/init.d/", "/home/"}) {
+        if (executable.rfind(folder, 0) == 0)
+            return true;
+    }
+    return false;
 }
