@@ -207,6 +207,9 @@ TEST_F(AssembleTest, FindsTheBuiltBundleNextToTheProgram) {
 }
 
 TEST_F(AssembleTest, AssembledPatcherStartsFromItsNewPlace) {
+    // A build tree under /tmp would vanish behind the private tmpfs the run mounts there.
+    if (std::string(TEST_WORK_FOLDER).rfind("/tmp/", 0) == 0)
+        GTEST_SKIP() << "the build tree lies below /tmp, which the run replaces with tmpfs";
     // The run needs a place outside /tmp, which gets a private tmpfs like the machine's
     // installation database folder, so the run touches nothing of this machine.
     fs::create_directories(TEST_WORK_FOLDER);
