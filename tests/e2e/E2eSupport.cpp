@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <climits>
 #include <filesystem>
 #include <openssl/evp.h>
 #include <sstream>
@@ -27,7 +26,16 @@ namespace {
 constexpr const char* kParentNamespace = "ORVEL_E2E_PARENT_NAMESPACE";
 
 // The system folders a run of the patcher may write to, each replaced by an empty tmpfs.
+// The build tree (the tools, the built bundle) stays where it is even when it lies below
+// one of them, as it does in a checkout under /tmp.
 bool MountPrivateSystemFolders() {
+    const std::string buildTree = ORVEL_BINARY_DIR;
+    const int buildTreeFd = ::open(buildTree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (buildTreeFd < 0) {
+        ADD_FAILURE() << "cannot open the build tree " << buildTree;
+        return false;
+    }
+    bool covered = false;
     for (const char* folder :
          {"/opt", "/usr/local/share", "/var/opt", "/tmp", "/run", "/etc/init.d", "/home"}) {
         std::error_code ignored;
@@ -35,15 +43,30 @@ bool MountPrivateSystemFolders() {
         const char* options = std::strcmp(folder, "/tmp") == 0 ? "mode=1777" : "mode=0755";
         if (::mount("tmpfs", folder, "tmpfs", 0, options) != 0) {
             ADD_FAILURE() << "cannot mount a tmpfs over " << folder << ": " << std::strerror(errno);
+            ::close(buildTreeFd);
             return false;
         }
+        covered = covered || buildTree.rfind(std::string(folder) + "/", 0) == 0;
     }
     struct stat info {};
     if (::lstat("/var/run", &info) == 0 && !S_ISLNK(info.st_mode) &&
         ::mount("tmpfs", "/var/run", "tmpfs", 0, "mode=0755") != 0) {
         ADD_FAILURE() << "cannot mount a tmpfs over /var/run";
+        ::close(buildTreeFd);
         return false;
     }
+    if (covered) {
+        std::error_code ignored;
+        fs::create_directories(buildTree, ignored);
+        const std::string source = "/proc/self/fd/" + std::to_string(buildTreeFd);
+        if (::mount(source.c_str(), buildTree.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+            ADD_FAILURE() << "cannot show the build tree again at " << buildTree << ": "
+                          << std::strerror(errno);
+            ::close(buildTreeFd);
+            return false;
+        }
+    }
+    ::close(buildTreeFd);
     // Daemons that the runs leave behind become children of this process, so they are
     // ended with it and never outlive the test.
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
@@ -521,16 +544,4 @@ long Scenario::logIndex(const std::string& message, bool contains) const {
 std::string Scenario::patcherOutput() const {
     const std::string path = work + "/patcher-output.txt";
     return FileExists(path) ? ReadTextFile(path) : std::string();
-}
-
-bool CheckoutBelowPrivateFolder() {
-    char self[PATH_MAX] = {};
-    const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    const std::string executable = length > 0 ? std::string(self, static_cast<size_t>(length)) : "";
-    for (const char* folder :
-         {"/opt/", "/usr/local/share/", "/var/opt/", "/tmp/", "/run/", "/etc/init.d/", "/home/"}) {
-        if (executable.rfind(folder, 0) == 0)
-            return true;
-    }
-    return false;
 }
