@@ -4,6 +4,7 @@
 
 #include "update/ProcessManifest.h"
 
+#include "ManifestText.h"
 #include "TestSupport.h"
 #include "run/Environment.h"
 #include "run/KORInstallerResultsWrapper.h"
@@ -53,46 +54,6 @@ std::string Binary(size_t size, unsigned seed) {
         c = static_cast<char>(state >> 16);
     }
     return data;
-}
-
-struct FileEntry {
-    FileEntry(std::string operation, std::string objectName, std::string dir, std::string name,
-              std::string before, std::string after, std::string renameDir = {},
-              std::string renameName = {}, std::string permission = {})
-        : operation(std::move(operation)), objectName(std::move(objectName)), dir(std::move(dir)),
-          name(std::move(name)), before(std::move(before)), after(std::move(after)),
-          renameDir(std::move(renameDir)), renameName(std::move(renameName)),
-          permission(std::move(permission)) {}
-    std::string operation;
-    std::string objectName;
-    std::string dir;  // DestinationPath dir
-    std::string name; // DestinationPath defName
-    std::string before;
-    std::string after;
-    std::string renameDir;
-    std::string renameName;
-    std::string permission;
-};
-
-std::string FileXml(const FileEntry& e) {
-    std::string xml = "<File><Operation>" + e.operation + "</Operation>";
-    if (!e.objectName.empty())
-        xml += "<ObjectName>" + e.objectName + "</ObjectName>";
-    xml += "<DestinationPath dir=\"" + e.dir + "\" defName=\"" + e.name + "\"/>";
-    if (!e.before.empty() || !e.after.empty()) {
-        xml += "<Checksum>";
-        if (!e.before.empty())
-            xml += "<BeforePatch>" + e.before + "</BeforePatch>";
-        if (!e.after.empty())
-            xml += "<AfterPatch>" + e.after + "</AfterPatch>";
-        xml += "</Checksum>";
-    }
-    if (!e.renameName.empty())
-        xml += "<RenamePath dir=\"" + e.renameDir + "\" defName=\"" + e.renameName + "\"/>";
-    if (!e.permission.empty())
-        xml +=
-            "<Permissions><mac><Permission>" + e.permission + "</Permission></mac></Permissions>";
-    return xml + "</File>\n";
 }
 
 class RecordingUserInterface : public UserInterface {
@@ -224,13 +185,13 @@ protected:
                          bool withDirectories = true) const {
         std::string xml = "<?xml version=\"1.0\"?>\n<Manifest>\n<FileSet>\n";
         for (const auto& e : files)
-            xml += FileXml(e);
+            xml += FileEntryXml(e);
         xml += "</FileSet>\n";
         if (withBundle) {
             xml += "<BundleSet><Bundle Path=\"[INSTALLDIR]/Contents/Info.plist\" Version=\"1.0\" "
                    "Verify=\"TRUE\">\n" +
-                   FileXml(FileEntry("OVERWRITE", "Info.plist", "[INSTALLDIR]/Contents",
-                                     "Info.plist", newMd5.at("plist1"), newMd5.at("plist2"))) +
+                   FileEntryXml(FileEntry("OVERWRITE", "Info.plist", "[INSTALLDIR]/Contents",
+                                          "Info.plist", newMd5.at("plist1"), newMd5.at("plist2"))) +
                    "</Bundle></BundleSet>\n";
         }
         if (withDirectories) {

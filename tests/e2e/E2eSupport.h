@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ManifestText.h"
+
 // The end-to-end tests' world: a private copy of the machine's system folders, an installed
 // application of the product family registered in the real installation database, patcher
 // bundles made by mkpatcher, and the real PatcherApp started in them.
@@ -71,20 +73,6 @@ bool WaitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds
 std::map<std::string, std::string> Snapshot(const std::string& root);
 
 std::string Md5OfFile(const std::string& path);
-
-// One File entry of a manifest.
-struct FileEntry {
-    std::string operation;
-    std::string objectName;
-    std::string dir;
-    std::string name;
-    std::string before = {};
-    std::string after = {};
-    std::string renameDir = {};
-    std::string renameName = {};
-    std::string permission = {};
-};
-std::string FileEntryXml(const FileEntry& entry);
 
 // The product family's editor installed at /opt/Orvel/Suite/Editor.app, its update from 1.0
 // to 2.0, and everything needed to build the patcher for it and run it.
