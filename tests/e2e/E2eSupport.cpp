@@ -2,6 +2,7 @@
 
 #include "TestSupport.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -212,10 +213,17 @@ void ChildProcess::kill() {
 }
 
 std::vector<std::string> CleanEnvironment(const std::vector<std::string>& assignments) {
+    auto assigned = [&](const std::string& name) {
+        return std::any_of(assignments.begin(), assignments.end(), [&](const std::string& a) {
+            return a.compare(0, name.size() + 1, name + "=") == 0;
+        });
+    };
     std::vector<std::string> result;
     for (char** entry = environ; *entry; ++entry) {
         const std::string assignment = *entry;
         const std::string name = assignment.substr(0, assignment.find('='));
+        if (assigned(name))
+            continue; // the caller's value replaces the inherited one
         if (name == "DISPLAY" || name == "WAYLAND_DISPLAY" || name == "XAUTHORITY" ||
             name == "HOME" || name == "LANG" || name == "LANGUAGE" || name.rfind("LC_", 0) == 0 ||
             name.rfind("ORVEL_", 0) == 0 || name.rfind("QT_", 0) == 0 || name == "SUDO_USER" ||
