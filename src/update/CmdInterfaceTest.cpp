@@ -616,9 +616,18 @@ std::vector<FileCase> FileCases() {
                          e.put(e.in("tool"), kOld);
                      },
                      [](Env& e) { return Rec("PATCH", "a.patch", e.in("tool"), mOld(), mNew()); },
-                     1, [](Env&) { return std::vector<std::string>{"Unable to apply patch."}; },
-                     [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("tool")), kOld); }, NoJournal,
-                     Replay::Restores});
+                     1,
+                     [](Env& e) {
+                         return std::vector<std::string>{
+                             e.tools + "/bspatch: corrupt patch: the header's block lengths "
+                                       "reach past the end of the patch",
+                             "Unable to apply patch."};
+                     },
+                     [](Env& e) {
+                         EXPECT_EQ(ReadTextFile(e.in("tool")), kOld);
+                         EXPECT_FALSE(FileExists(e.payload + "/tool.patched"));
+                     },
+                     NoJournal, Replay::Restores});
     cases.push_back(
         {"Patch_ResultFailsItsChecksum",
          [](Env& e) {

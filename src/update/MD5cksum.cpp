@@ -23,9 +23,7 @@ using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextDeleter>;
 
 // The lower-case hex MD5 of everything readable from fd; nothing on a read or digest error.
 std::optional<std::string> DigestOfDescriptor(int fd) {
-    DigestContext context(EVP_MD_CTX_new());
-    if (!context || EVP_DigestInit_ex(context.get(), EVP_md5(), nullptr) != 1)
-        return std::nullopt;
+    MD5cksum::Stream stream;
     const auto buffer = std::make_unique_for_overwrite<unsigned char[]>(kReadSize);
     for (;;) {
         const ssize_t got = ::read(fd, buffer.get(), kReadSize);
@@ -35,13 +33,38 @@ std::optional<std::string> DigestOfDescriptor(int fd) {
             return std::nullopt;
         if (got == 0)
             break;
-        if (EVP_DigestUpdate(context.get(), buffer.get(), static_cast<size_t>(got)) != 1)
-            return std::nullopt;
+        stream.update(buffer.get(), static_cast<size_t>(got));
     }
+    return stream.finish();
+}
+
+} // namespace
+
+struct MD5cksum::Stream::Context {
+    DigestContext digest{EVP_MD_CTX_new()};
+    bool failed = false;
+};
+
+MD5cksum::Stream::Stream() : _context(std::make_unique<Context>()) {
+    _context->failed =
+        !_context->digest || EVP_DigestInit_ex(_context->digest.get(), EVP_md5(), nullptr) != 1;
+}
+
+MD5cksum::Stream::~Stream() = default;
+
+void MD5cksum::Stream::update(const void* data, size_t size) {
+    if (!_context->failed && size > 0)
+        _context->failed = EVP_DigestUpdate(_context->digest.get(), data, size) != 1;
+}
+
+std::optional<std::string> MD5cksum::Stream::finish() {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
-    if (EVP_DigestFinal_ex(context.get(), digest, &length) != 1)
+    if (_context->failed || EVP_DigestFinal_ex(_context->digest.get(), digest, &length) != 1) {
+        _context->failed = true;
         return std::nullopt;
+    }
+    _context->failed = true; // finished: later updates are refused
     static constexpr char kHex[] = "0123456789abcdef";
     std::string text;
     text.reserve(2 * length);
@@ -52,7 +75,15 @@ std::optional<std::string> DigestOfDescriptor(int fd) {
     return text;
 }
 
-} // namespace
+std::optional<std::string> MD5cksum::logChecksumOfFile(const std::string& path,
+                                                       const std::optional<std::string>& digest) {
+    if (!digest) {
+        NSLevelledLog(0, "Failed to get file check sum");
+        return std::nullopt;
+    }
+    NSLevelledLog(3, "Checksum of file : %@ is : %@", path, *digest);
+    return digest;
+}
 
 std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::string>& path) {
     if (!path) {
@@ -74,12 +105,7 @@ std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::
             digest = DigestOfDescriptor(fd.get());
         }
     }
-    if (!digest) {
-        NSLevelledLog(0, "Failed to get file check sum");
-        return std::nullopt;
-    }
-    NSLevelledLog(3, "Checksum of file : %@ is : %@", *path, *digest);
-    return digest;
+    return logChecksumOfFile(*path, digest);
 }
 
 void MD5cksum::releaseThreadState() {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -17,4 +19,28 @@ public:
     // checksums calls it before it ends: a detached thread may still be ending when the
     // process exits, and what it holds then counts as leaked.
     static void releaseThreadState();
+
+    // The digest of bytes the caller holds or streams, given piece by piece. Used where a
+    // file's bytes pass through memory anyway (a copy, a patch), so that they are not read
+    // a second time only to be checksummed.
+    class Stream {
+    public:
+        Stream();
+        ~Stream();
+        Stream(const Stream&) = delete;
+        Stream& operator=(const Stream&) = delete;
+        void update(const void* data, size_t size);
+        // The lower-case hex digest of everything given; nothing when the digest library
+        // failed at any point. The stream cannot be used afterwards.
+        [[nodiscard]] std::optional<std::string> finish();
+
+    private:
+        struct Context;
+        std::unique_ptr<Context> _context;
+    };
+
+    // Logs a file's checksum computed from its bytes in memory with the same line, or the
+    // same failure, as getMD5cksumOfFile, and passes the checksum on.
+    static std::optional<std::string> logChecksumOfFile(const std::string& path,
+                                                        const std::optional<std::string>& digest);
 };

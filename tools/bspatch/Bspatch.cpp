@@ -425,6 +425,10 @@ BspatchResult ApplyBsdiffPatchToSink(std::span<const uint8_t> oldData, int patch
     }
 }
 
+bool ReadBspatchOldFile(const std::string& path, std::vector<uint8_t>& data) {
+    return ReadWholeFile(path, data);
+}
+
 BspatchResult ApplyBsdiffPatch(const std::string& oldPath, const std::string& newPath,
                                const std::string& patchPath, std::string* detail) {
     try {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <span>
 #include <string>
+#include <vector>
 
 // Applying BSDIFF40 patches (format in BsdiffFormat.h).
 //
@@ -35,6 +36,10 @@ using BspatchSink = std::function<bool(const uint8_t* data, size_t size)>;
 [[nodiscard]] BspatchResult ApplyBsdiffPatchToSink(std::span<const uint8_t> oldData, int patchFd,
                                                    const BspatchSink& sink,
                                                    std::string* detail = nullptr);
+
+// Reads the whole old file as ApplyBsdiffPatch does: memory of the file's size, read on to
+// its end. False with errno set when it cannot be read.
+[[nodiscard]] bool ReadBspatchOldFile(const std::string& path, std::vector<uint8_t>& data);
 
 // Writes newPath from oldPath and patchPath. The new file is written to a temporary file
 // beside newPath, synced and renamed over it, so on success newPath is whole and on any
