@@ -158,7 +158,7 @@ std::optional<gid_t> GroupIdOf(const std::string& name) {
 }
 
 bool CopyRegularFile(const std::string& source, const std::string& destination,
-                     const struct stat& sourceInfo, bool sync) {
+                     const struct stat& sourceInfo, bool sync, bool rememberChecksum) {
     UniqueFd in(::open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (!in.valid())
         return false;
@@ -172,6 +172,9 @@ bool CopyRegularFile(const std::string& source, const std::string& destination,
         ::unlink(destination.c_str());
         return false;
     };
+    std::optional<MD5cksum::Stream> digest;
+    if (rememberChecksum)
+        digest.emplace();
     const auto buffer = std::make_unique_for_overwrite<char[]>(kCopyBufferSize);
     for (;;) {
         const ssize_t got = ::read(in.get(), buffer.get(), kCopyBufferSize);
@@ -181,6 +184,8 @@ bool CopyRegularFile(const std::string& source, const std::string& destination,
             return discard();
         if (got == 0)
             break;
+        if (digest)
+            digest->update(buffer.get(), static_cast<size_t>(got));
         if (!WriteAll(out.get(), buffer.get(), static_cast<size_t>(got)))
             return discard();
     }
@@ -190,9 +195,22 @@ bool CopyRegularFile(const std::string& source, const std::string& destination,
     ::futimens(out.get(), times); // a copy with today's date is still a good copy
     if (sync && ::fsync(out.get()) != 0)
         return discard();
+    // Both ends hold the bytes just read; their checksum is known while neither changes.
+    // The source counts only if it did not change while it was read.
+    struct stat sourceAfter {};
+    struct stat copyInfo {};
+    const bool remember =
+        digest && ::fstat(in.get(), &sourceAfter) == 0 && ::fstat(out.get(), &copyInfo) == 0;
     if (::close(out.release()) != 0) {
         ::unlink(destination.c_str());
         return false;
+    }
+    if (remember) {
+        if (const auto text = digest->finish()) {
+            MD5cksum::rememberChecksumOfFile(destination, copyInfo, *text);
+            if (MD5cksum::sameFileState(sourceInfo, sourceAfter))
+                MD5cksum::rememberChecksumOfFile(source, sourceAfter, *text);
+        }
     }
     return true;
 }
@@ -370,7 +388,7 @@ int32_t CmdInterface::addFileOperation(const FileOperationInfo& info) {
         NSLevelledLog(3, "File copy operation failed.");
         return 1;
     }
-    if (!copyItem(source, destination, false)) {
+    if (!copyItem(source, destination, false, true)) {
         NSLevelledLog(3, "File copy operation failed.");
         return 1;
     }
@@ -449,7 +467,7 @@ int32_t CmdInterface::copyForOverwrite(const FileOperationInfo& info, bool oldRe
     if (!Exists(folder))
         (void)createDirectoryAtPath(folder, true); // a failure shows in the copy below
     NSLevelledLog(3, "Copying file \"%@\" to \"%@\" during perform.", source, destination);
-    if (!copyItem(source, destination, false)) {
+    if (!copyItem(source, destination, false, true)) {
         NSLevelledLog(3, "File copy operation failed.");
         // The old file is gone all the same; the journal brings it back.
         if (oldRemoved)
@@ -546,16 +564,8 @@ int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
     }
     struct stat oldInfo {};
     const bool haveOldMode = ::stat(fileToPatch.c_str(), &oldInfo) == 0;
-    // The patch needs the whole old file in memory; its checksum is taken from there rather
-    // than from a second read.
-    std::vector<uint8_t> oldData;
-    std::optional<std::string> checksum;
-    if (ReadBspatchOldFile(fileToPatch, oldData)) {
-        MD5cksum::Stream digest;
-        digest.update(oldData.data(), oldData.size());
-        checksum = digest.finish();
-    }
-    checksum = MD5cksum::logChecksumOfFile(fileToPatch, checksum);
+    // Known without reading when the backup copy was just made from it.
+    const auto checksum = MD5cksum::getMD5cksumOfFile(fileToPatch);
     if (!ChecksumMatches(checksum, info.BeforePatch)) {
         if (ChecksumMatches(checksum, info.AfterPatch)) {
             LogNoNeed(info);
@@ -569,9 +579,16 @@ int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
 
     // An output left by an earlier run must not pass for this run's result.
     (void)removeItem(output);
-    const std::optional<std::string> patchedChecksum =
-        ApplyPatch(oldData, patchFile, patchTool, output);
-    oldData = {};
+    std::optional<std::string> patchedChecksum;
+    {
+        std::vector<uint8_t> oldData;
+        if (ReadBspatchOldFile(fileToPatch, oldData))
+            patchedChecksum = ApplyPatch(oldData, patchFile, patchTool, output);
+        else
+            NSLevelledLog(3, "%@: %s: %@: %s", patchTool,
+                          DescribeBspatchResult(BspatchResult::OldFileUnreadable), fileToPatch,
+                          std::strerror(errno));
+    }
     if (!Exists(output)) {
         NSLevelledLog(3, "Unable to apply patch.");
         return 1;
@@ -970,7 +987,8 @@ std::string CmdInterface::ResolveSymlinksInPath(const std::string& path) {
     return rest.empty() ? std::string(resolved.get()) : JoinPath(resolved.get(), rest);
 }
 
-bool CmdInterface::copyItem(const std::string& source, const std::string& destination, bool sync) {
+bool CmdInterface::copyItem(const std::string& source, const std::string& destination, bool sync,
+                            bool rememberChecksum) {
     struct stat info {};
     if (::lstat(source.c_str(), &info) != 0)
         return false;
@@ -985,7 +1003,7 @@ bool CmdInterface::copyItem(const std::string& source, const std::string& destin
     }
     if (!S_ISREG(info.st_mode))
         return false;
-    return CopyRegularFile(source, destination, info, sync);
+    return CopyRegularFile(source, destination, info, sync, rememberChecksum);
 }
 
 bool CmdInterface::removeItem(const std::string& path) {

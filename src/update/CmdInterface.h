@@ -108,9 +108,11 @@ public:
 
     // Copies a regular file (streamed through a fixed buffer, mode and modification time
     // kept) or a symbolic link (as a link). Fails when something is at the destination; a
-    // partly written copy is removed. With sync the copy is on disk before returning.
+    // partly written copy is removed. With sync the copy is on disk before returning. With
+    // rememberChecksum the bytes are checksummed as they pass, and MD5cksum answers for both
+    // files without reading them again (see MD5cksum::rememberChecksumOfFile).
     [[nodiscard]] static bool copyItem(const std::string& source, const std::string& destination,
-                                       bool sync);
+                                       bool sync, bool rememberChecksum = false);
     // Removes a file, a link (not what it points to) or a folder with all it holds.
     [[nodiscard]] static bool removeItem(const std::string& path);
     // Renames, or copies and removes across file systems. Fails when the target exists.

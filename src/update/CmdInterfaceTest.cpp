@@ -1457,6 +1457,21 @@ TEST_F(CmdInterfaceTest, FullDiskFailsTheCopyWithoutLeavingAPartialFile) {
     EXPECT_EQ(ReadTextFile(env.in("old.bin")), kOld);
 }
 
+TEST_F(CmdInterfaceTest, ACopyKnowsTheChecksumOfBothEnds) {
+    Env env;
+    const std::string source = env.payload + "/source.bin";
+    const std::string copy = env.payload + "/copy.bin";
+    env.putPayload("source.bin", std::string(3 * 1024 * 1024 + 5, 's') + kNew);
+    const std::string expected = MD5cksum::getMD5cksumOfFile(source).value();
+    ASSERT_TRUE(CmdInterface::copyItem(source, copy, false, true));
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(copy), expected);
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(source), expected);
+    // A copy that is then changed is read again.
+    WriteTextFile(copy, kOther);
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(copy), mOther());
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(source), expected);
+}
+
 TEST_F(CmdInterfaceTest, UnreadableFilesFailTheirChecksum) {
     Env env;
     ::chmod(env.root.c_str(), 0755);

@@ -3,10 +3,13 @@
 #include "base/FileUtil.h"
 #include "run/LoggerUtility.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <deque>
 #include <fcntl.h>
 #include <memory>
+#include <mutex>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
@@ -38,7 +41,51 @@ std::optional<std::string> DigestOfDescriptor(int fd) {
     return stream.finish();
 }
 
+bool SameTime(const timespec& a, const timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+// The files whose checksums are known without reading them; newest first.
+struct RememberedChecksum {
+    std::string path;
+    struct stat identity;
+    std::string digest;
+};
+constexpr size_t kRememberedFiles = 16;
+std::mutex gRememberedMutex;
+std::deque<RememberedChecksum> gRemembered;
+
+std::optional<std::string> RememberedChecksumOf(const std::string& path,
+                                                const struct stat& current) {
+    const std::lock_guard lock(gRememberedMutex);
+    const auto found = std::find_if(gRemembered.begin(), gRemembered.end(),
+                                    [&](const RememberedChecksum& r) { return r.path == path; });
+    if (found == gRemembered.end())
+        return std::nullopt;
+    if (!MD5cksum::sameFileState(found->identity, current)) {
+        gRemembered.erase(found); // changed since: read it again
+        return std::nullopt;
+    }
+    return found->digest;
+}
+
 } // namespace
+
+bool MD5cksum::sameFileState(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           SameTime(a.st_mtim, b.st_mtim) && SameTime(a.st_ctim, b.st_ctim);
+}
+
+void MD5cksum::rememberChecksumOfFile(const std::string& path, const struct stat& identity,
+                                      const std::string& digest) {
+    if (!S_ISREG(identity.st_mode))
+        return;
+    const std::lock_guard lock(gRememberedMutex);
+    std::erase_if(gRemembered, [&](const RememberedChecksum& r) { return r.path == path; });
+    gRemembered.push_front(RememberedChecksum{path, identity, digest});
+    if (gRemembered.size() > kRememberedFiles)
+        gRemembered.pop_back();
+}
 
 struct MD5cksum::Stream::Context {
     DigestContext digest{EVP_MD_CTX_new()};
@@ -95,6 +142,8 @@ std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::
         NSLevelledLog(3, "File does not exist");
         return std::nullopt;
     }
+    if (auto remembered = RememberedChecksumOf(*path, info))
+        return logChecksumOfFile(*path, remembered);
     // Opened without blocking so that a FIFO without a writer cannot hold up the run.
     UniqueFd fd(::open(path->c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     std::optional<std::string> digest;

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
 
 // MD5 checksums of files, as the file operations compare them: lower-case hexadecimal text,
 // the same as `openssl dgst -md5` and `md5sum` print.
@@ -38,6 +39,19 @@ public:
         struct Context;
         std::unique_ptr<Context> _context;
     };
+
+    // Remembers the checksum of a regular file whose bytes this process has just read or
+    // written whole (a copy, a patch output); identity is the file's fstat taken after the
+    // last write or read. getMD5cksumOfFile then answers for that path from memory as long
+    // as the file's device, inode, size, modification and change times are still the ones
+    // recorded: any write, truncation, replacement or mode change gives up the memory. Only
+    // the last few files are kept, enough for one file operation and its journal entry.
+    // True when two fstat/stat results show the same file with the same contents as far as
+    // the file system tells: device, inode, size, modification and change times.
+    [[nodiscard]] static bool sameFileState(const struct stat& a, const struct stat& b);
+
+    static void rememberChecksumOfFile(const std::string& path, const struct stat& identity,
+                                       const std::string& digest);
 
     // Logs a file's checksum computed from its bytes in memory with the same line, or the
     // same failure, as getMD5cksumOfFile, and passes the checksum on.

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fcntl.h>
 #include <random>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -88,6 +89,56 @@ TEST_F(MD5cksumTest, AChecksumFromMemoryIsLoggedAsAFilesChecksum) {
     EXPECT_EQ(MD5cksum::logChecksumOfFile("/opt/unread", std::nullopt), std::nullopt);
     EXPECT_EQ(log.lines(), (std::vector<std::string>{"Checksum of file : /opt/a file is : 0123",
                                                      "Failed to get file check sum"}));
+}
+
+TEST_F(MD5cksumTest, ARememberedChecksumHoldsOnlyWhileTheFileIsUnchanged) {
+    const std::string path = _dir.file("kept");
+    WriteTextFile(path, "version one\n");
+    auto remember = [&] {
+        struct stat info {};
+        ASSERT_EQ(::stat(path.c_str(), &info), 0);
+        MD5cksum::rememberChecksumOfFile(path, info, "remembered");
+    };
+    remember();
+    {
+        LogCapture log;
+        EXPECT_EQ(MD5cksum::getMD5cksumOfFile(path), "remembered") << "answered from memory";
+        EXPECT_EQ(log.lines(),
+                  (std::vector<std::string>{"Checksum of file : " + path + " is : remembered"}));
+    }
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(path), "remembered");
+
+    ::chmod(path.c_str(), 0600); // a new change time
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(path), Md5sum(path));
+
+    remember();
+    WriteTextFile(path, "version two, longer\n");
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(path), Md5sum(path));
+
+    remember();
+    const std::string other = _dir.file("other");
+    WriteTextFile(other, "version 3, longer\n"); // the same size, another inode
+    ASSERT_EQ(::rename(other.c_str(), path.c_str()), 0);
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(path), Md5sum(path));
+
+    remember();
+    const timespec times[2] = {{0, UTIME_OMIT}, {1000000000, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(path), Md5sum(path));
+}
+
+TEST_F(MD5cksumTest, OnlyTheLastFewFilesAreRemembered) {
+    std::vector<std::string> paths;
+    for (int i = 0; i < 17; ++i) {
+        paths.push_back(_dir.file("file" + std::to_string(i)));
+        WriteTextFile(paths.back(), "content " + std::to_string(i));
+        struct stat info {};
+        ASSERT_EQ(::stat(paths.back().c_str(), &info), 0);
+        MD5cksum::rememberChecksumOfFile(paths.back(), info, "remembered");
+    }
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(paths.front()), Md5sum(paths.front()));
+    for (size_t i = 1; i < paths.size(); ++i)
+        EXPECT_EQ(MD5cksum::getMD5cksumOfFile(paths[i]), "remembered") << paths[i];
 }
 
 TEST_F(MD5cksumTest, FollowsSymbolicLinks) {

@@ -127,7 +127,8 @@ int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info) {
         (void)CmdInterface::createDirectoryAtPath(folder, true); // shows in the copy
     // The copy is synced before the change it guards is made, so the journal never names a
     // backup that a crash could lose.
-    if (!CmdInterface::copyItem(destination, backup, true)) {
+    // Its checksum, needed by the operation and by the journal entry, is taken on the way.
+    if (!CmdInterface::copyItem(destination, backup, true, true)) {
         NSLevelledLog(3, "File copy operation failed.");
         return 1;
     }
