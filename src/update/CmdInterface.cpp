@@ -19,7 +19,9 @@
 #include <filesystem>
 #include <grp.h>
 #include <memory>
+#include <new>
 #include <pwd.h>
+#include <span>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -217,7 +219,7 @@ bool CopyRegularFile(const std::string& source, const std::string& destination,
 
 // Writes output from oldData and patchFile; the output's checksum, or nothing (and no output
 // file) when the patch could not be applied.
-std::optional<std::string> ApplyPatch(const std::vector<uint8_t>& oldData,
+std::optional<std::string> ApplyPatch(std::span<const uint8_t> oldData,
                                       const std::string& patchFile, const std::string& patchTool,
                                       const std::string& output) {
     // The bundle's bspatch tool is linked in: the same code, applied without starting two
@@ -580,15 +582,20 @@ int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
     // An output left by an earlier run must not pass for this run's result.
     (void)removeItem(output);
     std::optional<std::string> patchedChecksum;
-    {
-        std::vector<uint8_t> oldData;
-        if (ReadBspatchOldFile(fileToPatch, oldData))
-            patchedChecksum = ApplyPatch(oldData, patchFile, patchTool, output);
-        else
-            NSLevelledLog(3, "%@: %s: %@: %s", patchTool,
-                          DescribeBspatchResult(BspatchResult::OldFileUnreadable), fileToPatch,
-                          std::strerror(errno));
+    if (!_patchOldFile)
+        _patchOldFile = std::make_unique<BspatchOldFile>();
+    bool oldRead = false;
+    try {
+        oldRead = _patchOldFile->read(fileToPatch);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
     }
+    if (oldRead)
+        patchedChecksum = ApplyPatch(_patchOldFile->bytes(), patchFile, patchTool, output);
+    else
+        NSLevelledLog(3, "%@: %s: %@: %s", patchTool,
+                      DescribeBspatchResult(BspatchResult::OldFileUnreadable), fileToPatch,
+                      std::strerror(errno));
     if (!Exists(output)) {
         NSLevelledLog(3, "Unable to apply patch.");
         return 1;

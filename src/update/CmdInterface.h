@@ -11,6 +11,7 @@
 #include <sys/types.h>
 #include <vector>
 
+class BspatchOldFile;
 class RollBackHandler;
 
 // What the file operations need from outside their class.
@@ -133,6 +134,8 @@ private:
     std::string _payloadDir;
     std::string _resourceDir;
     std::unique_ptr<RollBackHandler> _rollBackHandler;
+    // The file being patched, in memory kept from one patched file to the next.
+    std::unique_ptr<BspatchOldFile> _patchOldFile;
     bool _isRepairMode = false;
     bool _writeUndo = false;
     AllowsReplaceFunction _allowsReplace;

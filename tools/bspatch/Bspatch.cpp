@@ -253,42 +253,6 @@ std::string FolderOf(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// The whole file; false with errno set when it cannot be read. A regular file is read into a
-// buffer of its size, so the memory used is the file's size.
-bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& data) {
-    Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd.valid())
-        return false;
-    struct stat info {};
-    if (::fstat(fd.get(), &info) != 0)
-        return false;
-    data.resize(S_ISREG(info.st_mode) ? static_cast<size_t>(info.st_size) : 0);
-    size_t used = 0;
-    while (used < data.size()) {
-        const ssize_t got = ::read(fd.get(), data.data() + used, data.size() - used);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return false;
-        if (got == 0)
-            break;
-        used += static_cast<size_t>(got);
-    }
-    data.resize(used);
-    // Whatever has no size (a device, a pipe) or grew meanwhile is read on to its end.
-    uint8_t more[4096];
-    for (;;) {
-        const ssize_t got = ::read(fd.get(), more, sizeof more);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return false;
-        if (got == 0)
-            return true;
-        data.insert(data.end(), more, more + got);
-    }
-}
-
 BspatchResult Apply(std::span<const uint8_t> oldData, int patchFd, const BspatchSink& sink,
                     std::string* detail) {
     struct stat info {};
@@ -425,15 +389,51 @@ BspatchResult ApplyBsdiffPatchToSink(std::span<const uint8_t> oldData, int patch
     }
 }
 
-bool ReadBspatchOldFile(const std::string& path, std::vector<uint8_t>& data) {
-    return ReadWholeFile(path, data);
+bool BspatchOldFile::read(const std::string& path) {
+    _size = 0;
+    Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid())
+        return false;
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0)
+        return false;
+    // A regular file is read into memory of its size (plus a little, to see that it ended);
+    // whatever has no size (a device, a pipe) or grows meanwhile is read on to its end.
+    size_t wanted = S_ISREG(info.st_mode) ? static_cast<size_t>(info.st_size) + 1 : 4096;
+    for (;;) {
+        if (_capacity < wanted) {
+            auto larger = std::make_unique_for_overwrite<uint8_t[]>(wanted);
+            if (_size > 0)
+                std::memcpy(larger.get(), _buffer.get(), _size);
+            _buffer = std::move(larger);
+            _capacity = wanted;
+        }
+        const ssize_t got = ::read(fd.get(), _buffer.get() + _size, _capacity - _size);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0) {
+            _size = 0;
+            return false;
+        }
+        if (got == 0)
+            return true;
+        _size += static_cast<size_t>(got);
+        if (_size == _capacity)
+            wanted = _capacity * 2;
+    }
+}
+
+void BspatchOldFile::release() {
+    _buffer.reset();
+    _capacity = 0;
+    _size = 0;
 }
 
 BspatchResult ApplyBsdiffPatch(const std::string& oldPath, const std::string& newPath,
                                const std::string& patchPath, std::string* detail) {
     try {
-        std::vector<uint8_t> oldData;
-        if (!ReadWholeFile(oldPath, oldData))
+        BspatchOldFile oldData;
+        if (!oldData.read(oldPath))
             return Fail(detail, BspatchResult::OldFileUnreadable,
                         ErrnoText("cannot read", oldPath));
         Fd patch(::open(patchPath.c_str(), O_RDONLY | O_CLOEXEC));
@@ -448,7 +448,7 @@ BspatchResult ApplyBsdiffPatch(const std::string& oldPath, const std::string& ne
                         ErrnoText("cannot create a temporary file in", folder));
         OutputBuffer output(temporary.fd());
         const BspatchResult result = ApplyBsdiffPatchToSink(
-            oldData, patch.get(),
+            oldData.bytes(), patch.get(),
             [&output](const uint8_t* data, size_t size) { return output.write(data, size); },
             detail);
         if (result != BspatchResult::Success)

@@ -3,9 +3,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <span>
 #include <string>
-#include <vector>
 
 // Applying BSDIFF40 patches (format in BsdiffFormat.h).
 //
@@ -37,9 +37,22 @@ using BspatchSink = std::function<bool(const uint8_t* data, size_t size)>;
                                                    const BspatchSink& sink,
                                                    std::string* detail = nullptr);
 
-// Reads the whole old file as ApplyBsdiffPatch does: memory of the file's size, read on to
-// its end. False with errno set when it cannot be read.
-[[nodiscard]] bool ReadBspatchOldFile(const std::string& path, std::vector<uint8_t>& data);
+// The whole old file in memory, in a buffer that is kept for the next file: patching many
+// files in turn touches fresh memory only for a file larger than all before it, and the
+// buffer is never filled with zeros first.
+class BspatchOldFile {
+public:
+    // Reads the file to its end; false with errno set when it cannot be read.
+    [[nodiscard]] bool read(const std::string& path);
+    std::span<const uint8_t> bytes() const { return {_buffer.get(), _size}; }
+    // Gives the memory back.
+    void release();
+
+private:
+    std::unique_ptr<uint8_t[]> _buffer;
+    size_t _capacity = 0;
+    size_t _size = 0;
+};
 
 // Writes newPath from oldPath and patchPath. The new file is written to a temporary file
 // beside newPath, synced and renamed over it, so on success newPath is whole and on any
