@@ -71,30 +71,39 @@ DirTokenResolver::DirTokenResolver(const PlatformPaths& paths,
     }
 }
 
+std::optional<std::string>
+DirTokenResolver::replaceToken(const std::string& path,
+                               const std::optional<std::string>& appPath) const {
+    if (appPath && StartsWith(path, kInstallDirToken)) {
+        std::string result = path;
+        result.replace(0, std::char_traits<char>::length(kInstallDirToken), *appPath);
+        return result;
+    }
+    for (const char* token : kTokenOrder) {
+        if (!StartsWith(path, token))
+            continue;
+        auto entry = _dirTokenDictionary.find(token);
+        if (entry == _dirTokenDictionary.end())
+            return std::nullopt;
+        std::string result = path;
+        result.replace(0, entry->first.size(), entry->second);
+        return result;
+    }
+    return std::nullopt;
+}
+
+std::string DirTokenResolver::expandedPath(const std::string& path,
+                                           const std::optional<std::string>& appPath) const {
+    return replaceToken(path, appPath).value_or(path);
+}
+
 std::string
 DirTokenResolver::expandDirectoryTokenForPath(const std::string& path,
                                               const std::optional<std::string>& appPath) const {
-    std::string result = path;
-    bool replaced = false;
-    if (appPath && StartsWith(path, kInstallDirToken)) {
-        result.replace(0, std::char_traits<char>::length(kInstallDirToken), *appPath);
-        replaced = true;
-    } else {
-        for (const char* token : kTokenOrder) {
-            if (!StartsWith(path, token))
-                continue;
-            auto entry = _dirTokenDictionary.find(token);
-            if (entry != _dirTokenDictionary.end()) {
-                result.replace(0, entry->first.size(), entry->second);
-                replaced = true;
-            }
-            break;
-        }
-    }
-    if (replaced) {
-        NSLevelledLog(3, "Expanded %@ to %@ ", path, result);
-        if (result != path)
-            return result;
+    if (const auto result = replaceToken(path, appPath)) {
+        NSLevelledLog(3, "Expanded %@ to %@ ", path, *result);
+        if (*result != path)
+            return *result;
     }
     NSLevelledLog(3, "No expansion is performed");
     return path;

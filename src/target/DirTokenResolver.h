@@ -25,9 +25,17 @@ public:
     expandDirectoryTokenForPath(const std::string& path,
                                 const std::optional<std::string>& appPath) const;
 
+    // The same expansion without a log line, for paths worked out ahead of their entry.
+    [[nodiscard]] std::string expandedPath(const std::string& path,
+                                           const std::optional<std::string>& appPath) const;
+
     // Token text (brackets included) to folder.
     const std::map<std::string, std::string>& tokenTable() const { return _dirTokenDictionary; }
 
 private:
+    // The path with its token replaced, or nothing when it starts with no known token.
+    std::optional<std::string> replaceToken(const std::string& path,
+                                            const std::optional<std::string>& appPath) const;
+
     std::map<std::string, std::string> _dirTokenDictionary;
 };

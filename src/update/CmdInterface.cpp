@@ -22,6 +22,7 @@
 #include <new>
 #include <pwd.h>
 #include <span>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -30,6 +31,7 @@
 namespace {
 
 constexpr size_t kCopyBufferSize = 256 * 1024;
+constexpr size_t kSendFileChunk = 8 * 1024 * 1024;
 
 bool Exists(const std::string& path) {
     struct stat info {};
@@ -159,6 +161,38 @@ std::optional<gid_t> GroupIdOf(const std::string& name) {
     return std::nullopt;
 }
 
+// Copies what is left of in to out inside the kernel; false with errno set. EINVAL and
+// ENOSYS mean the files do not allow it, before anything was copied.
+bool SendFileData(int in, int out) {
+    for (;;) {
+        const ssize_t sent = ::sendfile(out, in, nullptr, kSendFileChunk);
+        if (sent < 0 && errno == EINTR)
+            continue;
+        if (sent < 0)
+            return false;
+        if (sent == 0)
+            return true;
+    }
+}
+
+// Copies what is left of in to out through memory, handing every piece to digest if given.
+bool CopyData(int in, int out, MD5cksum::Stream* digest) {
+    const auto buffer = std::make_unique_for_overwrite<char[]>(kCopyBufferSize);
+    for (;;) {
+        const ssize_t got = ::read(in, buffer.get(), kCopyBufferSize);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return false;
+        if (got == 0)
+            return true;
+        if (digest)
+            digest->update(buffer.get(), static_cast<size_t>(got));
+        if (!WriteAll(out, buffer.get(), static_cast<size_t>(got)))
+            return false;
+    }
+}
+
 bool CopyRegularFile(const std::string& source, const std::string& destination,
                      const struct stat& sourceInfo, bool sync, bool rememberChecksum) {
     UniqueFd in(::open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
@@ -174,44 +208,48 @@ bool CopyRegularFile(const std::string& source, const std::string& destination,
         ::unlink(destination.c_str());
         return false;
     };
+    // Both ends hold the bytes copied, so their checksum is known while neither changes:
+    // taken from the source when it is known already, else computed on the way.
+    std::optional<std::string> known;
     std::optional<MD5cksum::Stream> digest;
-    if (rememberChecksum)
+    struct stat opened {};
+    if (rememberChecksum && ::fstat(in.get(), &opened) == 0 &&
+        MD5cksum::sameFileState(sourceInfo, opened))
+        known = MD5cksum::rememberedChecksumOfFile(source, opened);
+    if (rememberChecksum && !known)
         digest.emplace();
-    const auto buffer = std::make_unique_for_overwrite<char[]>(kCopyBufferSize);
-    for (;;) {
-        const ssize_t got = ::read(in.get(), buffer.get(), kCopyBufferSize);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return discard();
-        if (got == 0)
-            break;
-        if (digest)
-            digest->update(buffer.get(), static_cast<size_t>(got));
-        if (!WriteAll(out.get(), buffer.get(), static_cast<size_t>(got)))
-            return discard();
+    bool copied = false;
+    if (!digest) {
+        copied = SendFileData(in.get(), out.get());
+        if (!copied && (errno == EINVAL || errno == ENOSYS))
+            copied = CopyData(in.get(), out.get(), nullptr); // nothing was sent
+    } else {
+        copied = CopyData(in.get(), out.get(), &*digest);
     }
+    if (!copied)
+        return discard();
     if (::fchmod(out.get(), sourceInfo.st_mode & 07777) != 0)
         return discard();
     const timespec times[2] = {sourceInfo.st_atim, sourceInfo.st_mtim};
     ::futimens(out.get(), times); // a copy with today's date is still a good copy
     if (sync && ::fsync(out.get()) != 0)
         return discard();
-    // Both ends hold the bytes just read; their checksum is known while neither changes.
     // The source counts only if it did not change while it was read.
     struct stat sourceAfter {};
     struct stat copyInfo {};
-    const bool remember =
-        digest && ::fstat(in.get(), &sourceAfter) == 0 && ::fstat(out.get(), &copyInfo) == 0;
+    const bool remember = rememberChecksum && ::fstat(in.get(), &sourceAfter) == 0 &&
+                          MD5cksum::sameFileState(sourceInfo, sourceAfter) &&
+                          ::fstat(out.get(), &copyInfo) == 0;
     if (::close(out.release()) != 0) {
         ::unlink(destination.c_str());
         return false;
     }
     if (remember) {
-        if (const auto text = digest->finish()) {
-            MD5cksum::rememberChecksumOfFile(destination, copyInfo, *text);
-            if (MD5cksum::sameFileState(sourceInfo, sourceAfter))
-                MD5cksum::rememberChecksumOfFile(source, sourceAfter, *text);
+        if (digest)
+            known = digest->finish();
+        if (known) {
+            MD5cksum::rememberChecksumOfFile(destination, copyInfo, *known);
+            MD5cksum::rememberChecksumOfFile(source, sourceAfter, *known);
         }
     }
     return true;

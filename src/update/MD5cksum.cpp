@@ -6,14 +6,16 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <deque>
 #include <fcntl.h>
+#include <iterator>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <unordered_map>
 
 namespace {
 
@@ -45,31 +47,36 @@ bool SameTime(const timespec& a, const timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-// The files whose checksums are known without reading them; newest first.
+// The files whose checksums are known without reading them: a list, newest first, and an
+// index of it by path.
 struct RememberedChecksum {
     std::string path;
     struct stat identity;
     std::string digest;
 };
-constexpr size_t kRememberedFiles = 16;
 std::mutex gRememberedMutex;
-std::deque<RememberedChecksum> gRemembered;
+std::list<RememberedChecksum> gRemembered;
+std::unordered_map<std::string, std::list<RememberedChecksum>::iterator> gRememberedByPath;
 
-std::optional<std::string> RememberedChecksumOf(const std::string& path,
-                                                const struct stat& current) {
-    const std::lock_guard lock(gRememberedMutex);
-    const auto found = std::find_if(gRemembered.begin(), gRemembered.end(),
-                                    [&](const RememberedChecksum& r) { return r.path == path; });
-    if (found == gRemembered.end())
-        return std::nullopt;
-    if (!MD5cksum::sameFileState(found->identity, current)) {
-        gRemembered.erase(found); // changed since: read it again
-        return std::nullopt;
-    }
-    return found->digest;
+void ForgetLocked(std::list<RememberedChecksum>::iterator entry) {
+    gRememberedByPath.erase(entry->path);
+    gRemembered.erase(entry);
 }
 
 } // namespace
+
+std::optional<std::string> MD5cksum::rememberedChecksumOfFile(const std::string& path,
+                                                              const struct stat& current) {
+    const std::lock_guard lock(gRememberedMutex);
+    const auto found = gRememberedByPath.find(path);
+    if (found == gRememberedByPath.end())
+        return std::nullopt;
+    if (!MD5cksum::sameFileState(found->second->identity, current)) {
+        ForgetLocked(found->second); // changed since: read it again
+        return std::nullopt;
+    }
+    return found->second->digest;
+}
 
 bool MD5cksum::sameFileState(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
@@ -81,10 +88,27 @@ void MD5cksum::rememberChecksumOfFile(const std::string& path, const struct stat
     if (!S_ISREG(identity.st_mode))
         return;
     const std::lock_guard lock(gRememberedMutex);
-    std::erase_if(gRemembered, [&](const RememberedChecksum& r) { return r.path == path; });
+    if (const auto found = gRememberedByPath.find(path); found != gRememberedByPath.end())
+        ForgetLocked(found->second);
     gRemembered.push_front(RememberedChecksum{path, identity, digest});
+    gRememberedByPath.emplace(path, gRemembered.begin());
     if (gRemembered.size() > kRememberedFiles)
-        gRemembered.pop_back();
+        ForgetLocked(std::prev(gRemembered.end()));
+}
+
+bool MD5cksum::rememberChecksumOfFileAhead(const std::string& path) {
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    struct stat before {};
+    if (!fd.valid() || ::fstat(fd.get(), &before) != 0 || !S_ISREG(before.st_mode))
+        return false;
+    if (rememberedChecksumOfFile(path, before))
+        return true;
+    const auto digest = DigestOfDescriptor(fd.get());
+    struct stat after {};
+    if (!digest || ::fstat(fd.get(), &after) != 0 || !sameFileState(before, after))
+        return false;
+    rememberChecksumOfFile(path, after, *digest);
+    return true;
 }
 
 struct MD5cksum::Stream::Context {
@@ -142,7 +166,7 @@ std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::
         NSLevelledLog(3, "File does not exist");
         return std::nullopt;
     }
-    if (auto remembered = RememberedChecksumOf(*path, info))
+    if (auto remembered = rememberedChecksumOfFile(*path, info))
         return logChecksumOfFile(*path, remembered);
     // Opened without blocking so that a FIFO without a writer cannot hold up the run.
     UniqueFd fd(::open(path->c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));

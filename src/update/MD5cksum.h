@@ -45,13 +45,24 @@ public:
     // last write or read. getMD5cksumOfFile then answers for that path from memory as long
     // as the file's device, inode, size, modification and change times are still the ones
     // recorded: any write, truncation, replacement or mode change gives up the memory. Only
-    // the last few files are kept, enough for one file operation and its journal entry.
+    // the last few dozen files are kept: those of the running file operation and its journal
+    // entry, and those worked out ahead of it (ChecksumPrefetcher).
     // True when two fstat/stat results show the same file with the same contents as far as
     // the file system tells: device, inode, size, modification and change times.
     [[nodiscard]] static bool sameFileState(const struct stat& a, const struct stat& b);
 
+    static constexpr size_t kRememberedFiles = 256;
     static void rememberChecksumOfFile(const std::string& path, const struct stat& identity,
                                        const std::string& digest);
+
+    // Reads a regular file, remembers its checksum and logs nothing; false when it is no
+    // regular file, cannot be read, or changed while it was read. For work done ahead.
+    static bool rememberChecksumOfFileAhead(const std::string& path);
+
+    // The remembered checksum of path, when the file is still as identity (a stat or fstat
+    // taken now) shows it. Logs nothing.
+    [[nodiscard]] static std::optional<std::string>
+    rememberedChecksumOfFile(const std::string& path, const struct stat& identity);
 
     // Logs a file's checksum computed from its bytes in memory with the same line, or the
     // same failure, as getMD5cksumOfFile, and passes the checksum on.

@@ -129,7 +129,7 @@ TEST_F(MD5cksumTest, ARememberedChecksumHoldsOnlyWhileTheFileIsUnchanged) {
 
 TEST_F(MD5cksumTest, OnlyTheLastFewFilesAreRemembered) {
     std::vector<std::string> paths;
-    for (int i = 0; i < 17; ++i) {
+    for (size_t i = 0; i <= MD5cksum::kRememberedFiles; ++i) {
         paths.push_back(_dir.file("file" + std::to_string(i)));
         WriteTextFile(paths.back(), "content " + std::to_string(i));
         struct stat info {};

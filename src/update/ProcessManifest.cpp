@@ -13,6 +13,7 @@
 #include "target/DirTokenResolver.h"
 #include "target/LoadConfigData.h"
 #include "target/OrvelCodeFileHandler.h"
+#include "update/ChecksumPrefetcher.h"
 #include "update/MD5cksum.h"
 #include "update/PayloadHandler.h"
 
@@ -270,8 +271,10 @@ bool ProcessManifest::progressStep(ProgressWindowController* progress,
 }
 
 std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* /*worker*/) {
+    ChecksumPrefetcher prefetcher(filesToChecksumAhead(work));
     int index = 0;
     for (const XmlNode& node : work.workingNodesArray) {
+        prefetcher.entryStarting(static_cast<size_t>(index));
         ++index;
         NSFormatLogWithHeading(2, "File %d information", index);
         FileOperationInfo info;
@@ -330,6 +333,37 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
             break;
     }
     return kSuccessful;
+}
+
+std::vector<std::vector<std::string>>
+ProcessManifest::filesToChecksumAhead(const WorkDictionary& work) {
+    // A guess, read without a log line: the installed file, the file a rename or an
+    // overwrite of a renamed file starts from, and the payload file copied in. A wrong
+    // guess costs a read, never a result.
+    std::vector<std::vector<std::string>> files;
+    files.reserve(work.workingNodesArray.size());
+    auto expanded = [&](const XmlNode& path) -> std::optional<std::string> {
+        const auto name = path.attribute("defName");
+        if (!name)
+            return std::nullopt;
+        return work.dirToken->expandedPath(
+            CmdInterface::JoinPath(path.attribute("dir").value_or(""), *name), work.appPath);
+    };
+    for (const XmlNode& node : work.workingNodesArray) {
+        std::vector<std::string>& entry = files.emplace_back();
+        for (const char* field : {"./DestinationPath", "./RenamePath"}) {
+            const auto nodes = node.select(field);
+            if (isSingleElementType(nodes)) {
+                if (auto path = expanded(nodes.front()))
+                    entry.push_back(std::move(*path));
+            }
+        }
+        const auto operation = SingleValue(node, "./Operation").value_or("");
+        const auto objectName = SingleValue(node, "./ObjectName");
+        if (objectName && !EqualsIgnoringCase(operation, "PATCH"))
+            entry.push_back(CmdInterface::JoinPath(work.cmdInterface->payloadDir(), *objectName));
+    }
+    return files;
 }
 
 std::string ProcessManifest::processBundleSet(WorkDictionary& work, ThreadWorker* worker) {

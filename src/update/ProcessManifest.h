@@ -72,6 +72,8 @@ public:
                              ProgressWindowController* progress, bool isRollback,
                              ThreadWorker* worker);
     std::string processFileSet(WorkDictionary& work, ThreadWorker* worker);
+    // For each file entry, the files whose checksums it is likely to ask for.
+    static std::vector<std::vector<std::string>> filesToChecksumAhead(const WorkDictionary& work);
     std::string processBundleSet(WorkDictionary& work, ThreadWorker* worker);
     std::string processDirectorySet(WorkDictionary& work, ThreadWorker* worker);
     // Replays the journal in the backup folder.

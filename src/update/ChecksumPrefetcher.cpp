@@ -1,0 +1,48 @@
+#include "update/ChecksumPrefetcher.h"
+
+#include "update/MD5cksum.h"
+
+ChecksumPrefetcher::ChecksumPrefetcher(std::vector<std::vector<std::string>> filesPerEntry)
+    : _filesPerEntry(std::move(filesPerEntry)) {
+    if (!_filesPerEntry.empty())
+        _thread = std::thread([this] { run(); });
+}
+
+ChecksumPrefetcher::~ChecksumPrefetcher() {
+    {
+        const std::lock_guard lock(_mutex);
+        _stopping = true;
+    }
+    _moved.notify_all();
+    if (_thread.joinable())
+        _thread.join();
+}
+
+void ChecksumPrefetcher::entryStarting(size_t index) {
+    {
+        const std::lock_guard lock(_mutex);
+        _current = index;
+    }
+    _moved.notify_all();
+}
+
+void ChecksumPrefetcher::run() {
+    size_t next = 0;
+    while (next < _filesPerEntry.size()) {
+        {
+            std::unique_lock lock(_mutex);
+            // An entry already running, or run, is asked for its checksums by now.
+            _moved.wait(lock, [&] { return _stopping || next < _current + kEntriesAhead; });
+            if (_stopping)
+                break;
+            next = std::max(next, _current + 1);
+        }
+        if (next >= _filesPerEntry.size())
+            break;
+        for (const auto& path : _filesPerEntry[next])
+            (void)MD5cksum::rememberChecksumOfFileAhead(path);
+        ++next;
+        ++_done;
+    }
+    MD5cksum::releaseThreadState();
+}

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+// Works out, on a thread of its own, the checksums the file set is about to ask for: those
+// of the installed files its entries back up and replace, and of the payload files they
+// copy in. The file operations run one after the other on one thread, and most of their
+// time is spent checksumming; this moves that work to another processor, a few entries
+// ahead of the one running.
+//
+// Nothing here decides anything. A checksum worked out ahead is handed to MD5cksum's memory
+// of files, which answers with it only while the file is still the one that was read (same
+// device, inode, size and times); a file an earlier entry changes, or one the prefetcher
+// guessed wrong, is simply read again when its entry asks.
+class ChecksumPrefetcher {
+public:
+    // The files of each entry, in the order the entries run. The thread starts at once.
+    explicit ChecksumPrefetcher(std::vector<std::vector<std::string>> filesPerEntry);
+    // Stops the thread without finishing the work left.
+    ~ChecksumPrefetcher();
+    ChecksumPrefetcher(const ChecksumPrefetcher&) = delete;
+    ChecksumPrefetcher& operator=(const ChecksumPrefetcher&) = delete;
+
+    // Called by the file set before it runs entry `index` (counted from 0): the prefetcher
+    // skips what is behind and stays at most kEntriesAhead entries in front, so what it
+    // remembers is still remembered when its entry comes.
+    void entryStarting(size_t index);
+
+    // Entries whose files were read ahead, for the tests.
+    size_t entriesDone() const { return _done.load(); }
+
+    static constexpr size_t kEntriesAhead = 32;
+
+private:
+    void run();
+    static void checksum(const std::string& path);
+
+    const std::vector<std::vector<std::string>> _filesPerEntry;
+    std::mutex _mutex;
+    std::condition_variable _moved;
+    size_t _current = 0; // the entry running now
+    bool _stopping = false;
+    std::atomic<size_t> _done{0};
+    std::thread _thread;
+};
