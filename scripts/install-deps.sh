@@ -9,7 +9,7 @@ packages=(
   libxml2-dev libboost-regex-dev libplist-dev libssl-dev libarchive-dev libbz2-dev
   libdivsufsort-dev libsqlite3-dev sqlite3 zlib1g-dev qt6-base-dev gettext
   libgtest-dev libgmock-dev
-  xvfb xdotool x11-apps netpbm e2fsprogs bsdiff cpio util-linux dpkg procps
+  xvfb xdotool x11-apps netpbm e2fsprogs bsdiff cpio util-linux dpkg procps rsync bc python3
 )
 
 missing=()

@@ -5,7 +5,6 @@
 #include "base/FileUtil.h"
 #include "bspatch/Bspatch.h"
 #include "run/LoggerUtility.h"
-#include "system/ExecUtils.h"
 #include "target/OrvelCodeFileHandler.h"
 #include "update/MD5cksum.h"
 #include "update/RollBackHandler.h"
