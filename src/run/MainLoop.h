@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -36,7 +37,8 @@ public:
     bool isMainThread() const override;
 
 private:
-    std::thread::id _mainThread;
+    // Set by run(), which may start after a worker thread already asks.
+    std::atomic<std::thread::id> _mainThread;
     std::mutex _mutex;
     std::condition_variable _wake;
     std::deque<std::function<void()>> _tasks;

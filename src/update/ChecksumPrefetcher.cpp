@@ -2,16 +2,24 @@
 
 #include "update/MD5cksum.h"
 
+#include <algorithm>
+#include <system_error>
+
 ChecksumPrefetcher::ChecksumPrefetcher(std::vector<std::vector<std::string>> filesPerEntry)
     : _filesPerEntry(std::move(filesPerEntry)) {
-    if (!_filesPerEntry.empty())
+    if (_filesPerEntry.empty())
+        return;
+    try {
         _thread = std::thread([this] { run(); });
+    } catch (const std::system_error&) {
+        // No thread to spare: every checksum is then taken when its entry asks for it.
+    }
 }
 
 ChecksumPrefetcher::~ChecksumPrefetcher() {
     {
         const std::lock_guard lock(_mutex);
-        _stopping = true;
+        _stop = true;
     }
     _moved.notify_all();
     if (_thread.joinable())
@@ -32,15 +40,15 @@ void ChecksumPrefetcher::run() {
         {
             std::unique_lock lock(_mutex);
             // An entry already running, or run, is asked for its checksums by now.
-            _moved.wait(lock, [&] { return _stopping || next < _current + kEntriesAhead; });
-            if (_stopping)
+            _moved.wait(lock, [&] { return _stop.load() || next < _current + kEntriesAhead; });
+            if (_stop.load())
                 break;
             next = std::max(next, _current + 1);
         }
         if (next >= _filesPerEntry.size())
             break;
         for (const auto& path : _filesPerEntry[next])
-            (void)MD5cksum::rememberChecksumOfFileAhead(path);
+            (void)MD5cksum::rememberChecksumOfFileAhead(path, _stop);
         ++next;
         ++_done;
     }

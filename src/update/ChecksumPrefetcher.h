@@ -22,7 +22,7 @@ class ChecksumPrefetcher {
 public:
     // The files of each entry, in the order the entries run. The thread starts at once.
     explicit ChecksumPrefetcher(std::vector<std::vector<std::string>> filesPerEntry);
-    // Stops the thread without finishing the work left.
+    // Stops the thread without finishing the work left, the file being read included.
     ~ChecksumPrefetcher();
     ChecksumPrefetcher(const ChecksumPrefetcher&) = delete;
     ChecksumPrefetcher& operator=(const ChecksumPrefetcher&) = delete;
@@ -44,8 +44,8 @@ private:
     const std::vector<std::vector<std::string>> _filesPerEntry;
     std::mutex _mutex;
     std::condition_variable _moved;
-    size_t _current = 0; // the entry running now
-    bool _stopping = false;
+    size_t _current = 0;            // the entry running now
+    std::atomic<bool> _stop{false}; // set under _mutex; also read while a file is read
     std::atomic<size_t> _done{0};
     std::thread _thread;
 };

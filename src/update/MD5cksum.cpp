@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <iterator>
@@ -26,11 +27,14 @@ struct DigestContextDeleter {
 };
 using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextDeleter>;
 
-// The lower-case hex MD5 of everything readable from fd; nothing on a read or digest error.
-std::optional<std::string> DigestOfDescriptor(int fd) {
+// The lower-case hex MD5 of everything readable from fd; nothing on a read or digest error,
+// or when stop is set meanwhile.
+std::optional<std::string> DigestOfDescriptor(int fd, const std::atomic<bool>* stop = nullptr) {
     MD5cksum::Stream stream;
     const auto buffer = std::make_unique_for_overwrite<unsigned char[]>(kReadSize);
     for (;;) {
+        if (stop && stop->load(std::memory_order_relaxed))
+            return std::nullopt;
         const ssize_t got = ::read(fd, buffer.get(), kReadSize);
         if (got < 0 && errno == EINTR)
             continue;
@@ -96,14 +100,18 @@ void MD5cksum::rememberChecksumOfFile(const std::string& path, const struct stat
         ForgetLocked(std::prev(gRemembered.end()));
 }
 
-bool MD5cksum::rememberChecksumOfFileAhead(const std::string& path) {
+bool MD5cksum::rememberChecksumOfFileAhead(const std::string& path, const std::atomic<bool>& stop) {
+    // Only a regular file is opened: opening a device can have effects of its own.
+    struct stat found {};
+    if (::stat(path.c_str(), &found) != 0 || !S_ISREG(found.st_mode))
+        return false;
     UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     struct stat before {};
     if (!fd.valid() || ::fstat(fd.get(), &before) != 0 || !S_ISREG(before.st_mode))
         return false;
     if (rememberedChecksumOfFile(path, before))
         return true;
-    const auto digest = DigestOfDescriptor(fd.get());
+    const auto digest = DigestOfDescriptor(fd.get(), &stop);
     struct stat after {};
     if (!digest || ::fstat(fd.get(), &after) != 0 || !sameFileState(before, after))
         return false;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -56,8 +57,9 @@ public:
                                        const std::string& digest);
 
     // Reads a regular file, remembers its checksum and logs nothing; false when it is no
-    // regular file, cannot be read, or changed while it was read. For work done ahead.
-    static bool rememberChecksumOfFileAhead(const std::string& path);
+    // regular file, cannot be read, changed while it was read, or stop was set meanwhile.
+    // For work done ahead.
+    static bool rememberChecksumOfFileAhead(const std::string& path, const std::atomic<bool>& stop);
 
     // The remembered checksum of path, when the file is still as identity (a stat or fstat
     // taken now) shows it. Logs nothing.
