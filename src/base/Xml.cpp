@@ -173,6 +173,51 @@ std::optional<std::string> XmlNode::evaluateString(const std::string& expression
     return TakeXmlChars(xmlXPathCastToString(result.get()));
 }
 
+namespace {
+
+bool IsTextNode(xmlNodePtr node) {
+    return node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE;
+}
+
+// XPath's normalize-space(.) != '': anything but space, tab, carriage return, line feed.
+bool HasVisibleText(xmlNodePtr text) {
+    for (const xmlChar* c = text->content; c && *c; ++c) {
+        if (*c != ' ' && *c != '\t' && *c != '\r' && *c != '\n')
+            return true;
+    }
+    return false;
+}
+
+void RemoveIndentationBelow(xmlNodePtr element) {
+    bool holdsElements = false;
+    bool holdsText = false;
+    for (xmlNodePtr child = element->children; child; child = child->next) {
+        if (child->type == XML_ELEMENT_NODE) {
+            holdsElements = true;
+            RemoveIndentationBelow(child);
+        } else if (IsTextNode(child) && HasVisibleText(child)) {
+            holdsText = true;
+        }
+    }
+    if (!holdsElements || holdsText)
+        return;
+    for (xmlNodePtr child = element->children; child;) {
+        xmlNodePtr next = child->next;
+        if (IsTextNode(child)) {
+            xmlUnlinkNode(child);
+            xmlFreeNode(child);
+        }
+        child = next;
+    }
+}
+
+} // namespace
+
+void XmlNode::removeIndentation() {
+    if (isElement())
+        RemoveIndentationBelow(_node);
+}
+
 std::vector<XmlNode> XmlNode::childElements() const {
     std::vector<XmlNode> children;
     if (!_node)

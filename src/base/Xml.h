@@ -56,6 +56,10 @@ public:
     void setText(const std::string& text);
     // Unlinks the node from its document and frees it; the handle becomes empty.
     void remove();
+    // Removes, in this element and every element below it, the text that only indents:
+    // the text children of an element that holds elements and no text other than white
+    // space. Text of leaf elements and mixed content stays as it is.
+    void removeIndentation();
 
     // The node serialised as XML text, formatted.
     std::string toXmlString() const;

@@ -141,6 +141,27 @@ TEST(XmlTest, CopyNodesBetweenDocumentsAndEscapeText) {
         "a < b & \"c\"");
 }
 
+TEST(XmlTest, RemoveIndentationTakesOnlyTheTextThatIndents) {
+    const std::string text = "<a>\n  <b>\n    <c> leaf text </c>\n\t<d/>\r\n  </b>\n"
+                             "  <m>mixed <e>x</e> content</m>\n  <s><![CDATA[  ]]><f/></s>\n"
+                             "  <w>   </w>\n</a>";
+    // What the same selection in XPath removes, for comparison.
+    auto reference = XmlDocument::parseMemory(text);
+    for (XmlNode& blank : XmlDocument::root(reference.document)
+                              .select("descendant-or-self::*[* and "
+                                      "not(text()[normalize-space(.) != ''])]/text()"))
+        blank.remove();
+
+    auto result = XmlDocument::parseMemory(text);
+    XmlDocument::root(result.document).removeIndentation();
+    const std::string cleaned = XmlDocument::toXmlString(result.document);
+    EXPECT_EQ(cleaned, XmlDocument::toXmlString(reference.document));
+    EXPECT_NE(cleaned.find("<c> leaf text </c>"), std::string::npos);
+    EXPECT_NE(cleaned.find("<m>mixed <e>x</e> content</m>"), std::string::npos);
+    EXPECT_NE(cleaned.find("<w>   </w>"), std::string::npos);
+    EXPECT_EQ(cleaned.find("CDATA"), std::string::npos);
+}
+
 TEST(XmlTest, SaveIsPrettyPrinted) {
     TempDir dir;
     auto doc = XmlDocument::create("Root");

@@ -71,16 +71,6 @@ bool MakeFolders(const std::string& path) {
     return true;
 }
 
-// Removes the white space that only indents elements (text of elements that hold elements
-// and no other text), so that the pretty-printed output indents old and new entries alike.
-// Text of leaf elements and mixed content is kept as it is.
-void DropIndentation(const XmlNode& root) {
-    std::vector<XmlNode> blanks =
-        root.select("descendant-or-self::*[* and not(text()[normalize-space(.) != ''])]/text()");
-    for (XmlNode& blank : blanks)
-        blank.remove();
-}
-
 } // namespace
 
 OrvelCodeFileHandler::OrvelCodeFileHandler(std::string filePath,
@@ -257,7 +247,9 @@ bool OrvelCodeFileHandler::addPatcherEntry(const std::string& manifestPath) {
     if (!patcher.addCopyOf(XmlDocument::root(manifest)))
         return false;
 
-    DropIndentation(root);
+    // Only the indentation goes, so that the pretty-printed file indents old and new
+    // entries alike.
+    root.removeIndentation();
     std::string error;
     if (!XmlDocument::save(history, ocPatchFilePath, true, &error)) {
         NSLevelledLog(0, "Failed to write Patch file %@: %@", ocPatchFilePath, error);
