@@ -7,6 +7,7 @@
 #include "run/LoggerUtility.h"
 #include "target/OrvelCodeFileHandler.h"
 #include "update/MD5cksum.h"
+#include "update/PipelinedWriter.h"
 #include "update/RollBackHandler.h"
 
 #include <cerrno>
@@ -31,6 +32,8 @@ namespace {
 
 constexpr size_t kCopyBufferSize = 256 * 1024;
 constexpr size_t kSendFileChunk = 8 * 1024 * 1024;
+// Patched files from this size on are written on a second thread.
+constexpr size_t kPipelinedPatchSize = 1024 * 1024;
 
 bool Exists(const std::string& path) {
     struct stat info {};
@@ -274,12 +277,18 @@ std::optional<std::string> ApplyPatch(std::span<const uint8_t> oldData,
         NSLevelledLog(3, "%@: cannot create %@: %s", patchTool, output, std::strerror(errno));
         return std::nullopt;
     }
+    // A large file is written and checksummed on a second thread while the patch goes on.
+    std::optional<PipelinedWriter> pipeline;
+    if (oldData.size() >= kPipelinedPatchSize)
+        pipeline.emplace(out.get());
     MD5cksum::Stream digest;
     int writeError = 0;
     std::string detail;
     BspatchResult result = ApplyBsdiffPatchToSink(
         oldData, patch.get(),
         [&](const uint8_t* data, size_t size) {
+            if (pipeline)
+                return pipeline->write(data, size);
             digest.update(data, size);
             if (WriteAll(out.get(), reinterpret_cast<const char*>(data), size))
                 return true;
@@ -287,19 +296,34 @@ std::optional<std::string> ApplyPatch(std::span<const uint8_t> oldData,
             return false;
         },
         &detail);
+    std::optional<std::string> checksum;
+    if (pipeline) {
+        const PipelinedWriter::Result written = pipeline->finish();
+        if (!written.written) {
+            writeError = written.error;
+            if (result == BspatchResult::Success) {
+                result = BspatchResult::OutputFailed;
+                detail = "the new file cannot be written";
+            }
+        }
+        checksum = written.digest;
+    } else if (result == BspatchResult::Success) {
+        checksum = digest.finish();
+    }
     if (result == BspatchResult::Success && ::close(out.release()) != 0) {
         writeError = errno;
         result = BspatchResult::OutputFailed;
     }
     if (result != BspatchResult::Success) {
+        pipeline.reset();
         out.reset();
         ::unlink(output.c_str()); // no output: the patch was not applied
         if (writeError != 0)
-            detail += std::string(": ") + std::strerror(writeError);
+            detail = std::strerror(writeError); // says more than "cannot be written"
         NSLevelledLog(3, "%@: %s: %@", patchTool, DescribeBspatchResult(result), detail);
         return std::nullopt;
     }
-    return MD5cksum::logChecksumOfFile(output, digest.finish());
+    return MD5cksum::logChecksumOfFile(output, checksum);
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <functional>
@@ -1470,6 +1471,68 @@ TEST_F(CmdInterfaceTest, ACopyKnowsTheChecksumOfBothEnds) {
     WriteTextFile(copy, kOther);
     EXPECT_EQ(MD5cksum::getMD5cksumOfFile(copy), mOther());
     EXPECT_EQ(MD5cksum::getMD5cksumOfFile(source), expected);
+}
+
+std::string Md5Of(const std::string& bytes) {
+    MD5cksum::Stream digest;
+    digest.update(bytes.data(), bytes.size());
+    return digest.finish().value();
+}
+
+// An old and a new version of a file of several megabytes, the new one changed a little.
+std::pair<std::string, std::string> LargeVersions() {
+    std::string old(3 * 1024 * 1024 + 17, '\0');
+    unsigned state = 5;
+    for (auto& c : old) {
+        state = state * 1103515245u + 12345u;
+        c = static_cast<char>(state >> 16);
+    }
+    std::string changed = old;
+    for (size_t i = 100; i < changed.size(); i += 70000)
+        changed[i] = static_cast<char>(changed[i] + 1);
+    changed.insert(1000000, "inserted");
+    return {old, changed};
+}
+
+TEST_F(CmdInterfaceTest, ALargeFileIsPatchedAndItsJournalRestoresIt) {
+    Env env;
+    const auto [old, changed] = LargeVersions();
+    env.putPatch("big.patch", old, changed);
+    env.put(env.in("big.bin"), old);
+    {
+        LogCapture log;
+        CmdInterface cmd(env.payload, env.tools, env.backup, env.options());
+        EXPECT_EQ(cmd.performFileUpdationWithInfo(
+                      Rec("PATCH", "big.patch", env.in("big.bin"), Md5Of(old), Md5Of(changed))),
+                  0)
+            << log.text();
+        EXPECT_TRUE(log.contains("Checksum of file : " + env.payload +
+                                 "/big.bin.patched is : " + Md5Of(changed)));
+    }
+    EXPECT_EQ(ReadTextFile(env.in("big.bin")), changed);
+    EXPECT_EQ(ReadTextFile(env.payload + "/big.bin.patched"), changed);
+    EXPECT_EQ(ReplayJournal(env.journal(), env.backup, env.tools), 0);
+    EXPECT_EQ(ReadTextFile(env.in("big.bin")), old);
+}
+
+TEST_F(CmdInterfaceTest, ALargePatchThatCannotBeWrittenLeavesTheFileAlone) {
+    Env env;
+    const auto [old, changed] = LargeVersions();
+    env.putPatch("big.patch", old, changed);
+    env.put(env.in("big.bin"), old);
+    LogCapture log;
+    const int status = InChildWithFileSizeLimit(1024 * 1024, [&] {
+        CmdInterface cmd(env.payload, env.tools, env.backup, env.options());
+        return cmd.performFileUpdationWithInfo(
+            Rec("PATCH", "big.patch", env.in("big.bin"), Md5Of(old), Md5Of(changed)));
+    });
+    EXPECT_EQ(status, 1);
+    EXPECT_TRUE(log.contains(env.tools +
+                             "/bspatch: the new file cannot be written: " + std::strerror(EFBIG)))
+        << log.text();
+    EXPECT_TRUE(log.contains("Unable to apply patch."));
+    EXPECT_EQ(ReadTextFile(env.in("big.bin")), old);
+    EXPECT_FALSE(FileExists(env.payload + "/big.bin.patched"));
 }
 
 TEST_F(CmdInterfaceTest, UnreadableFilesFailTheirChecksum) {
