@@ -23,8 +23,10 @@ constexpr const char* kDirectorySetClose = "  </DirectorySet>\n";
 constexpr const char* kDirectorySetEmpty = "  <DirectorySet/>\n";
 constexpr const char* kRootClose = "</Manifest>\n";
 
-// Character data as the XML writer escapes it.
-std::string EscapeText(const std::string& text) {
+// Character data, or an attribute value (quoted with '"') when inAttribute, as the XML
+// writer escapes it: in a value, quotes and the white space that attribute normalisation
+// would fold are escaped as well.
+std::string Escape(const std::string& text, bool inAttribute) {
     std::string out;
     out.reserve(text.size());
     for (char c : text) {
@@ -40,40 +42,15 @@ std::string EscapeText(const std::string& text) {
             break;
         case '\r':
             out += "&#13;";
-            break;
-        default:
-            out += c;
-        }
-    }
-    return out;
-}
-
-// An attribute value in double quotes, as the XML writer escapes it.
-std::string EscapeAttribute(const std::string& text) {
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        switch (c) {
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '&':
-            out += "&amp;";
             break;
         case '"':
-            out += "&quot;";
+            out += inAttribute ? "&quot;" : "\"";
             break;
         case '\n':
-            out += "&#10;";
-            break;
-        case '\r':
-            out += "&#13;";
+            out += inAttribute ? "&#10;" : "\n";
             break;
         case '\t':
-            out += "&#9;";
+            out += inAttribute ? "&#9;" : "\t";
             break;
         default:
             out += c;
@@ -88,12 +65,12 @@ void AddTextElement(std::string& out, int indent, const char* name, const std::s
         out += "<" + std::string(name) + "/>\n";
         return;
     }
-    out += "<" + std::string(name) + ">" + EscapeText(text) + "</" + name + ">\n";
+    out += "<" + std::string(name) + ">" + Escape(text, false) + "</" + name + ">\n";
 }
 
 void AddPathElement(std::string& out, int indent, const char* name, const std::string& dir) {
     out.append(static_cast<size_t>(indent), ' ');
-    out += "<" + std::string(name) + " defName=\"\" dir=\"" + EscapeAttribute(dir) + "\"/>\n";
+    out += "<" + std::string(name) + " defName=\"\" dir=\"" + Escape(dir, true) + "\"/>\n";
 }
 
 bool IsOverwriteFamily(const std::string& operation) {

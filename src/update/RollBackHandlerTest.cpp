@@ -207,14 +207,14 @@ TEST_F(RollBackHandlerTest, FileIsTheWellFormedPrettyPrintedManifestAfterEveryEn
                 FileOperationInfo info;
                 info.Operation = "ADD";
                 info.ObjectName = "o" + std::to_string(i);
-                info.DestinationPath = "/opt/A & B <\"quoted\">/Ünïcode " + std::to_string(i);
+                info.DestinationPath = "/opt/A & B <\"quoted\">/\tÜnïcode\r\n " + std::to_string(i);
                 info.AfterPatch = "after" + std::to_string(i);
                 ASSERT_TRUE(handler.addUndoFileCommand(info));
                 fileDestinations.push_back(info.DestinationPath);
             } else {
                 DirectoryOperationInfo info;
                 info.Operation = "ADD";
-                info.DirectoryBase = "/opt/dir & <" + std::to_string(i) + ">";
+                info.DirectoryBase = "/opt/dir & <\"\t\r\n" + std::to_string(i) + ">";
                 ASSERT_TRUE(handler.addUndoDirectoryCommand(info));
                 directoryBases.push_back(info.DirectoryBase);
             }
