@@ -99,27 +99,38 @@ int ZOTHService::GetVersionUsingPayloadID(const char* code, char* buffer) {
     return status;
 }
 
-int ZOTHService::GetTimeStamps(const char* code, int32_t* installed, int32_t* modified) {
+int ZOTHService::InstallationOf(const char* code, ZothPayloadRecord& payload,
+                                ZothCollectionID& collection) {
     EnsureSession();
     auto getPayload = Function<ZothGetPayloadFn>(ZOTH_FN_GET_PAYLOAD);
     if (!getPayload)
         return kFunctionMissing;
-    ZothPayloadRecord payload{};
     (void)getPayload(_session, code, &payload);
     auto getCollections = Function<ZothGetPayloadCollectionsFn>(ZOTH_FN_GET_PAYLOAD_COLLECTIONS);
     if (!getCollections)
         return kFunctionMissing;
     ZothCollectionID* collections = nullptr;
-    int status = getCollections(_session, ZOTH_COLLECTION_KIND_INSTALLATION, code, &collections);
+    const int status =
+        getCollections(_session, ZOTH_COLLECTION_KIND_INSTALLATION, code, &collections);
     if (status != kZothNoError)
         return status;
     if (!collections || collections[0] == 0)
         return kZothRecordNotFoundError;
+    collection = collections[0];
+    return kZothNoError;
+}
+
+int ZOTHService::GetTimeStamps(const char* code, int32_t* installed, int32_t* modified) {
+    ZothPayloadRecord payload{};
+    ZothCollectionID installation = 0;
+    int status = InstallationOf(code, payload, installation);
+    if (status != kZothNoError)
+        return status;
     auto getCollection = Function<ZothGetCollectionFn>(ZOTH_FN_GET_COLLECTION);
     if (!getCollection)
         return kFunctionMissing;
     ZothCollectionRecord collection{};
-    status = getCollection(_session, collections[0], &collection);
+    status = getCollection(_session, installation, &collection);
     if (status != kZothNoError)
         return status;
     if (installed)
@@ -131,26 +142,15 @@ int ZOTHService::GetTimeStamps(const char* code, int32_t* installed, int32_t* mo
 
 int ZOTHService::UpdateVersion(const char* code, const char* version, const char* name,
                                const char* note) {
-    EnsureSession();
-    auto getPayload = Function<ZothGetPayloadFn>(ZOTH_FN_GET_PAYLOAD);
-    if (!getPayload)
-        return kFunctionMissing;
     ZothPayloadRecord payload{};
-    (void)getPayload(_session, code, &payload);
-    auto getCollections = Function<ZothGetPayloadCollectionsFn>(ZOTH_FN_GET_PAYLOAD_COLLECTIONS);
-    if (!getCollections)
-        return kFunctionMissing;
-    ZothCollectionID* collections = nullptr;
-    int status = getCollections(_session, ZOTH_COLLECTION_KIND_INSTALLATION, code, &collections);
+    ZothCollectionID installation = 0;
+    const int status = InstallationOf(code, payload, installation);
     if (status != kZothNoError)
         return status;
-    if (!collections || collections[0] == 0)
-        return kZothRecordNotFoundError;
     auto addPayload = Function<ZothAddPayloadFn>(ZOTH_FN_ADD_PAYLOAD);
     if (!addPayload)
         return kFunctionMissing;
-    return addPayload(_session, collections[0], code, version, name, note,
-                      payload.payloadAttributes);
+    return addPayload(_session, installation, code, version, name, note, payload.payloadAttributes);
 }
 
 int ZOTHService::GetDomainData(int32_t domain, const char* code, const char* key,

@@ -75,6 +75,9 @@ public:
 private:
     template <typename Fn> Fn Function(const char* name);
     void EnsureSession();
+    // The payload record of code (left empty when the library has none) and the first
+    // installation collection that holds it; the library's status, or kFunctionMissing.
+    int InstallationOf(const char* code, ZothPayloadRecord& payload, ZothCollectionID& collection);
 
     ZothSessionRef _session = nullptr;
     bool _useCache;
