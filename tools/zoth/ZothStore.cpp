@@ -159,6 +159,17 @@ int StatusFromSqlite(int sqliteCode) {
     }
 }
 
+// Steps a query that should give a row: kZothNoError on a row, not found when there is
+// none, else the failure.
+int StepToRow(sqlite3_stmt* statement) {
+    const int rc = sqlite3_step(statement);
+    if (rc == SQLITE_ROW)
+        return kZothNoError;
+    if (rc == SQLITE_DONE)
+        return kZothRecordNotFoundError;
+    return StatusFromSqlite(rc);
+}
+
 Store::~Store() {
     if (_inTransaction)
         rollback();
@@ -346,11 +357,8 @@ int Store::payloadId(const std::string& code, int64_t& id) {
         return status;
     if (int status = BindText(statement.get(), 1, code))
         return status;
-    const int rc = sqlite3_step(statement.get());
-    if (rc == SQLITE_DONE)
-        return kZothRecordNotFoundError;
-    if (rc != SQLITE_ROW)
-        return StatusFromSqlite(rc);
+    if (int status = StepToRow(statement.get()))
+        return status;
     id = sqlite3_column_int64(statement.get(), 0);
     return kZothNoError;
 }
@@ -363,11 +371,8 @@ int Store::getPayload(const std::string& code, PayloadInfo& payload) {
         return status;
     if (int status = BindText(statement.get(), 1, code))
         return status;
-    const int rc = sqlite3_step(statement.get());
-    if (rc == SQLITE_DONE)
-        return kZothRecordNotFoundError;
-    if (rc != SQLITE_ROW)
-        return StatusFromSqlite(rc);
+    if (int status = StepToRow(statement.get()))
+        return status;
     payload.id = sqlite3_column_int64(statement.get(), 0);
     payload.code = ColumnText(statement.get(), 1);
     payload.version = ColumnText(statement.get(), 2);
@@ -409,11 +414,8 @@ int Store::getCollection(int64_t id, CollectionInfo& collection) {
                              statement))
         return status;
     sqlite3_bind_int64(statement.get(), 1, id);
-    const int rc = sqlite3_step(statement.get());
-    if (rc == SQLITE_DONE)
-        return kZothRecordNotFoundError;
-    if (rc != SQLITE_ROW)
-        return StatusFromSqlite(rc);
+    if (int status = StepToRow(statement.get()))
+        return status;
     collection.id = id;
     collection.kind = sqlite3_column_int(statement.get(), 0);
     collection.installed = sqlite3_column_int64(statement.get(), 1);
@@ -434,11 +436,8 @@ int Store::getData(const std::string& code, int32_t domain, const std::string& k
     sqlite3_bind_int(statement.get(), 2, domain);
     if (int status = BindText(statement.get(), 3, key))
         return status;
-    const int rc = sqlite3_step(statement.get());
-    if (rc == SQLITE_DONE)
-        return kZothRecordNotFoundError;
-    if (rc != SQLITE_ROW)
-        return StatusFromSqlite(rc);
+    if (int status = StepToRow(statement.get()))
+        return status;
     value = ColumnText(statement.get(), 0);
     return kZothNoError;
 }
