@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <fcntl.h>
-#include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,14 +25,6 @@ protected:
 
     TempDir _dir;
 };
-
-std::string RandomText(size_t size, unsigned seed) {
-    std::mt19937 random(seed);
-    std::string text(size, '\0');
-    for (auto& c : text)
-        c = static_cast<char>(random());
-    return text;
-}
 
 TEST_F(MD5cksumTest, MatchesMd5sumForFilesOfEverySize) {
     const std::vector<std::pair<std::string, std::string>> files = {

@@ -11,21 +11,12 @@
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string RandomText(size_t size, unsigned seed) {
-    std::mt19937 random(seed);
-    std::string text(size, '\0');
-    for (auto& c : text)
-        c = static_cast<char>(random());
-    return text;
-}
 
 void SetTimes(const std::string& path, time_t seconds) {
     const struct timespec times[2] = {{seconds, 0}, {seconds, 0}};

@@ -5,18 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <random>
 #include <unistd.h>
 
 namespace {
-
-std::string Bytes(size_t size, unsigned seed) {
-    std::mt19937 random(seed);
-    std::string bytes(size, '\0');
-    for (auto& c : bytes)
-        c = static_cast<char>(random());
-    return bytes;
-}
 
 std::string Md5(const std::string& bytes) {
     MD5cksum::Stream digest;
@@ -43,7 +34,7 @@ TEST(PipelinedWriterTest, WritesEveryByteInOrderAndChecksumsThem) {
     for (const size_t size :
          {size_t{0}, size_t{1}, buffer - 1, buffer, buffer + 1, all, all + 7, 3 * all + 5}) {
         SCOPED_TRACE(size);
-        const std::string bytes = Bytes(size, static_cast<unsigned>(size));
+        const std::string bytes = RandomText(size, static_cast<unsigned>(size));
         const std::string path = dir.file("out" + std::to_string(size));
         const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         ASSERT_GE(fd, 0);
@@ -69,7 +60,7 @@ TEST(PipelinedWriterTest, AFailedWriteIsReportedWithItsError) {
     PipelinedWriter writer(fd);
     // The writer learns of the failure a buffer later; sooner or later write() refuses.
     const std::string bytes =
-        Bytes(4 * PipelinedWriter::kBuffers * PipelinedWriter::kBufferSize, 7);
+        RandomText(4 * PipelinedWriter::kBuffers * PipelinedWriter::kBufferSize, 7);
     EXPECT_FALSE(WriteInPieces(writer, bytes));
     const PipelinedWriter::Result result = writer.finish();
     ::close(fd);
@@ -83,7 +74,7 @@ TEST(PipelinedWriterTest, LeftUnfinishedItStopsAndWritesNoMore) {
     const std::string path = dir.file("abandoned");
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     ASSERT_GE(fd, 0);
-    const std::string bytes = Bytes(PipelinedWriter::kBufferSize / 2, 9);
+    const std::string bytes = RandomText(PipelinedWriter::kBufferSize / 2, 9);
     {
         PipelinedWriter writer(fd);
         ASSERT_TRUE(WriteInPieces(writer, bytes));

@@ -7,6 +7,8 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <random>
+#include <random>
 #include <regex>
 #include <sched.h>
 #include <sstream>
@@ -36,6 +38,14 @@ void WriteTextFile(const std::string& path, const std::string& text) {
     out << text;
     if (!out)
         throw std::runtime_error("cannot write " + path);
+}
+
+std::string RandomText(size_t size, unsigned seed) {
+    std::mt19937 random(seed);
+    std::string text(size, '\0');
+    for (auto& c : text)
+        c = static_cast<char>(random());
+    return text;
 }
 
 std::string ReadTextFile(const std::string& path) {

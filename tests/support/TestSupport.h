@@ -22,6 +22,8 @@ private:
 
 void WriteTextFile(const std::string& path, const std::string& text);
 std::string ReadTextFile(const std::string& path);
+// size bytes of every value, the same for the same seed.
+std::string RandomText(size_t size, unsigned seed);
 bool FileExists(const std::string& path);
 void RemoveTree(const std::string& path);
 
