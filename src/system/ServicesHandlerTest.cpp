@@ -655,6 +655,12 @@ TEST_F(ServicesSysVInNamespace, DISABLED_LaunchctlCommandOnTheMachine) {
     // removes the pid file, so there is nothing to wait for.
     EXPECT_EQ(launchctlCommand("orvelsvca", "stop"), 0);
     EXPECT_LT(std::chrono::duration<double>(Clock::now() - begin).count(), 10.0);
+    // start-stop-daemon counts the daemon gone once its program is unmapped, a moment
+    // before the process has finished exiting.
+    for (int i = 0; i < 250 && IsProcessRunning(old) != 0; ++i) {
+        ReapChildren();
+        ::usleep(20000);
+    }
     EXPECT_EQ(IsProcessRunning(old), 0);
     // A script that refuses the command gives its status.
     EXPECT_EQ(launchctlCommand("orvelsvca", "reload"), 3);
