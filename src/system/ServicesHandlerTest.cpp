@@ -503,6 +503,17 @@ void ReapChildren() {
     }
 }
 
+// Whether a stopped daemon has gone, allowing it a few seconds to finish: start-stop-daemon
+// counts a daemon gone once its program is unmapped, a moment before the process has
+// finished exiting.
+bool HasEnded(pid_t pid) {
+    for (int i = 0; i < 250 && IsProcessRunning(pid) != 0; ++i) {
+        ReapChildren();
+        ::usleep(20000);
+    }
+    return IsProcessRunning(pid) == 0;
+}
+
 class ServicesSysVInNamespace : public testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -596,8 +607,8 @@ TEST_F(ServicesSysVInNamespace, DISABLED_StopsAndRestartsInTheOrderAThenB) {
         handler->loadedServices().end());
     handler->stopServices();
     EXPECT_EQ(Operations(), "stop orvelsvca\nstop orvelsvcb\n");
-    EXPECT_EQ(IsProcessRunning(oldA), 0);
-    EXPECT_EQ(IsProcessRunning(oldB), 0);
+    EXPECT_TRUE(HasEnded(oldA));
+    EXPECT_TRUE(HasEnded(oldB));
     EXPECT_EQ(handler->restartServices(), (std::vector<std::string>{"orvelsvca", "orvelsvcb"}));
     handler->startServices();
     EXPECT_EQ(Operations(), "stop orvelsvca\nstop orvelsvcb\nstart orvelsvca\nstart orvelsvcb\n");
@@ -612,7 +623,7 @@ TEST_F(ServicesSysVInNamespace, DISABLED_StopInCapitalsIsLeftStopped) {
     ::unlink(kOperationsLog);
     auto handler = MakeHandler({{"orvelsvcc", "[InitScripts]/orvelsvcc", "STOP", ""}});
     handler->stopServices();
-    EXPECT_EQ(IsProcessRunning(old), 0);
+    EXPECT_TRUE(HasEnded(old));
     handler->startServices();
     EXPECT_EQ(Operations(), "stop orvelsvcc\n");
     EXPECT_EQ(PidOf("orvelsvcc"), 0);
@@ -655,13 +666,7 @@ TEST_F(ServicesSysVInNamespace, DISABLED_LaunchctlCommandOnTheMachine) {
     // removes the pid file, so there is nothing to wait for.
     EXPECT_EQ(launchctlCommand("orvelsvca", "stop"), 0);
     EXPECT_LT(std::chrono::duration<double>(Clock::now() - begin).count(), 10.0);
-    // start-stop-daemon counts the daemon gone once its program is unmapped, a moment
-    // before the process has finished exiting.
-    for (int i = 0; i < 250 && IsProcessRunning(old) != 0; ++i) {
-        ReapChildren();
-        ::usleep(20000);
-    }
-    EXPECT_EQ(IsProcessRunning(old), 0);
+    EXPECT_TRUE(HasEnded(old));
     // A script that refuses the command gives its status.
     EXPECT_EQ(launchctlCommand("orvelsvca", "reload"), 3);
     EXPECT_EQ(launchctlCommand("no-such-service", "stop"), 1);
