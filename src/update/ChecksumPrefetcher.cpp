@@ -1,5 +1,6 @@
 #include "update/ChecksumPrefetcher.h"
 
+#include "base/Md5.h"
 #include "update/MD5cksum.h"
 
 #include <algorithm>
@@ -52,5 +53,5 @@ void ChecksumPrefetcher::run() {
         ++next;
         ++_done;
     }
-    MD5cksum::releaseThreadState();
+    Md5ReleaseThreadState();
 }

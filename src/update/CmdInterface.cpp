@@ -3,6 +3,7 @@
 #include "run/CommonUtility.h"
 
 #include "base/FileUtil.h"
+#include "base/Md5.h"
 #include "bspatch/Bspatch.h"
 #include "run/LoggerUtility.h"
 #include "target/OrvelCodeFileHandler.h"
@@ -178,7 +179,7 @@ bool SendFileData(int in, int out) {
 }
 
 // Copies what is left of in to out through memory, handing every piece to digest if given.
-bool CopyData(int in, int out, MD5cksum::Stream* digest) {
+bool CopyData(int in, int out, Md5Stream* digest) {
     const auto buffer = std::make_unique_for_overwrite<char[]>(kCopyBufferSize);
     for (;;) {
         const ssize_t got = ::read(in, buffer.get(), kCopyBufferSize);
@@ -213,7 +214,7 @@ bool CopyRegularFile(const std::string& source, const std::string& destination,
     // Both ends hold the bytes copied, so their checksum is known while neither changes:
     // taken from the source when it is known already, else computed on the way.
     std::optional<std::string> known;
-    std::optional<MD5cksum::Stream> digest;
+    std::optional<Md5Stream> digest;
     struct stat opened {};
     if (rememberChecksum && ::fstat(in.get(), &opened) == 0 &&
         MD5cksum::sameFileState(sourceInfo, opened))
@@ -281,7 +282,7 @@ std::optional<std::string> ApplyPatch(std::span<const uint8_t> oldData,
     std::optional<PipelinedWriter> pipeline;
     if (oldData.size() >= kPipelinedPatchSize)
         pipeline.emplace(out.get());
-    MD5cksum::Stream digest;
+    Md5Stream digest;
     int writeError = 0;
     std::string detail;
     BspatchResult result = ApplyBsdiffPatchToSink(

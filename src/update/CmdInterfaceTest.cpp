@@ -2,6 +2,7 @@
 
 #include "CmdInterfaceTestSupport.h"
 #include "TestSupport.h"
+#include "base/Md5.h"
 #include "run/Environment.h"
 #include "update/RollBackHandler.h"
 
@@ -31,15 +32,15 @@ const std::string kOther = "contents nobody expects\n";
 const std::string X = kAbsentMarker;
 
 const std::string& mOld() {
-    static const std::string value = Md5OfText(kOld);
+    static const std::string value = Md5OfBytes(kOld);
     return value;
 }
 const std::string& mNew() {
-    static const std::string value = Md5OfText(kNew);
+    static const std::string value = Md5OfBytes(kNew);
     return value;
 }
 const std::string& mOther() {
-    static const std::string value = Md5OfText(kOther);
+    static const std::string value = Md5OfBytes(kOther);
     return value;
 }
 
@@ -1473,12 +1474,6 @@ TEST_F(CmdInterfaceTest, ACopyKnowsTheChecksumOfBothEnds) {
     EXPECT_EQ(MD5cksum::getMD5cksumOfFile(source), expected);
 }
 
-std::string Md5Of(const std::string& bytes) {
-    MD5cksum::Stream digest;
-    digest.update(bytes.data(), bytes.size());
-    return digest.finish().value();
-}
-
 // An old and a new version of a file of several megabytes, the new one changed a little.
 std::pair<std::string, std::string> LargeVersions() {
     std::string old(3 * 1024 * 1024 + 17, '\0');
@@ -1502,12 +1497,12 @@ TEST_F(CmdInterfaceTest, ALargeFileIsPatchedAndItsJournalRestoresIt) {
     {
         LogCapture log;
         CmdInterface cmd(env.payload, env.tools, env.backup, env.options());
-        EXPECT_EQ(cmd.performFileUpdationWithInfo(
-                      Rec("PATCH", "big.patch", env.in("big.bin"), Md5Of(old), Md5Of(changed))),
+        EXPECT_EQ(cmd.performFileUpdationWithInfo(Rec("PATCH", "big.patch", env.in("big.bin"),
+                                                      Md5OfBytes(old), Md5OfBytes(changed))),
                   0)
             << log.text();
         EXPECT_TRUE(log.contains("Checksum of file : " + env.payload +
-                                 "/big.bin.patched is : " + Md5Of(changed)));
+                                 "/big.bin.patched is : " + Md5OfBytes(changed)));
     }
     EXPECT_EQ(ReadTextFile(env.in("big.bin")), changed);
     EXPECT_EQ(ReadTextFile(env.payload + "/big.bin.patched"), changed);
@@ -1524,7 +1519,7 @@ TEST_F(CmdInterfaceTest, ALargePatchThatCannotBeWrittenLeavesTheFileAlone) {
     const int status = InChildWithFileSizeLimit(1024 * 1024, [&] {
         CmdInterface cmd(env.payload, env.tools, env.backup, env.options());
         return cmd.performFileUpdationWithInfo(
-            Rec("PATCH", "big.patch", env.in("big.bin"), Md5Of(old), Md5Of(changed)));
+            Rec("PATCH", "big.patch", env.in("big.bin"), Md5OfBytes(old), Md5OfBytes(changed)));
     });
     EXPECT_EQ(status, 1);
     EXPECT_TRUE(log.contains(env.tools +

@@ -9,6 +9,7 @@
 #include "update/MD5cksum.h"
 
 #include "TestSupport.h"
+#include "base/Md5.h"
 
 #include <cstdint>
 #include <dirent.h>
@@ -61,12 +62,6 @@ inline std::map<std::string, std::string> Snapshot(const std::string& root) {
 }
 
 // The MD5 hex text of a text, through the checksum class itself.
-inline std::string Md5OfText(const std::string& text) {
-    TempDir dir;
-    WriteTextFile(dir.file("t"), text);
-    return MD5cksum::getMD5cksumOfFile(dir.file("t")).value_or("");
-}
-
 inline mode_t ModeOf(const std::string& path) {
     struct stat info {};
     return ::lstat(path.c_str(), &info) == 0 ? (info.st_mode & 07777) : 0;

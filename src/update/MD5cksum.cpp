@@ -1,51 +1,19 @@
 #include "update/MD5cksum.h"
 
 #include "base/FileUtil.h"
+#include "base/Md5.h"
 #include "run/LoggerUtility.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <cerrno>
 #include <fcntl.h>
 #include <iterator>
 #include <list>
-#include <memory>
 #include <mutex>
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <unordered_map>
 
 namespace {
-
-constexpr size_t kReadSize = 256 * 1024;
-
-struct DigestContextDeleter {
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextDeleter>;
-
-// The lower-case hex MD5 of everything readable from fd; nothing on a read or digest error,
-// or when stop is set meanwhile.
-std::optional<std::string> DigestOfDescriptor(int fd, const std::atomic<bool>* stop = nullptr) {
-    MD5cksum::Stream stream;
-    const auto buffer = std::make_unique_for_overwrite<unsigned char[]>(kReadSize);
-    for (;;) {
-        if (stop && stop->load(std::memory_order_relaxed))
-            return std::nullopt;
-        const ssize_t got = ::read(fd, buffer.get(), kReadSize);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return std::nullopt;
-        if (got == 0)
-            break;
-        stream.update(buffer.get(), static_cast<size_t>(got));
-    }
-    return stream.finish();
-}
 
 bool SameTime(const timespec& a, const timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -111,47 +79,12 @@ bool MD5cksum::rememberChecksumOfFileAhead(const std::string& path, const std::a
         return false;
     if (rememberedChecksumOfFile(path, before))
         return true;
-    const auto digest = DigestOfDescriptor(fd.get(), &stop);
+    const auto digest = Md5OfDescriptor(fd.get(), &stop);
     struct stat after {};
     if (!digest || ::fstat(fd.get(), &after) != 0 || !sameFileState(before, after))
         return false;
     rememberChecksumOfFile(path, after, *digest);
     return true;
-}
-
-struct MD5cksum::Stream::Context {
-    DigestContext digest{EVP_MD_CTX_new()};
-    bool failed = false;
-};
-
-MD5cksum::Stream::Stream() : _context(std::make_unique<Context>()) {
-    _context->failed =
-        !_context->digest || EVP_DigestInit_ex(_context->digest.get(), EVP_md5(), nullptr) != 1;
-}
-
-MD5cksum::Stream::~Stream() = default;
-
-void MD5cksum::Stream::update(const void* data, size_t size) {
-    if (!_context->failed && size > 0)
-        _context->failed = EVP_DigestUpdate(_context->digest.get(), data, size) != 1;
-}
-
-std::optional<std::string> MD5cksum::Stream::finish() {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    if (_context->failed || EVP_DigestFinal_ex(_context->digest.get(), digest, &length) != 1) {
-        _context->failed = true;
-        return std::nullopt;
-    }
-    _context->failed = true; // finished: later updates are refused
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(2 * length);
-    for (unsigned int i = 0; i < length; ++i) {
-        text += kHex[digest[i] >> 4];
-        text += kHex[digest[i] & 0x0F];
-    }
-    return text;
 }
 
 std::optional<std::string> MD5cksum::logChecksumOfFile(const std::string& path,
@@ -176,19 +109,5 @@ std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::
     }
     if (auto remembered = rememberedChecksumOfFile(*path, info))
         return logChecksumOfFile(*path, remembered);
-    // Opened without blocking so that a FIFO without a writer cannot hold up the run.
-    UniqueFd fd(::open(path->c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-    std::optional<std::string> digest;
-    if (fd.valid()) {
-        const int flags = ::fcntl(fd.get(), F_GETFL);
-        if (flags >= 0 && ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) == 0) {
-            ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-            digest = DigestOfDescriptor(fd.get());
-        }
-    }
-    return logChecksumOfFile(*path, digest);
-}
-
-void MD5cksum::releaseThreadState() {
-    OPENSSL_thread_stop();
+    return logChecksumOfFile(*path, Md5OfFile(*path));
 }

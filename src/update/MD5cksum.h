@@ -2,13 +2,13 @@
 
 #include <atomic>
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
 
-// MD5 checksums of files, as the file operations compare them: lower-case hexadecimal text,
-// the same as `openssl dgst -md5` and `md5sum` print.
+// MD5 checksums of files as the file operations ask for them: logged, and answered from
+// memory for files whose bytes just passed through this process (the digest itself is
+// base/Md5.h).
 class MD5cksum {
 public:
     // The digest of the file at path (symbolic links followed), read in fixed-size pieces so
@@ -17,29 +17,6 @@ public:
     // cannot be read to its end ("Failed to get file check sum", level 0).
     [[nodiscard]] static std::optional<std::string>
     getMD5cksumOfFile(const std::optional<std::string>& path);
-    // Frees what the digest library keeps for the calling thread. A thread that computed
-    // checksums calls it before it ends: a detached thread may still be ending when the
-    // process exits, and what it holds then counts as leaked.
-    static void releaseThreadState();
-
-    // The digest of bytes the caller holds or streams, given piece by piece. Used where a
-    // file's bytes pass through memory anyway (a copy, a patch), so that they are not read
-    // a second time only to be checksummed.
-    class Stream {
-    public:
-        Stream();
-        ~Stream();
-        Stream(const Stream&) = delete;
-        Stream& operator=(const Stream&) = delete;
-        void update(const void* data, size_t size);
-        // The lower-case hex digest of everything given; nothing when the digest library
-        // failed at any point. The stream cannot be used afterwards.
-        [[nodiscard]] std::optional<std::string> finish();
-
-    private:
-        struct Context;
-        std::unique_ptr<Context> _context;
-    };
 
     // Remembers the checksum of a regular file whose bytes this process has just read or
     // written whole (a copy, a patch output); identity is the file's fstat taken after the
@@ -48,10 +25,6 @@ public:
     // recorded: any write, truncation, replacement or mode change gives up the memory. Only
     // the last few dozen files are kept: those of the running file operation and its journal
     // entry, and those worked out ahead of it (ChecksumPrefetcher).
-    // True when two fstat/stat results show the same file with the same contents as far as
-    // the file system tells: device, inode, size, modification and change times.
-    [[nodiscard]] static bool sameFileState(const struct stat& a, const struct stat& b);
-
     static constexpr size_t kRememberedFiles = 256;
     static void rememberChecksumOfFile(const std::string& path, const struct stat& identity,
                                        const std::string& digest);
@@ -65,6 +38,10 @@ public:
     // taken now) shows it. Logs nothing.
     [[nodiscard]] static std::optional<std::string>
     rememberedChecksumOfFile(const std::string& path, const struct stat& identity);
+
+    // True when two fstat/stat results show the same file with the same contents as far as
+    // the file system tells: device, inode, size, modification and change times.
+    [[nodiscard]] static bool sameFileState(const struct stat& a, const struct stat& b);
 
     // Logs a file's checksum computed from its bytes in memory with the same line, or the
     // same failure, as getMD5cksumOfFile, and passes the checksum on.

@@ -53,27 +53,6 @@ TEST_F(MD5cksumTest, MatchesMd5sumForFilesOfEverySize) {
     EXPECT_EQ(*MD5cksum::getMD5cksumOfFile(_dir.file("empty")), "d41d8cd98f00b204e9800998ecf8427e");
 }
 
-TEST_F(MD5cksumTest, AStreamInPiecesGivesTheFilesChecksum) {
-    const std::string content = RandomText(3 * 1024 * 1024 + 7, 4);
-    const std::string path = _dir.file("streamed");
-    WriteTextFile(path, content);
-    MD5cksum::Stream stream;
-    // Pieces of every awkward size, including empty ones.
-    size_t at = 0;
-    for (size_t piece = 0; at < content.size(); piece = (piece * 7 + 13) % 100000) {
-        const size_t size = std::min(piece, content.size() - at);
-        stream.update(content.data() + at, size);
-        at += size;
-    }
-    const auto digest = stream.finish();
-    ASSERT_TRUE(digest);
-    EXPECT_EQ(*digest, Md5sum(path));
-    EXPECT_EQ(stream.finish(), std::nullopt) << "a finished stream gives nothing more";
-
-    MD5cksum::Stream empty;
-    EXPECT_EQ(empty.finish(), "d41d8cd98f00b204e9800998ecf8427e");
-}
-
 TEST_F(MD5cksumTest, AChecksumFromMemoryIsLoggedAsAFilesChecksum) {
     LogCapture log;
     EXPECT_EQ(MD5cksum::logChecksumOfFile("/opt/a file", "0123"), "0123");

@@ -88,7 +88,7 @@ void PipelinedWriter::run() {
         if (_failed)
             break;
     }
-    MD5cksum::releaseThreadState();
+    Md5ReleaseThreadState();
 }
 
 PipelinedWriter::Result PipelinedWriter::finish() {

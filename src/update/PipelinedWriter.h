@@ -1,6 +1,6 @@
 #pragma once
 
-#include "update/MD5cksum.h"
+#include "base/Md5.h"
 
 #include <condition_variable>
 #include <cstddef>
@@ -51,7 +51,7 @@ private:
     void publish(); // hands the buffer being filled to the writer
 
     const int _fd;
-    MD5cksum::Stream _digest;
+    Md5Stream _digest;
     std::vector<Buffer> _buffers;
     size_t _filling = 0; // the buffer the producer fills
     std::mutex _mutex;

@@ -1,6 +1,7 @@
 #include "update/PipelinedWriter.h"
 
 #include "TestSupport.h"
+#include "base/Md5.h"
 
 #include <gtest/gtest.h>
 
@@ -8,12 +9,6 @@
 #include <unistd.h>
 
 namespace {
-
-std::string Md5(const std::string& bytes) {
-    MD5cksum::Stream digest;
-    digest.update(bytes.data(), bytes.size());
-    return digest.finish().value();
-}
 
 // Gives the bytes to the writer in pieces of changing sizes, some empty.
 bool WriteInPieces(PipelinedWriter& writer, const std::string& bytes) {
@@ -49,7 +44,7 @@ TEST(PipelinedWriterTest, WritesEveryByteInOrderAndChecksumsThem) {
         ::close(fd);
         EXPECT_TRUE(result.written);
         EXPECT_EQ(result.error, 0);
-        EXPECT_EQ(result.digest, Md5(bytes));
+        EXPECT_EQ(result.digest, Md5OfBytes(bytes));
         EXPECT_EQ(ReadTextFile(path), bytes);
     }
 }

@@ -1,5 +1,6 @@
 #include "update/ProcessManifest.h"
 
+#include "base/Md5.h"
 #include "base/PropertyList.h"
 #include "base/StringTable.h"
 #include "run/CommonUtility.h"
@@ -162,7 +163,7 @@ bool ProcessManifest::performAction(ProgressWindowController* progress) {
             auto dictionary = std::any_cast<std::shared_ptr<WorkDictionary>>(argument);
             std::any result = performUpdate(*dictionary, &worker);
             // The rest of the run (rollback included) is on the main thread.
-            MD5cksum::releaseThreadState();
+            Md5ReleaseThreadState();
             return result;
         },
         work,

@@ -84,7 +84,7 @@ TEST_F(RollBackHandlerTest, InverseKeywordTable) {
         {"SOMETHING", Backup::None, false, kUnknown},
     };
     const std::string backupText = "the installed file\n";
-    const std::string backupChecksum = Md5OfText(backupText);
+    const std::string backupChecksum = Md5OfBytes(backupText);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.forward + " backup " + std::to_string(static_cast<int>(c.backup)));
         TempDir dir;

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <openssl/evp.h>
 #include <sstream>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -262,20 +261,6 @@ bool WaitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds
     return true;
 }
 
-std::string Md5OfFile(const std::string& path) {
-    const std::string data = ReadTextFile(path);
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_Digest(data.data(), data.size(), digest, &length, EVP_md5(), nullptr);
-    static const char* hex = "0123456789abcdef";
-    std::string text;
-    for (unsigned int i = 0; i < length; ++i) {
-        text += hex[digest[i] >> 4];
-        text += hex[digest[i] & 15];
-    }
-    return text;
-}
-
 std::map<std::string, std::string> Snapshot(const std::string& root) {
     std::map<std::string, std::string> tree;
     for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
@@ -289,7 +274,7 @@ std::map<std::string, std::string> Snapshot(const std::string& root) {
         else if (it->is_directory())
             tree[relative] = "dir:" + mode;
         else
-            tree[relative] = "file:" + Md5OfFile(it->path().string()) + ":" + mode;
+            tree[relative] = "file:" + Md5OfFile(it->path().string()).value_or("") + ":" + mode;
     }
     return tree;
 }
@@ -358,14 +343,14 @@ std::vector<FileEntry> Scenario::updateEntries() {
               0)
         << output;
 
-    md5 = {{"new", Md5OfFile(payload + "/new.txt")},
-           {"keep1", Md5OfFile(contents + "/Resources/keep.txt")},
-           {"keep2", Md5OfFile(payload + "/keep.txt")},
-           {"editor1", Md5OfFile(contents + "/MacOS/Editor")},
-           {"editor2", Md5OfFile(work + "/Editor.new")},
-           {"rename", Md5OfFile(contents + "/Resources/rename-me.txt")},
-           {"plist1", Md5OfFile(contents + "/Info.plist")},
-           {"plist2", Md5OfFile(payload + "/Info.plist")}};
+    md5 = {{"new", Md5OfFile(payload + "/new.txt").value_or("")},
+           {"keep1", Md5OfFile(contents + "/Resources/keep.txt").value_or("")},
+           {"keep2", Md5OfFile(payload + "/keep.txt").value_or("")},
+           {"editor1", Md5OfFile(contents + "/MacOS/Editor").value_or("")},
+           {"editor2", Md5OfFile(work + "/Editor.new").value_or("")},
+           {"rename", Md5OfFile(contents + "/Resources/rename-me.txt").value_or("")},
+           {"plist1", Md5OfFile(contents + "/Info.plist").value_or("")},
+           {"plist2", Md5OfFile(payload + "/Info.plist").value_or("")}};
     const std::string res = "[INSTALLDIR]/Editor.app/Contents/Resources";
     const std::string top = "[INSTALLDIR]/Editor.app/Contents";
     return {

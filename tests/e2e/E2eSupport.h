@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ManifestText.h"
+#include "base/Md5.h"
 
 // The end-to-end tests' world: a private copy of the machine's system folders, an installed
 // application of the product family registered in the real installation database, patcher
@@ -71,8 +72,6 @@ bool WaitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds
 // Every entry below the root: relative path -> "file:<md5>:<mode>", "link:<target>" or
 // "dir:<mode>".
 std::map<std::string, std::string> Snapshot(const std::string& root);
-
-std::string Md5OfFile(const std::string& path);
 
 // The product family's editor installed at /opt/Orvel/Suite/Editor.app, its update from 1.0
 // to 2.0, and everything needed to build the patcher for it and run it.

@@ -3,10 +3,9 @@
 #include "Bsdiff.h"
 #include "BundleAssembler.h"
 #include "base/FileUtil.h"
+#include "base/Md5.h"
 #include "base/PropertyList.h"
 #include "base/Xml.h"
-
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -83,56 +82,6 @@ bool ScanTree(const std::string& root, Tree* tree, std::string* error) {
         return false;
     }
     return true;
-}
-
-struct EvpFree {
-    void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
-};
-
-// The MD5 of a file (links followed) in lower-case hexadecimal, as the patcher compares it.
-std::optional<std::string> Md5OfFile(const std::string& path) {
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd.valid())
-        return std::nullopt;
-    std::unique_ptr<EVP_MD_CTX, EvpFree> ctx(EVP_MD_CTX_new());
-    if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_md5(), nullptr) != 1)
-        return std::nullopt;
-    std::vector<char> buffer(1 << 20);
-    for (;;) {
-        const ssize_t n = ::read(fd.get(), buffer.data(), buffer.size());
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return std::nullopt;
-        if (n == 0)
-            break;
-        if (EVP_DigestUpdate(ctx.get(), buffer.data(), static_cast<size_t>(n)) != 1)
-            return std::nullopt;
-    }
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned length = 0;
-    if (EVP_DigestFinal_ex(ctx.get(), digest, &length) != 1)
-        return std::nullopt;
-    static const char* kHex = "0123456789abcdef";
-    std::string text;
-    for (unsigned i = 0; i < length; ++i) {
-        text += kHex[digest[i] >> 4];
-        text += kHex[digest[i] & 15];
-    }
-    return text;
-}
-
-std::string Md5OfText(const std::string& text) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned length = 0;
-    EVP_Digest(text.data(), text.size(), digest, &length, EVP_md5(), nullptr);
-    static const char* kHex = "0123456789abcdef";
-    std::string hex;
-    for (unsigned i = 0; i < length; ++i) {
-        hex += kHex[digest[i] >> 4];
-        hex += kHex[digest[i] & 15];
-    }
-    return hex;
 }
 
 std::string Octal(unsigned mode) {
@@ -462,7 +411,7 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
         } else {
             op.operation = "REMOVELINK";
             op.objectName = objectName('l', relative);
-            op.before = op.after = Md5OfText(entry.target);
+            op.before = op.after = Md5OfBytes(entry.target);
             ++result.linksRemoved;
         }
         removals.push_back(op);
@@ -494,11 +443,11 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
             FileOp op{"CREATELINK", objectName('l', relative), relative, "", "", entry.target, {}};
             // What the link shows in the new version, so that undoing a file replaced by this
             // link can check what it is undoing.
-            op.after = Md5OfFile(newPath).value_or(Md5OfText(entry.target));
+            op.after = Md5OfFile(newPath).value_or(Md5OfBytes(entry.target));
             op.before =
                 old && old->kind == TreeEntry::File
                     ? Md5OfFile(oldPath).value_or(op.after)
-                    : (old && old->kind == TreeEntry::Link ? Md5OfText(old->target) : op.after);
+                    : (old && old->kind == TreeEntry::Link ? Md5OfBytes(old->target) : op.after);
             if (old && old->kind == TreeEntry::File)
                 backupBytes += old->size;
             changes.push_back(op);
