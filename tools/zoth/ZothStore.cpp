@@ -351,6 +351,15 @@ template <typename Body> int Store::writing(Body body) {
     return status;
 }
 
+template <typename Body> int Store::writingPayload(const std::string& code, Body body) {
+    return writing([&]() -> int {
+        int64_t id = 0;
+        if (int status = payloadId(code, id))
+            return status;
+        return body(id);
+    });
+}
+
 int Store::payloadId(const std::string& code, int64_t& id) {
     Statement statement;
     if (int status = Prepare(_db, "SELECT id FROM payload WHERE code = ?1", statement))
@@ -587,10 +596,7 @@ int Store::setData(const std::string& code, int32_t domain, const std::string& k
                    const std::string& value) {
     if (key.empty())
         return kZothParameterError;
-    return writing([&]() -> int {
-        int64_t id = 0;
-        if (int status = payloadId(code, id))
-            return status;
+    return writingPayload(code, [&](int64_t id) -> int {
         Statement statement;
         if (int status = Prepare(_db,
                                  "INSERT INTO domain_data(payload, domain, key, value)"
@@ -609,10 +615,7 @@ int Store::setData(const std::string& code, int32_t domain, const std::string& k
 int Store::setVersion(const std::string& code, const std::string& version) {
     if (!ValidVersion(version))
         return kZothParameterError;
-    return writing([&]() -> int {
-        int64_t id = 0;
-        if (int status = payloadId(code, id))
-            return status;
+    return writingPayload(code, [&](int64_t id) -> int {
         Statement statement;
         if (int status = Prepare(_db, "UPDATE payload SET version = ?1 WHERE id = ?2", statement))
             return status;
@@ -624,10 +627,7 @@ int Store::setVersion(const std::string& code, const std::string& version) {
 
 int Store::setTimes(const std::string& code, std::optional<int64_t> installed,
                     std::optional<int64_t> modified) {
-    return writing([&]() -> int {
-        int64_t id = 0;
-        if (int status = payloadId(code, id))
-            return status;
+    return writingPayload(code, [&](int64_t id) -> int {
         Statement statement;
         if (int status = Prepare(_db,
                                  "UPDATE collection SET installed = coalesce(?1, installed),"
@@ -649,10 +649,7 @@ int Store::setTimes(const std::string& code, std::optional<int64_t> installed,
 }
 
 int Store::removePayload(const std::string& code) {
-    return writing([&]() -> int {
-        int64_t id = 0;
-        if (int status = payloadId(code, id))
-            return status;
+    return writingPayload(code, [&](int64_t id) -> int {
         Statement statement;
         if (int status = Prepare(_db, "DELETE FROM payload WHERE id = ?1", statement))
             return status;

@@ -130,6 +130,9 @@ private:
     [[nodiscard]] int exec(const char* sql);
     // Runs body inside the open transaction, or inside a new one committed on success.
     template <typename Body> int writing(Body body);
+    // As writing, for a change to one payload: body(id) runs with the payload's row id, and
+    // not at all (not found) when code names no payload.
+    template <typename Body> int writingPayload(const std::string& code, Body body);
     [[nodiscard]] int payloadId(const std::string& code, int64_t& id);
 
     sqlite3* _db;
