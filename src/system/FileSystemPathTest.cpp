@@ -19,18 +19,6 @@ std::string ThrownMessage(const std::function<void()>& action) {
     return "(nothing thrown)";
 }
 
-class WorkingDirectoryGuard {
-public:
-    WorkingDirectoryGuard() {
-        char buffer[4096];
-        _saved = ::getcwd(buffer, sizeof buffer) ? buffer : "/";
-    }
-    ~WorkingDirectoryGuard() { EXPECT_EQ(::chdir(_saved.c_str()), 0); }
-
-private:
-    std::string _saved;
-};
-
 } // namespace
 
 TEST(FileSystemPathTest, TrailingSlashesAreRemovedButTheRootStays) {

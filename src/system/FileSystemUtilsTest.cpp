@@ -15,18 +15,6 @@ FileSystemPath P(const std::string& text) {
     return FileSystemPath(text);
 }
 
-class WorkingDirectoryGuard {
-public:
-    WorkingDirectoryGuard() {
-        char buffer[4096];
-        _saved = ::getcwd(buffer, sizeof buffer) ? buffer : "/";
-    }
-    ~WorkingDirectoryGuard() { EXPECT_EQ(::chdir(_saved.c_str()), 0); }
-
-private:
-    std::string _saved;
-};
-
 } // namespace
 
 TEST(FileSystemUtilsTest, ExistsLooksAtTheLinkItself) {

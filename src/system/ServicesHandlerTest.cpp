@@ -453,37 +453,6 @@ bool InPrivateNamespace() {
     return !parent.empty() && parent != MountNamespaceId();
 }
 
-void WriteInitScript(const std::string& name) {
-    const std::string path = "/etc/init.d/" + name;
-    WriteTextFile(path, "#!/bin/sh\n"
-                        "NAME=" +
-                            name +
-                            "\n"
-                            "PIDFILE=/var/run/$NAME.pid\n"
-                            "case \"$1\" in\n"
-                            "start)\n"
-                            "  echo \"start $NAME\" >> " +
-                            std::string(kOperationsLog) +
-                            "\n"
-                            "  start-stop-daemon --start --quiet --background --make-pidfile "
-                            "--pidfile $PIDFILE --exec /usr/bin/sleep -- 600\n"
-                            "  ;;\n"
-                            "stop)\n"
-                            "  echo \"stop $NAME\" >> " +
-                            std::string(kOperationsLog) +
-                            "\n"
-                            "  start-stop-daemon --stop --quiet --retry TERM/5 --pidfile $PIDFILE "
-                            "--exec /usr/bin/sleep\n"
-                            "  status=$?\n"
-                            "  rm -f $PIDFILE\n"
-                            "  [ $status -le 1 ] || exit $status\n"
-                            "  ;;\n"
-                            "*) exit 3 ;;\n"
-                            "esac\n"
-                            "exit 0\n");
-    ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
-}
-
 pid_t PidOf(const std::string& name) {
     const std::string path = "/var/run/" + name + ".pid";
     if (!FileExists(path))
@@ -567,7 +536,7 @@ protected:
     }
 
     void StartService(const std::string& name) {
-        WriteInitScript(name);
+        ASSERT_TRUE(WriteSleeperInitScript(name, kOperationsLog));
         std::string output;
         ASSERT_EQ(RunProgram({"/usr/sbin/service", name, "start"}), 0);
         for (int i = 0; i < 100 && (PidOf(name) <= 0 || IsProcessRunning(PidOf(name)) != 1); ++i)
@@ -630,7 +599,7 @@ TEST_F(ServicesSysVInNamespace, DISABLED_StopInCapitalsIsLeftStopped) {
 }
 
 TEST_F(ServicesSysVInNamespace, DISABLED_LoadedServiceWithoutPidFileIsLeftAlone) {
-    WriteInitScript("orvelsvcd"); // installed, never started
+    ASSERT_TRUE(WriteSleeperInitScript("orvelsvcd", kOperationsLog)); // installed, never started
     StartService("orvelsvca");
     ::unlink("/var/run/orvelsvca.pid"); // running, but its pid file is gone
     auto handler = MakeHandler({{"orvelsvcd", "[InitScripts]/orvelsvcd", "", ""},

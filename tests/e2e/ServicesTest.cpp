@@ -12,30 +12,6 @@ const std::string kService = "orvel-e2e-indexer";
 const std::string kPidFile = "/var/run/" + kService + ".pid";
 
 // An init script that runs "sleep" as the service's daemon with start-stop-daemon.
-void InstallService() {
-    const std::string path = "/etc/init.d/" + kService;
-    WriteTextFile(path, "#!/bin/sh\n"
-                        "PIDFILE=" +
-                            kPidFile +
-                            "\n"
-                            "case \"$1\" in\n"
-                            "start)\n"
-                            "  start-stop-daemon --start --quiet --background --make-pidfile "
-                            "--pidfile $PIDFILE --exec /usr/bin/sleep -- 600\n"
-                            "  ;;\n"
-                            "stop)\n"
-                            "  start-stop-daemon --stop --quiet --retry TERM/5 --pidfile $PIDFILE "
-                            "--exec /usr/bin/sleep\n"
-                            "  status=$?\n"
-                            "  rm -f $PIDFILE\n"
-                            "  [ $status -le 1 ] || exit $status\n"
-                            "  ;;\n"
-                            "*) exit 3 ;;\n"
-                            "esac\n"
-                            "exit 0\n");
-    ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
-}
-
 pid_t ServicePid() {
     return FileExists(kPidFile) ? static_cast<pid_t>(std::atol(ReadTextFile(kPidFile).c_str())) : 0;
 }
@@ -52,7 +28,7 @@ bool Alive(pid_t pid) {
 TEST(ServiceSet, ServiceIsStoppedBeforeTheFirstFileAndRestartedAfterTheLast) {
     ORVEL_E2E_IN_PRIVATE_SYSTEM();
     Scenario s;
-    InstallService();
+    ASSERT_TRUE(WriteSleeperInitScript(kService));
     std::string output;
     ASSERT_EQ(RunTool({"/usr/sbin/service", kService, "start"}, &output), 0) << output;
     ASSERT_TRUE(WaitUntil([] { return Alive(ServicePid()); }, std::chrono::seconds(10)));

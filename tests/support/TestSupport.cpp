@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <random>
 #include <regex>
 #include <sched.h>
 #include <sstream>
@@ -222,4 +221,36 @@ std::string MountNamespaceId() {
     char buffer[256];
     ssize_t n = ::readlink("/proc/self/ns/mnt", buffer, sizeof buffer - 1);
     return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : std::string();
+}
+
+bool WriteSleeperInitScript(const std::string& name, const std::string& operationsLog) {
+    const auto note = [&](const char* operation) {
+        return operationsLog.empty()
+                   ? std::string()
+                   : "  echo \"" + std::string(operation) + " $NAME\" >> " + operationsLog + "\n";
+    };
+    const std::string path = "/etc/init.d/" + name;
+    WriteTextFile(path, "#!/bin/sh\n"
+                        "NAME=" +
+                            name +
+                            "\n"
+                            "PIDFILE=/var/run/$NAME.pid\n"
+                            "case \"$1\" in\n"
+                            "start)\n" +
+                            note("start") +
+                            "  start-stop-daemon --start --quiet --background --make-pidfile "
+                            "--pidfile $PIDFILE --exec /usr/bin/sleep -- 600\n"
+                            "  ;;\n"
+                            "stop)\n" +
+                            note("stop") +
+                            "  start-stop-daemon --stop --quiet --retry TERM/5 --pidfile $PIDFILE "
+                            "--exec /usr/bin/sleep\n"
+                            "  status=$?\n"
+                            "  rm -f $PIDFILE\n"
+                            "  [ $status -le 1 ] || exit $status\n"
+                            "  ;;\n"
+                            "*) exit 3 ;;\n"
+                            "esac\n"
+                            "exit 0\n");
+    return ::chmod(path.c_str(), 0755) == 0;
 }

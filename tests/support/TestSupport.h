@@ -1,6 +1,9 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 // Helpers shared by the unit and end-to-end tests.
@@ -26,6 +29,29 @@ std::string ReadTextFile(const std::string& path);
 std::string RandomText(size_t size, unsigned seed);
 bool FileExists(const std::string& path);
 void RemoveTree(const std::string& path);
+
+// Puts the working folder back, at the end of a test that changes it.
+class WorkingDirectoryGuard {
+public:
+    WorkingDirectoryGuard() {
+        char buffer[4096];
+        _saved = ::getcwd(buffer, sizeof buffer) ? buffer : "/";
+    }
+    ~WorkingDirectoryGuard() { EXPECT_EQ(::chdir(_saved.c_str()), 0); }
+    WorkingDirectoryGuard(const WorkingDirectoryGuard&) = delete;
+    WorkingDirectoryGuard& operator=(const WorkingDirectoryGuard&) = delete;
+
+private:
+    std::string _saved;
+};
+
+// Writes /etc/init.d/<name> (mode 0755), a SysV script whose daemon is a sleep started and
+// stopped with start-stop-daemon under /var/run/<name>.pid; any other command exits 3.
+// With operationsLog, "start <name>" or "stop <name>" is appended to that file for each
+// start and stop. False when the script could not be made executable. Only for a private
+// mount namespace, where /etc/init.d is a tmpfs of the test's.
+[[nodiscard]] bool WriteSleeperInitScript(const std::string& name,
+                                          const std::string& operationsLog = {});
 
 // Captures what the log writes (standard error) while it lives. lines() gives the captured
 // lines without the log prefix ("date time process[pid:tid] ").
