@@ -2,6 +2,7 @@
 // with expressions.
 #pragma once
 
+#include "FileUtils.h"
 #include "xplat/OrvelFileVersioner.h"
 
 #include <boost/regex.hpp>
@@ -44,6 +45,31 @@ void SetVersionFromGroups(const boost::cmatch& inMatch, OFV_FileVersion& outVers
     for (int part = 0; part < 4; ++part) {
         TVersioner::SetVersionPart(part, GroupToInt(inMatch[part + 1]), outVersion);
     }
+}
+
+// The versioning of a file whose first inBytesToRead bytes hold its version: the bytes read
+// (at least one) must satisfy inAccepts(bytes), the file's mark by name or by content; then
+// groups 1 to 4 of inVersionExpression, searched in VersionSearchEnd's range, give the
+// version and outType becomes inType. Nothing is set when false is returned.
+template <class TVersioner, class TAccepts>
+bool VersionFromLeadingBytes(const PlatformFilePath& inPath, std::size_t inBytesToRead,
+                             TAccepts inAccepts, const char* inVersionExpression,
+                             OFV_FileType inType, OFV_FileVersion& outVersion,
+                             OFV_FileType& outType) {
+    std::vector<char> bytes;
+    if (!ReadFileBytes(inPath, inBytesToRead, bytes) || bytes.empty()) {
+        return false;
+    }
+    if (!inAccepts(bytes)) {
+        return false;
+    }
+    boost::cmatch match;
+    if (!SearchExpression(bytes.data(), VersionSearchEnd(bytes), inVersionExpression, match)) {
+        return false;
+    }
+    SetVersionFromGroups<TVersioner>(match, outVersion);
+    outType = inType;
+    return true;
 }
 
 } // namespace ofv
