@@ -359,3 +359,37 @@ bool XmlDocument::save(const XmlDocumentHandle& doc, const std::string& path, bo
 bool IsSingleElement(const std::vector<XmlNode>& nodes) {
     return nodes.size() == 1 && nodes.front().isElement();
 }
+
+std::string XmlEscape(const std::string& text, XmlEscapeFor where) {
+    const bool inAttribute = where == XmlEscapeFor::Attribute;
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        switch (c) {
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '&':
+            out += "&amp;";
+            break;
+        case '\r':
+            out += "&#13;";
+            break;
+        case '"':
+            out += inAttribute ? "&quot;" : "\"";
+            break;
+        case '\n':
+            out += inAttribute ? "&#10;" : "\n";
+            break;
+        case '\t':
+            out += inAttribute ? "&#9;" : "\t";
+            break;
+        default:
+            out += c;
+        }
+    }
+    return out;
+}

@@ -105,3 +105,9 @@ public:
 
 // True when the list holds exactly one node and that node is an element.
 bool IsSingleElement(const std::vector<XmlNode>& nodes);
+
+// Text escaped as libxml2's writer escapes it, for XML written by hand: character data, or
+// an attribute value quoted with '"' (quotes, line feeds and tabs escaped as well, so that
+// attribute normalisation gives them back).
+enum class XmlEscapeFor { Text, Attribute };
+std::string XmlEscape(const std::string& text, XmlEscapeFor where);

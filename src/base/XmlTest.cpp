@@ -162,6 +162,28 @@ TEST(XmlTest, RemoveIndentationTakesOnlyTheTextThatIndents) {
     EXPECT_EQ(cleaned.find("CDATA"), std::string::npos);
 }
 
+TEST(XmlTest, EscapedByHandAsLibxml2WritesIt) {
+    const std::string value = "a & b <c> \"d\" 'e'\tf\r\ng";
+    auto doc = XmlDocument::create("Root");
+    XmlNode child = XmlDocument::root(doc).addChild("Child", value);
+    child.setAttribute("v", value);
+    const std::string written = XmlDocument::toXmlString(doc);
+    EXPECT_NE(written.find("v=\"" + XmlEscape(value, XmlEscapeFor::Attribute) + "\""),
+              std::string::npos)
+        << written;
+    EXPECT_NE(written.find(">" + XmlEscape(value, XmlEscapeFor::Text) + "</Child>"),
+              std::string::npos)
+        << written;
+    // And what is written by hand reads back as the value.
+    auto parsed =
+        XmlDocument::parseMemory("<R v=\"" + XmlEscape(value, XmlEscapeFor::Attribute) + "\">" +
+                                     XmlEscape(value, XmlEscapeFor::Text) + "</R>",
+                                 XmlParseMode::Strict);
+    ASSERT_TRUE(parsed.document);
+    EXPECT_EQ(XmlDocument::root(parsed.document).attribute("v"), value);
+    EXPECT_EQ(XmlDocument::root(parsed.document).stringValue(), value);
+}
+
 TEST(XmlTest, SaveIsPrettyPrinted) {
     TempDir dir;
     auto doc = XmlDocument::create("Root");

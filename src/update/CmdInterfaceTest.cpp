@@ -1476,12 +1476,7 @@ TEST_F(CmdInterfaceTest, ACopyKnowsTheChecksumOfBothEnds) {
 
 // An old and a new version of a file of several megabytes, the new one changed a little.
 std::pair<std::string, std::string> LargeVersions() {
-    std::string old(3 * 1024 * 1024 + 17, '\0');
-    unsigned state = 5;
-    for (auto& c : old) {
-        state = state * 1103515245u + 12345u;
-        c = static_cast<char>(state >> 16);
-    }
+    const std::string old = RandomText(3 * 1024 * 1024 + 17, 5);
     std::string changed = old;
     for (size_t i = 100; i < changed.size(); i += 70000)
         changed[i] = static_cast<char>(changed[i] + 1);

@@ -46,16 +46,6 @@ std::map<std::string, std::string> Snapshot(const std::string& root) {
     return tree;
 }
 
-std::string Binary(size_t size, unsigned seed) {
-    std::string data(size, '\0');
-    unsigned state = seed;
-    for (auto& c : data) {
-        state = state * 1103515245u + 12345u;
-        c = static_cast<char>(state >> 16);
-    }
-    return data;
-}
-
 class RecordingUserInterface : public UserInterface {
 public:
     std::vector<std::string> messages;
@@ -114,7 +104,7 @@ protected:
 
         // The installed application.
         WriteTextFile(app + "/Contents/Info.plist", Plist("1.0"));
-        WriteTextFile(app + "/Contents/MacOS/Editor", Binary(300000, 1));
+        WriteTextFile(app + "/Contents/MacOS/Editor", RandomText(300000, 1));
         WriteTextFile(app + "/Contents/Resources/old.txt", "to be removed\n");
         WriteTextFile(app + "/Contents/Resources/keep.txt", "version one\n");
         WriteTextFile(app + "/Contents/Resources/rename-me.txt", "renamed content\n");
@@ -127,7 +117,7 @@ protected:
         WriteTextFile(staging + "/new.txt", "a new file\n");
         WriteTextFile(staging + "/keep.txt", "version two\n");
         WriteTextFile(staging + "/Info.plist", Plist("2.0"));
-        std::string newEditor = Binary(300000, 1);
+        std::string newEditor = RandomText(300000, 1);
         for (size_t i = 1000; i < 1100; ++i)
             newEditor[i] = 'x';
         newEditor += "appended tail";

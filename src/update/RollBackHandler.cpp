@@ -1,5 +1,7 @@
 #include "update/RollBackHandler.h"
 
+#include "base/Xml.h"
+
 #include "run/LoggerUtility.h"
 #include "update/CmdInterface.h"
 #include "update/MD5cksum.h"
@@ -23,54 +25,20 @@ constexpr const char* kDirectorySetClose = "  </DirectorySet>\n";
 constexpr const char* kDirectorySetEmpty = "  <DirectorySet/>\n";
 constexpr const char* kRootClose = "</Manifest>\n";
 
-// Character data, or an attribute value (quoted with '"') when inAttribute, as the XML
-// writer escapes it: in a value, quotes and the white space that attribute normalisation
-// would fold are escaped as well.
-std::string Escape(const std::string& text, bool inAttribute) {
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        switch (c) {
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '&':
-            out += "&amp;";
-            break;
-        case '\r':
-            out += "&#13;";
-            break;
-        case '"':
-            out += inAttribute ? "&quot;" : "\"";
-            break;
-        case '\n':
-            out += inAttribute ? "&#10;" : "\n";
-            break;
-        case '\t':
-            out += inAttribute ? "&#9;" : "\t";
-            break;
-        default:
-            out += c;
-        }
-    }
-    return out;
-}
-
 void AddTextElement(std::string& out, int indent, const char* name, const std::string& text) {
     out.append(static_cast<size_t>(indent), ' ');
     if (text.empty()) {
         out += "<" + std::string(name) + "/>\n";
         return;
     }
-    out += "<" + std::string(name) + ">" + Escape(text, false) + "</" + name + ">\n";
+    out +=
+        "<" + std::string(name) + ">" + XmlEscape(text, XmlEscapeFor::Text) + "</" + name + ">\n";
 }
 
 void AddPathElement(std::string& out, int indent, const char* name, const std::string& dir) {
     out.append(static_cast<size_t>(indent), ' ');
-    out += "<" + std::string(name) + " defName=\"\" dir=\"" + Escape(dir, true) + "\"/>\n";
+    out += "<" + std::string(name) + " defName=\"\" dir=\"" +
+           XmlEscape(dir, XmlEscapeFor::Attribute) + "\"/>\n";
 }
 
 bool IsOverwriteFamily(const std::string& operation) {

@@ -28,29 +28,6 @@ int Fail(std::string* error, const std::string& message) {
     return 1;
 }
 
-std::string XmlEscape(const std::string& text) {
-    std::string out;
-    for (char c : text) {
-        switch (c) {
-        case '&':
-            out += "&amp;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '"':
-            out += "&quot;";
-            break;
-        default:
-            out += c;
-        }
-    }
-    return out;
-}
-
 // The patcher's Info.plist: the built bundle's identifier and versions, the given name.
 std::string InfoPlist(const std::string& builtBundle, const std::string& name) {
     std::string identifier = "com.orvel.patcher";
@@ -62,7 +39,8 @@ std::string InfoPlist(const std::string& builtBundle, const std::string& name) {
         version = plist->stringForKey("CFBundleVersion").value_or(version);
     }
     auto entry = [](const std::string& key, const std::string& value) {
-        return "\t<key>" + key + "</key>\n\t<string>" + XmlEscape(value) + "</string>\n";
+        return "\t<key>" + key + "</key>\n\t<string>" + XmlEscape(value, XmlEscapeFor::Text) +
+               "</string>\n";
     };
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
            "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "

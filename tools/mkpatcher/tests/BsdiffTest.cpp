@@ -8,31 +8,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string ReadBinary(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void WriteBinary(const std::string& path, const std::string& data) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(data.data(), static_cast<std::streamsize>(data.size()));
-}
-
-std::string Random(size_t size, unsigned seed) {
-    std::string data(size, '\0');
-    unsigned state = seed;
-    for (auto& c : data) {
-        state = state * 1103515245u + 12345u;
-        c = static_cast<char>(state >> 16);
-    }
-    return data;
-}
 
 // A new version of a program as a rebuild makes it: bytes changed here and there, a piece
 // inserted, a piece removed, a tail appended.
@@ -40,7 +19,7 @@ std::string Modified(std::string data) {
     for (size_t i = 4096; i + 8 < data.size(); i += 65521)
         data[i] = static_cast<char>(data[i] + 1);
     if (data.size() > 200000) {
-        data.insert(data.size() / 3, Random(5000, 7));
+        data.insert(data.size() / 3, RandomText(5000, 7));
         data.erase(data.size() / 2, 3000);
     }
     return data + "new tail of the file";
@@ -52,17 +31,17 @@ protected:
     Bsdiff::Stats RoundTrip(const std::string& oldData, const std::string& newData) {
         const std::string oldPath = temp.file("old");
         const std::string newPath = temp.file("new");
-        WriteBinary(oldPath, oldData);
-        WriteBinary(newPath, newData);
+        WriteTextFile(oldPath, oldData);
+        WriteTextFile(newPath, newData);
         EXPECT_EQ(RunProgram({MKPATCHER_PROGRAM, "bsdiff", oldPath, newPath, temp.file("patch")},
                              {}, temp.file("stdout"), temp.file("stderr")),
                   0)
             << ReadTextFile(temp.file("stderr"));
         EXPECT_EQ(RunProgram({"bspatch", oldPath, temp.file("debian-out"), temp.file("patch")}), 0);
-        EXPECT_TRUE(ReadBinary(temp.file("debian-out")) == newData)
+        EXPECT_TRUE(ReadTextFile(temp.file("debian-out")) == newData)
             << "Debian's bspatch gave a different file";
         EXPECT_EQ(RunProgram({OUR_BSPATCH, oldPath, temp.file("our-out"), temp.file("patch")}), 0);
-        EXPECT_TRUE(ReadBinary(temp.file("our-out")) == newData)
+        EXPECT_TRUE(ReadTextFile(temp.file("our-out")) == newData)
             << "our bspatch gave a different file";
 
         // The library gives the same patch as the program.
@@ -73,7 +52,7 @@ protected:
                                  {reinterpret_cast<const uint8_t*>(newData.data()), newData.size()},
                                  &patch, &error, &stats))
             << error;
-        EXPECT_TRUE(std::string(patch.begin(), patch.end()) == ReadBinary(temp.file("patch")));
+        EXPECT_TRUE(std::string(patch.begin(), patch.end()) == ReadTextFile(temp.file("patch")));
         EXPECT_EQ(stats.patchBytes, patch.size());
         return stats;
     }
@@ -82,7 +61,7 @@ protected:
 };
 
 TEST_F(BsdiffTest, RealLibraryWithRebuildLikeChanges) {
-    const std::string old = ReadBinary(CRYPTO_LIBRARY);
+    const std::string old = ReadTextFile(CRYPTO_LIBRARY);
     ASSERT_GT(old.size(), 1000000u);
     const std::string changed = Modified(old);
     const auto stats = RoundTrip(old, changed);
@@ -93,18 +72,18 @@ TEST_F(BsdiffTest, RealLibraryWithRebuildLikeChanges) {
 
 TEST_F(BsdiffTest, TwoRelatedRealPrograms) {
     // Two programs of the same package, built from mostly the same sources.
-    const std::string old = ReadBinary(CPACK_PROGRAM);
-    const std::string changed = ReadBinary(CTEST_PROGRAM);
+    const std::string old = ReadTextFile(CPACK_PROGRAM);
+    const std::string changed = ReadTextFile(CTEST_PROGRAM);
     ASSERT_GT(old.size(), 1000000u);
     const auto stats = RoundTrip(old, changed);
     EXPECT_LT(stats.patchBytes, changed.size() / 2);
 }
 
 TEST_F(BsdiffTest, PatchIsNoLargerThanDebiansBsdiff) {
-    const std::string old = ReadBinary(CRYPTO_LIBRARY);
+    const std::string old = ReadTextFile(CRYPTO_LIBRARY);
     const std::string changed = Modified(old);
-    WriteBinary(temp.file("old"), old);
-    WriteBinary(temp.file("new"), changed);
+    WriteTextFile(temp.file("old"), old);
+    WriteTextFile(temp.file("new"), changed);
     ASSERT_EQ(RunProgram({"bsdiff", temp.file("old"), temp.file("new"), temp.file("debian")}), 0);
     Bsdiff::Stats stats;
     std::string error;
@@ -117,7 +96,7 @@ TEST_F(BsdiffTest, PatchIsNoLargerThanDebiansBsdiff) {
 }
 
 TEST_F(BsdiffTest, EdgeCases) {
-    const std::string binary = ReadBinary(CRYPTO_LIBRARY).substr(0, 300000);
+    const std::string binary = ReadTextFile(CRYPTO_LIBRARY).substr(0, 300000);
     struct Case {
         const char* name;
         std::string oldData;
@@ -129,7 +108,7 @@ TEST_F(BsdiffTest, EdgeCases) {
         {"empty new", binary, ""},
         {"identical", binary, binary},
         {"one byte each", "a", "b"},
-        {"unrelated", Random(200000, 1), Random(150000, 2)},
+        {"unrelated", RandomText(200000, 1), RandomText(150000, 2)},
         {"new is a piece of old", binary, binary.substr(100000, 50000)},
         {"old is a piece of new", binary.substr(100000, 50000), binary},
         {"long runs of one byte", std::string(100000, '\0') + "x" + std::string(100000, '\0'),
@@ -163,7 +142,7 @@ TEST_F(BsdiffTest, EdgeCases) {
 }
 
 TEST_F(BsdiffTest, ProgramReportsItsFailures) {
-    WriteBinary(temp.file("new"), "data");
+    WriteTextFile(temp.file("new"), "data");
     EXPECT_EQ(RunProgram({MKPATCHER_PROGRAM, "bsdiff", temp.file("absent"), temp.file("new"),
                           temp.file("patch")},
                          {}, temp.file("stdout"), temp.file("stderr")),

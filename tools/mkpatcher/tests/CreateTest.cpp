@@ -26,11 +26,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string ReadBinary(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 void Write(const std::string& path, const std::string& data, unsigned mode = 0644) {
     fs::create_directories(fs::path(path).parent_path());
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -74,7 +69,7 @@ std::string Plist(const std::string& version) {
 
 // Two versions of an application with every kind of change the builder knows.
 void MakeVersions(const std::string& oldApp, const std::string& newApp) {
-    const std::string program = ReadBinary(CRYPTO_LIBRARY).substr(0, 400000);
+    const std::string program = ReadTextFile(CRYPTO_LIBRARY).substr(0, 400000);
     std::string newProgram = program;
     for (size_t i = 1000; i < newProgram.size(); i += 9000)
         newProgram[i] = static_cast<char>(newProgram[i] + 3);
