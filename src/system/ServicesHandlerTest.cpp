@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -539,9 +540,18 @@ protected:
         ASSERT_TRUE(WriteSleeperInitScript(name, kOperationsLog));
         std::string output;
         ASSERT_EQ(RunProgram({"/usr/sbin/service", name, "start"}), 0);
-        for (int i = 0; i < 100 && (PidOf(name) <= 0 || IsProcessRunning(PidOf(name)) != 1); ++i)
+        // Started means running the daemon's program: until the forked start-stop-daemon has
+        // become the sleep, a stop that looks for the sleep finds nothing to stop.
+        const auto started = [&] {
+            const pid_t pid = PidOf(name);
+            std::error_code error;
+            return pid > 0 && IsProcessRunning(pid) == 1 &&
+                   std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error) ==
+                       "/usr/bin/sleep";
+        };
+        for (int i = 0; i < 250 && !started(); ++i)
             ::usleep(20000);
-        ASSERT_EQ(IsProcessRunning(PidOf(name)), 1) << name;
+        ASSERT_TRUE(started()) << name;
     }
 
     std::unique_ptr<ServicesHandler> MakeHandler(const std::vector<ServiceEntry>& entries) {
