@@ -7,8 +7,10 @@
 // Usage: JournalBench [folder]   (default: $TMPDIR or /tmp; the journal goes to a fresh
 // folder inside it, removed at the end)
 
+#include "base/Path.h"
 #include "base/Xml.h"
-#include "run/Environment.h"
+#include "runtime/Environment.h"
+#include "system/FileSystem.h"
 #include "update/FileOperationInfo.h"
 #include "update/RollBackHandler.h"
 
@@ -104,7 +106,7 @@ int main(int argc, char** argv) {
     std::vector<double> micros;
     micros.reserve(kMarks[2]);
     {
-        RollBackHandler handler(folder);
+        RollBackHandler handler(folder, RealFileSystem::instance());
         for (size_t i = 0; i < kMarks[2]; ++i) {
             const auto start = Clock::now();
             if (!handler.addUndoFileCommand(ForwardAdd(i))) {

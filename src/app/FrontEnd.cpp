@@ -3,12 +3,13 @@
 #include "app/TerminalFrontEnd.h"
 #include "base/AppBundle.h"
 #include "base/StringTable.h"
-#include "run/Environment.h"
-#include "run/KORInstallerResultsWrapper.h"
-#include "run/MainLoop.h"
-#include "run/ProgressWindowController.h"
+#include "report/KORInstallerResultsWrapper.h"
+#include "report/ProgressWindowController.h"
+#include "report/UserInterface.h"
 #include "run/UpdateEngine.h"
-#include "run/UserInterface.h"
+#include "runtime/CommonUtility.h"
+#include "runtime/Environment.h"
+#include "runtime/MainLoop.h"
 #include "ui/QtMainLoop.h"
 #include "ui/QtProgressWindow.h"
 #include "ui/QtRunningAppsDialog.h"
@@ -41,37 +42,49 @@ bool HaveDisplay() {
 
 namespace {
 
-EngineEnvironment BaseEnvironment(MainLoop& loop, const std::optional<AppBundle>& bundle,
-                                  const StringTable* strings) {
+// What every front end hands the engine besides its own windows: the machine's table, the
+// patcher's bundle and its string tables.
+struct RunSetting {
+    const PlatformPaths& paths;
+    const std::optional<AppBundle>& bundle;
+    const StringTable* strings;
+};
+
+KORInstallerResultsWrapper MakeReporter(const RunSetting& setting, UserInterface& ui) {
+    ReportingContext context;
+    context.userInterface = &ui;
+    context.strings = setting.strings;
+    context.installerDataPath = ExpandTildeInPath("~/" + setting.paths.installerDataInHome);
+    return KORInstallerResultsWrapper(std::move(context));
+}
+
+EngineEnvironment BaseEnvironment(const RunSetting& setting, MainLoop& loop,
+                                  KORInstallerResultsWrapper& reporter) {
     EngineEnvironment environment;
     environment.loop = &loop;
-    environment.bundle = bundle;
-    environment.strings = strings;
+    environment.reporter = &reporter;
+    environment.bundle = setting.bundle;
+    environment.paths = setting.paths;
+    environment.strings = setting.strings;
     return environment;
 }
 
-void SetReporting(UserInterface* ui, const StringTable* strings) {
-    ReportingContext context = KORInstallerResultsWrapper::context();
-    context.userInterface = ui;
-    context.strings = strings;
-    KORInstallerResultsWrapper::setContext(context);
-}
-
-int RunHeadless(const std::optional<AppBundle>& bundle, const StringTable* strings) {
+int RunHeadless(const RunSetting& setting) {
     HeadlessMainLoop loop;
     HeadlessUserInterface ui;
-    SetReporting(&ui, strings);
-    EngineEnvironment environment = BaseEnvironment(loop, bundle, strings);
+    KORInstallerResultsWrapper reporter = MakeReporter(setting, ui);
+    EngineEnvironment environment = BaseEnvironment(setting, loop, reporter);
     environment.userInterface = &ui;
     UpdateEngine engine(std::move(environment));
     loop.post([&engine] { engine.appLaunched(); });
     return loop.run();
 }
 
-int RunTerminal(const std::optional<AppBundle>& bundle, const StringTable* strings) {
+int RunTerminal(const RunSetting& setting) {
     HeadlessMainLoop loop;
     TerminalUserInterface ui;
-    SetReporting(&ui, strings);
+    KORInstallerResultsWrapper reporter = MakeReporter(setting, ui);
+    const StringTable* strings = setting.strings;
     auto text = [strings](const char* key) {
         return strings ? strings->localizedString(key) : std::string(key);
     };
@@ -80,7 +93,7 @@ int RunTerminal(const std::optional<AppBundle>& bundle, const StringTable* strin
     TerminalRunningAppsWindow runningApps(ui, text("RunningAppsMessage"), text("Retry"),
                                           text("Cancel"));
     InterruptToCancel interrupt(loop, progress);
-    EngineEnvironment environment = BaseEnvironment(loop, bundle, strings);
+    EngineEnvironment environment = BaseEnvironment(setting, loop, reporter);
     environment.userInterface = &ui;
     environment.progressController = &progress;
     environment.runningAppsController = &runningApps;
@@ -89,18 +102,17 @@ int RunTerminal(const std::optional<AppBundle>& bundle, const StringTable* strin
     return loop.run();
 }
 
-int RunQt(int argc, char** argv, const std::optional<AppBundle>& bundle,
-          const StringTable* strings) {
+int RunQt(int argc, char** argv, const RunSetting& setting) {
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     QtMainLoop loop;
     QtUserInterface ui;
-    SetReporting(&ui, strings);
+    KORInstallerResultsWrapper reporter = MakeReporter(setting, ui);
     QtProgressWindow progressWindow;
-    ProgressWindowController progress(progressWindow, loop, strings);
+    ProgressWindowController progress(progressWindow, loop, setting.strings);
     progressWindow.setController(&progress);
-    QtRunningAppsDialog runningApps(strings);
-    EngineEnvironment environment = BaseEnvironment(loop, bundle, strings);
+    QtRunningAppsDialog runningApps(setting.strings);
+    EngineEnvironment environment = BaseEnvironment(setting, loop, reporter);
     environment.userInterface = &ui;
     environment.progressController = &progress;
     environment.runningAppsController = &runningApps;
@@ -132,14 +144,17 @@ int RunPatcherApplication(int argc, char** argv) {
     std::unique_ptr<StringTable> strings;
     if (bundle)
         strings = std::make_unique<StringTable>(bundle->localePath());
-    switch (ChooseFrontEnd(GetENVsilentFlag(), KORInstallerResultsWrapper::runningUnderKOR(),
-                           HaveDisplay())) {
+    // The one place that takes the machine's table: everything below is handed it.
+    const RunSetting setting{PlatformPaths::defaults(), bundle, strings.get()};
+    const bool underUpdateManager =
+        KORInstallerResultsWrapper(ReportingContext{}).runningUnderKOR();
+    switch (ChooseFrontEnd(GetENVsilentFlag(), underUpdateManager, HaveDisplay())) {
     case FrontEndKind::Qt:
-        return RunQt(argc, argv, bundle, strings.get());
+        return RunQt(argc, argv, setting);
     case FrontEndKind::Terminal:
-        return RunTerminal(bundle, strings.get());
+        return RunTerminal(setting);
     case FrontEndKind::Headless:
         break;
     }
-    return RunHeadless(bundle, strings.get());
+    return RunHeadless(setting);
 }

@@ -1,6 +1,6 @@
 #include "app/TerminalFrontEnd.h"
 
-#include "run/MainLoop.h"
+#include "runtime/MainLoop.h"
 
 #include <atomic>
 #include <csignal>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "run/ProgressWindowController.h"
-#include "run/RunningApplicationHandler.h"
-#include "run/UserInterface.h"
+#include "report/ProgressWindowController.h"
+#include "report/RunningApplicationHandler.h"
+#include "report/UserInterface.h"
 
 #include <cstdio>
 #include <memory>

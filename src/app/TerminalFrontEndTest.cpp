@@ -2,7 +2,7 @@
 #include "app/FrontEnd.h"
 
 #include "TestSupport.h"
-#include "run/MainLoop.h"
+#include "runtime/MainLoop.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 #include "app/FrontEnd.h"
-#include "run/Environment.h"
+#include "runtime/Environment.h"
 
 #include <clocale>
 

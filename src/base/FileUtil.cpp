@@ -1,5 +1,7 @@
 #include "base/FileUtil.h"
 
+#include "base/Path.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -32,13 +34,6 @@ bool Fail(std::string* error, const std::string& what) {
     if (error)
         *error = what + ": " + std::strerror(errno);
     return false;
-}
-
-std::string ParentOf(const std::string& path) {
-    auto slash = path.find_last_of('/');
-    if (slash == std::string::npos)
-        return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 } // namespace
@@ -80,7 +75,9 @@ bool WriteFileAtomically(const std::string& path, const std::string& text, std::
     if (::rename(temp.c_str(), path.c_str()) != 0)
         return discard("cannot rename " + temp + " to " + path);
     // Make the rename itself durable.
-    UniqueFd dir(::open(ParentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // A bare name lives in the working folder.
+    const std::string parent = ParentPath(path);
+    UniqueFd dir(::open(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (dir.valid())
         ::fsync(dir.get());
     return true;

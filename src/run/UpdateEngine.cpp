@@ -1,27 +1,31 @@
 #include "run/UpdateEngine.h"
 
 #include "base/StringTable.h"
-#include "run/CommonUtility.h"
-#include "run/Environment.h"
-#include "run/KORInstallerResultsWrapper.h"
-#include "run/LoggerUtility.h"
-#include "run/MainLoop.h"
-#include "run/ProgressWindowController.h"
-#include "run/RunningApplicationHandler.h"
-#include "run/SilentReturnHandler.h"
-#include "run/UserInterface.h"
+#include "report/KORInstallerResultsWrapper.h"
+#include "report/ProgressWindowController.h"
+#include "report/RunningApplicationHandler.h"
+#include "report/SilentReturnHandler.h"
+#include "report/UserInterface.h"
+#include "runtime/CommonUtility.h"
+#include "runtime/Environment.h"
+#include "runtime/LoggerUtility.h"
+#include "runtime/MainLoop.h"
 #include "target/InstalledApp.h"
 #include "target/LoadConfigData.h"
 #include "target/LocateInstalledApplication.h"
+#include "target/OrvelCodeFileHandler.h"
 #include "target/ZOTHService.h"
 #include "update/ProcessManifest.h"
 
+#include <cassert>
 #include <strings.h>
 #include <unistd.h>
 
 UpdateEngine::UpdateEngine(EngineEnvironment environment)
     : _environment(std::move(environment)), _isSilentInstall(GetENVsilentFlag()),
-      _logPath(ExpandTildeInPath("~/" + _environment.paths.logFileInHome)) {}
+      _logPath(ExpandTildeInPath("~/" + _environment.paths.logFileInHome)) {
+    assert(_environment.reporter && "the engine needs a reporter");
+}
 
 UpdateEngine::~UpdateEngine() = default;
 
@@ -45,12 +49,41 @@ LoadConfigData& UpdateEngine::config() {
 }
 
 void UpdateEngine::endEarlyRun() {
-    (void)KORInstallerResultsWrapper::cleanup();
+    (void)_environment.reporter->cleanup();
     _environment.loop->terminate(0);
 }
 
+void UpdateEngine::endWithFailure(const char* key, SilentReturnCode silentCode) {
+    const std::string message = localized(key);
+    NSLevelledLog(3, "%@", message);
+    if (_isSilentInstall)
+        SilentReturnHandler::setReturnCode(silentCode, _environment.paths);
+    else
+        _environment.reporter->reportUpdateFailed(message);
+    endEarlyRun();
+}
+
 void UpdateEngine::appLaunched() {
-    // 1. The log.
+    using Step = bool (UpdateEngine::*)();
+    static constexpr Step kSteps[] = {
+        &UpdateEngine::startLog,
+        &UpdateEngine::loadConfiguration,
+        &UpdateEngine::decideMode,
+        &UpdateEngine::applyComboFlag,
+        &UpdateEngine::locateApplication,
+        &UpdateEngine::acceptLocatorResult,
+        &UpdateEngine::askWelcome,
+        &UpdateEngine::checkApplicationChosen,
+        &UpdateEngine::checkRunningApplications,
+        &UpdateEngine::startUpdate,
+    };
+    for (const Step step : kSteps) {
+        if (!(this->*step)())
+            return;
+    }
+}
+
+bool UpdateEngine::startLog() {
     if (StartLogging(_logPath)) {
         NSFormatLog(0);
         NSFormatLogWithHeading(0, "Orvel Software Update");
@@ -58,124 +91,126 @@ void UpdateEngine::appLaunched() {
     } else {
         NSLevelledLog(3, "Logging Failed");
     }
+    return true;
+}
 
-    // 2. The configuration and the manifest of this patcher.
+bool UpdateEngine::loadConfiguration() {
     std::optional<std::string> configPath;
-    std::optional<std::string> manifestPath;
     if (_environment.bundle) {
         configPath = _environment.bundle->pathForResource("config", "xml");
-        manifestPath = _environment.bundle->pathForResource("manifest", "xml");
+        _manifestPath = _environment.bundle->pathForResource("manifest", "xml");
     }
-
-    // 3. Load the configuration; a failure is not reported here.
     _configStorage = std::make_unique<LoadConfigData>();
     _dataLoader = _configStorage->loadConfigInfoFromFile(configPath);
+    return true;
+}
 
-    // 4. The mode.
-    _isRunningUnderKOR = KORInstallerResultsWrapper::runningUnderKOR();
+bool UpdateEngine::decideMode() {
+    _isRunningUnderKOR = _environment.reporter->runningUnderKOR();
     NSLevelledLog(0, "Mode of Execution: %@", modeOfExecution());
+    return true;
+}
 
-    // 5, 6. The records, and the combo flag for validation.
-    LoadConfigData& loader = config();
-    const auto& combo = loader.getComboFlag();
+bool UpdateEngine::applyComboFlag() {
+    const auto& combo = config().getComboFlag();
     SetENVcomboFlag(combo && ::strcasecmp(combo->c_str(), "true") == 0);
+    return true;
+}
 
-    // 7-9. Locate and validate with the installation database open.
+bool UpdateEngine::locateApplication() {
     const std::string library =
         (_environment.bundle ? _environment.bundle->bundlePath() : std::string()) +
         "/Contents/Frameworks/orvel_zoth.framework/orvel_zoth";
     InstantiateZOTHService(library.c_str());
     std::string appPath;
-    int result = 0;
     if (_environment.locate) {
-        result = _environment.locate(loader, _isRunningUnderKOR, appPath);
+        _locatorResult = _environment.locate(config(), _isRunningUnderKOR, appPath);
     } else {
-        LocateInstalledApplication locator(loader, _isRunningUnderKOR, _environment.paths);
-        result = locator.locateAndValidateApplication(appPath);
+        LocateInstalledApplication locator(config(), _isRunningUnderKOR, _environment.paths);
+        _locatorResult = locator.locateAndValidateApplication(appPath);
     }
     ReleaseZOTHService();
-    std::optional<std::string> located;
     if (!appPath.empty())
-        located = appPath;
+        _located = appPath;
+    return true;
+}
 
-    // 10. The locator's answer.
-    auto fail = [&](const char* key, int silentCode) {
-        const std::string message = localized(key);
-        NSLevelledLog(3, "%@", message);
-        if (_isSilentInstall)
-            SilentReturnHandler::setReturnCode(silentCode, _environment.paths);
-        else
-            KORInstallerResultsWrapper::reportUpdateFailed(message);
-        endEarlyRun();
-    };
-    switch (result) {
-    case 0:
+bool UpdateEngine::acceptLocatorResult() {
+    switch (_locatorResult) {
+    case LocatorResult::Valid:
         NSLevelledLog(3, "App valid for update");
-        break;
-    case -1:
-    case 2:
-        fail("Failed to validate message", 6);
-        return;
-    case 1:
-        fail("Failed to locate message", 5);
-        return;
-    case 3: {
+        return true;
+    case LocatorResult::NotProper:
+    case LocatorResult::NotValidForUpdate:
+        endWithFailure("Failed to validate message", SilentReturnCode::NotValidForUpdate);
+        return false;
+    case LocatorResult::NotFound:
+        endWithFailure("Failed to locate message", SilentReturnCode::ApplicationNotFound);
+        return false;
+    case LocatorResult::AlreadyUpToDate: {
         NSLevelledLog(3, "App is already up-to-date");
-        const std::string message =
-            StringWithFormat(localized("Up to date message"), loader.getProductName().value_or(""));
+        const std::string message = StringWithFormat(localized("Up to date message"),
+                                                     config().getProductName().value_or(""));
         if (_isSilentInstall)
-            SilentReturnHandler::setReturnCode(3, _environment.paths);
+            SilentReturnHandler::setReturnCode(SilentReturnCode::AlreadyUpToDate,
+                                               _environment.paths);
         else
-            KORInstallerResultsWrapper::reportAlreadyUpToDate(message);
+            _environment.reporter->reportAlreadyUpToDate(message);
         endEarlyRun();
-        return;
+        return false;
     }
-    case 5:
-        fail("Insufficient space On OS message", 7);
-        return;
-    case 6:
-        fail("Insufficient space On Target message", 7);
-        return;
-    default:
-        NSLevelledLog(3, "Invalid return code");
-        endEarlyRun();
-        return;
+    case LocatorResult::NoSpaceOnOSVolume:
+        endWithFailure("Insufficient space On OS message", SilentReturnCode::NotEnoughDiskSpace);
+        return false;
+    case LocatorResult::NoSpaceOnAppVolume:
+        endWithFailure("Insufficient space On Target message",
+                       SilentReturnCode::NotEnoughDiskSpace);
+        return false;
+    case LocatorResult::EnoughSpace:
+        break;
     }
+    // EnoughSpace, and any number no result names.
+    NSLevelledLog(3, "Invalid return code");
+    endEarlyRun();
+    return false;
+}
 
-    // 11. The welcome question, for a user only.
+bool UpdateEngine::askWelcome() {
     const bool fullUserInterface = !_isRunningUnderKOR && !_isSilentInstall;
     if (fullUserInterface && showWelcomeDlg() == 1) {
         NSLevelledLog(3, "User cancelled, nothing to report");
         _environment.loop->terminate(0);
-        return;
+        return false;
     }
+    return true;
+}
 
-    // 12. No application to update.
-    if (!located) {
-        NSLevelledLog(3, "No app chosen");
-        if (_isRunningUnderKOR) {
-            NSLevelledLog(3, "Application Path provided by KOR is not valid. It is possible only "
-                             "if the application is already patched or damaged.");
-            NSLevelledLog(3, "We assume that Application is already updated.");
-            (void)KORInstallerResultsWrapper::setInstallerResults(
-                0, std::string("TBD:Cancel Message"));
-        } else {
-            NSLevelledLog(3, "User has cancelled the installation");
-            KORInstallerResultsWrapper::reportUpdateCancelled();
-        }
-        endEarlyRun();
-        return;
+bool UpdateEngine::checkApplicationChosen() {
+    if (_located)
+        return true;
+    NSLevelledLog(3, "No app chosen");
+    if (_isRunningUnderKOR) {
+        NSLevelledLog(3, "Application Path provided by KOR is not valid. It is possible only "
+                         "if the application is already patched or damaged.");
+        NSLevelledLog(3, "We assume that Application is already updated.");
+        (void)_environment.reporter->setInstallerResults(0, std::string("TBD:Cancel Message"));
+    } else {
+        NSLevelledLog(3, "User has cancelled the installation");
+        _environment.reporter->reportUpdateCancelled();
     }
+    endEarlyRun();
+    return false;
+}
 
-    // 13. Applications of the family that must not run.
+bool UpdateEngine::checkRunningApplications() {
+    const bool fullUserInterface = !_isRunningUnderKOR && !_isSilentInstall;
     bool mayGoOn = true;
     std::string names;
-    const auto& appsToCheck = loader.getAppValidationInfo().appRunning;
+    const auto& appsToCheck = config().getAppValidationInfo().appRunning;
     if (!appsToCheck.empty()) {
         const RunningApplications* running = _environment.runningApplications;
         if (!running) {
-            _ownRunningApplications =
-                std::make_unique<RunningApplications>(_environment.paths.procRoot);
+            _ownRunningApplications = std::make_unique<RunningApplications>(_environment.paths);
             running = _ownRunningApplications.get();
         }
         RunningApplicationHandler handler(appsToCheck, fullUserInterface,
@@ -183,22 +218,24 @@ void UpdateEngine::appLaunched() {
         mayGoOn = handler.shutdownOrvelApplications(names);
     }
     NSLevelledLog(0, "Applications were Quit result (non zero mean quit) = %d", mayGoOn ? 1 : 0);
+    if (mayGoOn)
+        return true;
 
-    // 14. Some still run.
-    if (!mayGoOn) {
-        NSLevelledLog(3, "Following apps were not shutdown %@", names);
-        if (_isSilentInstall)
-            SilentReturnHandler::setReturnCode(8, _environment.paths);
-        else
-            KORInstallerResultsWrapper::reportUpdateFailedTryAgain(names);
-        endEarlyRun();
-        return;
-    }
+    NSLevelledLog(3, "Following apps were not shutdown %@", names);
+    if (_isSilentInstall)
+        SilentReturnHandler::setReturnCode(SilentReturnCode::ApplicationsStillRunning,
+                                           _environment.paths);
+    else
+        _environment.reporter->reportUpdateFailedTryAgain(names);
+    endEarlyRun();
+    return false;
+}
 
-    // 15. The update itself; the manifest processor ends the run.
-    InstalledApp app(*located, loader.getAppLocateInfo().appName.value_or(""));
+bool UpdateEngine::startUpdate() {
+    InstalledApp app(*_located, config().getAppLocateInfo().appName.value_or(""));
     NSLog("Proceed for update ...");
-    _updateApp(app, manifestPath.value_or(""));
+    _updateApp(app, _manifestPath.value_or(""));
+    return true;
 }
 
 int UpdateEngine::showWelcomeDlg() {
@@ -234,7 +271,10 @@ void UpdateEngine::_updateApp(const InstalledApp& app, const std::string& manife
     environment.loop = _environment.loop;
     environment.paths = _environment.paths;
     environment.strings = _environment.strings;
+    environment.reporter = _environment.reporter;
     environment.serviceSettings = _environment.serviceSettings;
+    environment.history = OrvelCodeFileHandler::getInstance();
+    environment.silent = GetENVsilentFlag();
     environment.cmdOptions.protectedFolders = _environment.paths.protectedFolders;
     _processManifest = std::make_unique<ProcessManifest>(
         manifestPath, workingFolder, app.path(), resourceDir, _dataLoader, std::move(environment));

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/AppBundle.h"
-#include "system/PlatformPaths.h"
+#include "runtime/PlatformPaths.h"
 #include "system/ServicesHandler.h"
 
 #include <functional>
@@ -10,6 +10,7 @@
 #include <string>
 
 class InstalledApp;
+class KORInstallerResultsWrapper;
 class LoadConfigData;
 class MainLoop;
 class ProcessManifest;
@@ -18,22 +19,25 @@ class RunningApplications;
 class RunningAppsWindowController;
 class StringTable;
 class UserInterface;
+enum class LocatorResult : int;
+enum class SilentReturnCode : int;
 
 // What a run reaches outside the engine; the front end fills it in.
 struct EngineEnvironment {
-    MainLoop* loop = nullptr;        // required
-    std::optional<AppBundle> bundle; // the patcher's own bundle
-    PlatformPaths paths = PlatformPaths::defaults();
-    const StringTable* strings = nullptr;                         // none: keys are the texts
-    UserInterface* userInterface = nullptr;                       // the welcome question
-    ProgressWindowController* progressController = nullptr;       // none: no progress window
+    MainLoop* loop = nullptr;                               // required
+    KORInstallerResultsWrapper* reporter = nullptr;         // required: where results are reported
+    std::optional<AppBundle> bundle;                        // the patcher's own bundle
+    PlatformPaths paths;                                    // the run's fixed locations
+    const StringTable* strings = nullptr;                   // none: keys are the texts
+    UserInterface* userInterface = nullptr;                 // the welcome question
+    ProgressWindowController* progressController = nullptr; // none: no progress window
     RunningAppsWindowController* runningAppsController = nullptr; // none: nobody to ask
-    const RunningApplications* runningApplications = nullptr;     // none: /proc of this machine
+    const RunningApplications* runningApplications = nullptr;     // none: those in paths.procRoot
     ServiceControlSettings serviceSettings;
     // Stands in for LocateInstalledApplication (configuration, under the update manager,
     // the located path out) so that a run can meet results the locator never gives; none:
     // the locator itself.
-    std::function<int(LoadConfigData&, bool, std::string&)> locate;
+    std::function<LocatorResult(LoadConfigData&, bool, std::string&)> locate;
 };
 
 // Drives one run of the patcher from launch to exit: log, mode, configuration, locating
@@ -61,7 +65,26 @@ public:
     const std::string& logPath() const { return _logPath; }
 
 private:
+    // The steps of appLaunched, in their order; each returns whether the run goes on, and
+    // one that ends the run has reported it the mode's own way.
+    bool startLog();
+    // Finds the bundle's configuration and manifest and loads the configuration; a
+    // configuration that cannot be loaded is not reported.
+    bool loadConfiguration();
+    bool decideMode();
+    bool applyComboFlag();
+    // Locates and validates the application with the installation database open.
+    bool locateApplication();
+    bool acceptLocatorResult();
+    bool askWelcome();
+    bool checkApplicationChosen();
+    bool checkRunningApplications();
+    // Hands the run over to the manifest processor, which ends it.
+    bool startUpdate();
+
     std::string localized(const std::string& key) const;
+    // Logs the localised text of key and reports it as the run's failure, then ends the run.
+    void endWithFailure(const char* key, SilentReturnCode silentCode);
     void endEarlyRun();
     LoadConfigData& config();
 
@@ -75,4 +98,8 @@ private:
     bool _isRunningUnderKOR = false;
     bool _isSilentInstall = false;
     std::string _logPath;
+    // What the steps hand on to the later ones.
+    std::optional<std::string> _manifestPath;
+    LocatorResult _locatorResult{};
+    std::optional<std::string> _located; // the located application; none when none was chosen
 };

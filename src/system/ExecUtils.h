@@ -1,7 +1,6 @@
 #pragma once
 
 #include "base/FileUtil.h"
-#include "system/PlatformPaths.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -96,21 +95,20 @@ struct BSDProcessRecord {
     std::string name; // the command name (at most 15 bytes)
 };
 
-// Fills list with a new array of the records of all processes and count with their
-// number; returns 0, or the error number when the list cannot be read (list and count
-// then untouched).
+// Fills list with a new array of the records of all processes in procRoot (the table's
+// "/proc") and count with their number; returns 0, or the error number when the list cannot
+// be read (list and count then untouched).
 int GetBSDProcessList(std::unique_ptr<BSDProcessRecord[]>& list, size_t& count,
-                      const std::string& procRoot = PlatformPaths::defaults().procRoot);
+                      const std::string& procRoot);
 
 // 1 when a live process of that id is in the process list, else 0 (also when the list
 // cannot be read). A process that has ended but was not yet reaped by its parent does not
 // count: on Linux such entries can stay in the list for good when nobody reaps them.
-int IsProcessRunning(pid_t pid, const std::string& procRoot = PlatformPaths::defaults().procRoot);
+int IsProcessRunning(pid_t pid, const std::string& procRoot);
 
 // The id of the first live process whose command name is name (compared on the kernel's
 // 15 bytes), or -1.
-pid_t GetProcessID(const std::string& name,
-                   const std::string& procRoot = PlatformPaths::defaults().procRoot);
+pid_t GetProcessID(const std::string& name, const std::string& procRoot);
 
 // Waits for the process to end: 0 when it did, ETIMEDOUT after timeoutSeconds (0 or less:
 // no limit), otherwise the error number (ESRCH when no such process exists).

@@ -1,6 +1,7 @@
 #include "system/ExecUtils.h"
 
-#include "run/Environment.h"
+#include "runtime/Environment.h"
+#include "runtime/PlatformPaths.h"
 #include "system/SysVServiceBackend.h"
 
 #include "SystemTestSupport.h"
@@ -19,6 +20,11 @@
 #include <unistd.h>
 
 namespace {
+
+// The machine's process folder: these tests look at real processes.
+const std::string& ProcRoot() {
+    return PlatformPaths::defaults().procRoot;
+}
 
 using Clock = std::chrono::steady_clock;
 
@@ -297,7 +303,7 @@ TEST(ExecUtilsTest, WaitWhileProcessExistsSeesTheEnd) {
 TEST(ExecUtilsTest, ProcessListFromProc) {
     std::unique_ptr<BSDProcessRecord[]> list;
     size_t count = 0;
-    ASSERT_EQ(GetBSDProcessList(list, count), 0);
+    ASSERT_EQ(GetBSDProcessList(list, count, ProcRoot()), 0);
     ASSERT_GT(count, 1u);
     const BSDProcessRecord* self = nullptr;
     for (size_t i = 0; i < count; ++i) {
@@ -318,17 +324,17 @@ TEST(ExecUtilsTest, ProcessListFromProc) {
 }
 
 TEST(ExecUtilsTest, IsProcessRunning) {
-    EXPECT_EQ(IsProcessRunning(::getpid()), 1);
+    EXPECT_EQ(IsProcessRunning(::getpid(), ProcRoot()), 1);
     const pid_t pid = StartSleeper(30);
     ASSERT_GT(pid, 0);
-    EXPECT_EQ(IsProcessRunning(pid), 1);
+    EXPECT_EQ(IsProcessRunning(pid, ProcRoot()), 1);
     EXPECT_EQ(IsProcessRunning(pid, "/nonexistent-proc"), 0);
     // Ended but not yet reaped: no longer running.
     ::kill(pid, SIGKILL);
     EXPECT_EQ(WaitForPID(pid, 5), 0);
-    EXPECT_EQ(IsProcessRunning(pid), 0);
+    EXPECT_EQ(IsProcessRunning(pid, ProcRoot()), 0);
     KillAndReap(pid);
-    EXPECT_EQ(IsProcessRunning(pid), 0);
+    EXPECT_EQ(IsProcessRunning(pid, ProcRoot()), 0);
 }
 
 TEST(ExecUtilsTest, GetProcessIDByName) {
@@ -337,15 +343,15 @@ TEST(ExecUtilsTest, GetProcessIDByName) {
     ASSERT_GT(pid, 0);
     pid_t found = -1;
     for (int i = 0; i < 100 && found != pid; ++i) { // the child needs a moment to exec
-        found = GetProcessID("orvelsleeper");
+        found = GetProcessID("orvelsleeper", ProcRoot());
         if (found != pid)
             ::usleep(20000);
     }
     EXPECT_EQ(found, pid);
-    EXPECT_EQ(GetProcessID("no-such-process-name"), -1);
-    EXPECT_EQ(GetProcessID(""), -1);
+    EXPECT_EQ(GetProcessID("no-such-process-name", ProcRoot()), -1);
+    EXPECT_EQ(GetProcessID("", ProcRoot()), -1);
     KillAndReap(pid);
-    EXPECT_EQ(GetProcessID("orvelsleeper"), -1);
+    EXPECT_EQ(GetProcessID("orvelsleeper", ProcRoot()), -1);
 }
 
 // launchctlCommand through a SysV service manager whose "service" program is a script of
@@ -407,7 +413,7 @@ TEST_F(LaunchctlCommandTest, WaitsForTheRecordedProcess) {
     start = Clock::now();
     EXPECT_EQ(Command("orvelsvc", "stop", 30), 0);
     EXPECT_LT(SecondsSince(start), 10.0);
-    EXPECT_EQ(IsProcessRunning(ending), 0);
+    EXPECT_EQ(IsProcessRunning(ending, ProcRoot()), 0);
     KillAndReap(ending);
 
     // A pid file without a number is nothing to wait for.

@@ -1,7 +1,8 @@
 #include "system/ExecuteWithPrivileges.h"
 
 #include "base/FileUtil.h"
-#include "run/LoggerUtility.h"
+#include "base/Path.h"
+#include "runtime/LoggerUtility.h"
 #include "system/ExecUtils.h"
 #include "system/NotificationCenter.h"
 #include "system/Utf8Text.h"
@@ -10,7 +11,6 @@
 #include <fcntl.h>
 #include <memory>
 #include <mutex>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,8 +57,7 @@ ExecuteWithPrivileges::ExecuteWithPrivileges(FromToken, std::vector<char> token)
 
 std::unique_ptr<ExecuteWithPrivileges>
 ExecuteWithPrivileges::initWithToken(const std::string& tokenFile) {
-    struct stat info {};
-    if (tokenFile.empty() || ::stat(tokenFile.c_str(), &info) != 0) {
+    if (!PathExists(tokenFile)) {
         NSLevelledLog(2, "Error. Execute with privileges cannot be initialized.");
         return nullptr;
     }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "system/PlatformPaths.h"
-
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,10 +21,10 @@ public:
 
     // The shared instance, made without a token on first use.
     static ExecuteWithPrivileges* getInstance();
-    // The shared instance, made from the token file on first use; null (logged) when there
-    // is no such file. An existing instance is returned as it is, however it was made.
-    static ExecuteWithPrivileges*
-    getInstanceUsingToken(const std::string& tokenFile = PlatformPaths::defaults().authTokenFile);
+    // The shared instance, made from the token file (the table's authTokenFile) on first
+    // use; null (logged) when there is no such file. An existing instance is returned as it
+    // is, however it was made.
+    static ExecuteWithPrivileges* getInstanceUsingToken(const std::string& tokenFile);
     // Destroys and forgets the shared instance, if any; always true.
     static bool releaseInstance();
 

@@ -1,6 +1,6 @@
 #include "system/ExecuteWithPrivileges.h"
 
-#include "run/Environment.h"
+#include "runtime/Environment.h"
 #include "system/ExecUtils.h"
 #include "system/NotificationCenter.h"
 

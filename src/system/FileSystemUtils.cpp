@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "base/FileUtil.h"
+#include "base/Path.h"
 
 namespace FileSystemUtils {
 
@@ -33,8 +34,7 @@ int ValidateUTF8FullPathString(const std::string& text) {
 }
 
 bool Exists(const FileSystemPath& path) {
-    struct stat info {};
-    return ::lstat(path.AsUTF8String().c_str(), &info) == 0;
+    return PathExistsNoFollow(path.AsUTF8String());
 }
 
 bool IsDirectory(const FileSystemPath& path, bool& isDirectory) {

@@ -1,11 +1,11 @@
 #include "system/ServiceBackend.h"
 
-#include "run/LoggerUtility.h"
+#include "base/Path.h"
+#include "runtime/LoggerUtility.h"
 #include "system/SysVServiceBackend.h"
 #include "system/SystemdServiceBackend.h"
 
 #include <cctype>
-#include <sys/stat.h>
 
 bool IsValidServiceLabel(const std::string& name) {
     if (name.empty() || name.size() > 255 || name.front() == '-' || name.front() == '.')
@@ -31,8 +31,7 @@ bool AcceptServiceLabel(const std::string& name) {
 }
 
 std::unique_ptr<ServiceBackend> ServiceBackend::forMachine(const PlatformPaths& paths) {
-    struct stat info {};
-    if (::stat(paths.systemdRunFolder.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+    if (FolderExists(paths.systemdRunFolder))
         return std::make_unique<SystemdServiceBackend>(
             SystemdServiceBackend::resolveProgram(paths.systemctlProgram));
     return std::make_unique<SysVServiceBackend>(paths.initScriptsFolder, paths.serviceProgram);

@@ -1,7 +1,8 @@
 #include "system/ServicesHandler.h"
 
-#include "run/Environment.h"
-#include "run/LoggerUtility.h"
+#include "base/Path.h"
+#include "runtime/Environment.h"
+#include "runtime/LoggerUtility.h"
 #include "system/ExecUtils.h"
 #include "system/ExecuteWithPrivileges.h"
 #include "system/Utf8Text.h"
@@ -10,7 +11,6 @@
 #include <climits>
 #include <cstdlib>
 #include <strings.h>
-#include <sys/stat.h>
 
 namespace {
 
@@ -34,11 +34,6 @@ long long LeadingInteger(const std::string& text) {
             return negative ? INT_MIN : INT_MAX;
     }
     return negative ? -value : value;
-}
-
-bool FileExistsAt(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
 }
 
 } // namespace
@@ -124,7 +119,7 @@ void ServicesHandler::stopServices() {
         const std::string filePath = expandPath(pathNodes.front().stringValue());
         if (!filePath.empty()) {
             NSLevelledLog(3, "Service File Path : %@", filePath);
-            if (!FileExistsAt(filePath)) {
+            if (!PathExists(filePath)) {
                 NSLevelledLog(3, "No such service");
                 continue;
             }
@@ -225,7 +220,7 @@ bool ServicesHandler::isRunning(const std::string& serviceName) {
             }
         }
         const std::string pidFile = StringWithFormat(_settings.paths.pidFileFormat, serviceName);
-        if (loaded && FileExistsAt(pidFile)) {
+        if (loaded && PathExists(pidFile)) {
             std::string text = ReadFileText(pidFile, 4096).value_or(std::string());
             if (!IsValidUTF8(text))
                 text.clear();

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Xml.h"
-#include "system/PlatformPaths.h"
+#include "runtime/PlatformPaths.h"
 #include "system/ServiceBackend.h"
 
 #include <functional>
@@ -18,7 +18,7 @@ using DirectoryTokenExpander = std::function<std::string(const std::string& path
 // Where a services handler finds the machine. The defaults are this machine's; tests hand
 // in their own locations, service manager and a shorter wait.
 struct ServiceControlSettings {
-    PlatformPaths paths = PlatformPaths::defaults();
+    PlatformPaths paths;
     // Null: the service manager of the machine (ServiceBackend::forMachine(paths)).
     std::shared_ptr<const ServiceBackend> backend;
     int waitSeconds = kServiceWaitSeconds;

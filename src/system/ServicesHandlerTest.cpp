@@ -1,7 +1,8 @@
 #include "system/ServicesHandler.h"
 
-#include "run/Environment.h"
-#include "run/LoggerUtility.h"
+#include "runtime/Environment.h"
+#include "runtime/LoggerUtility.h"
+#include "runtime/PlatformPaths.h"
 #include "system/ExecUtils.h"
 #include "system/ExecuteWithPrivileges.h"
 #include "system/SysVServiceBackend.h"
@@ -21,6 +22,11 @@
 #include <unistd.h>
 
 namespace {
+
+// The machine's process folder: these tests look at real processes.
+const std::string& ProcRoot() {
+    return PlatformPaths::defaults().procRoot;
+}
 
 XmlNode ManifestRoot(const std::string& xml, XmlDocumentHandle& keep) {
     keep = XmlDocument::parseMemory(xml).document;
@@ -135,7 +141,7 @@ protected:
     std::string Calls() const {
         return FileExists(_dir.file("calls")) ? ReadTextFile(_dir.file("calls")) : "";
     }
-    static bool Alive(pid_t pid) { return IsProcessRunning(pid) == 1; }
+    static bool Alive(pid_t pid) { return IsProcessRunning(pid, ProcRoot()) == 1; }
 
     TempDir _dir;
     ServiceControlSettings _settings;
@@ -477,11 +483,11 @@ void ReapChildren() {
 // counts a daemon gone once its program is unmapped, a moment before the process has
 // finished exiting.
 bool HasEnded(pid_t pid) {
-    for (int i = 0; i < 250 && IsProcessRunning(pid) != 0; ++i) {
+    for (int i = 0; i < 250 && IsProcessRunning(pid, ProcRoot()) != 0; ++i) {
         ReapChildren();
         ::usleep(20000);
     }
-    return IsProcessRunning(pid) == 0;
+    return IsProcessRunning(pid, ProcRoot()) == 0;
 }
 
 class ServicesSysVInNamespace : public testing::Test {
@@ -525,7 +531,7 @@ protected:
         // Every daemon left, pid file or not, is a child of this process by now.
         std::unique_ptr<BSDProcessRecord[]> list;
         size_t count = 0;
-        if (GetBSDProcessList(list, count) == 0) {
+        if (GetBSDProcessList(list, count, ProcRoot()) == 0) {
             for (size_t i = 0; i < count; ++i) {
                 if (list[i].parentPid == ::getpid())
                     KillAndReap(list[i].pid);
@@ -545,7 +551,7 @@ protected:
         const auto started = [&] {
             const pid_t pid = PidOf(name);
             std::error_code error;
-            return pid > 0 && IsProcessRunning(pid) == 1 &&
+            return pid > 0 && IsProcessRunning(pid, ProcRoot()) == 1 &&
                    std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error) ==
                        "/usr/bin/sleep";
         };
@@ -591,8 +597,8 @@ TEST_F(ServicesSysVInNamespace, DISABLED_StopsAndRestartsInTheOrderAThenB) {
     EXPECT_EQ(handler->restartServices(), (std::vector<std::string>{"orvelsvca", "orvelsvcb"}));
     handler->startServices();
     EXPECT_EQ(Operations(), "stop orvelsvca\nstop orvelsvcb\nstart orvelsvca\nstart orvelsvcb\n");
-    EXPECT_EQ(IsProcessRunning(PidOf("orvelsvca")), 1);
-    EXPECT_EQ(IsProcessRunning(PidOf("orvelsvcb")), 1);
+    EXPECT_EQ(IsProcessRunning(PidOf("orvelsvca"), ProcRoot()), 1);
+    EXPECT_EQ(IsProcessRunning(PidOf("orvelsvcb"), ProcRoot()), 1);
     EXPECT_NE(PidOf("orvelsvca"), oldA);
 }
 
@@ -632,7 +638,7 @@ TEST_F(ServicesSysVInNamespace, DISABLED_AServiceThatIsNotLoadedIsNotTouched) {
     handler->stopServices();
     handler->startServices();
     EXPECT_EQ(Operations(), "");
-    EXPECT_EQ(IsProcessRunning(pid), 1);
+    EXPECT_EQ(IsProcessRunning(pid, ProcRoot()), 1);
 }
 
 TEST_F(ServicesSysVInNamespace, DISABLED_LaunchctlCommandOnTheMachine) {

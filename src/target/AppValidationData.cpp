@@ -1,6 +1,6 @@
 #include "target/AppValidationData.h"
 
-#include "run/LoggerUtility.h"
+#include "runtime/LoggerUtility.h"
 
 AppValidationData::~AppValidationData() {
     NSLevelledLog(3, "dealloc AppValidationData");

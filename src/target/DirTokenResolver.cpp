@@ -1,7 +1,8 @@
 #include "target/DirTokenResolver.h"
 
-#include "run/CommonUtility.h"
-#include "run/LoggerUtility.h"
+#include "base/Path.h"
+#include "runtime/CommonUtility.h"
+#include "runtime/LoggerUtility.h"
 
 #include <array>
 
@@ -24,19 +25,6 @@ constexpr std::array<const char*, 11> kTokenOrder = {"[OrvelProgramFiles]",
 
 bool StartsWith(const std::string& text, const std::string& prefix) {
     return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-// Joins two path pieces with exactly one slash between them.
-std::string AppendPathComponent(std::string base, std::string component) {
-    while (base.size() > 1 && base.back() == '/')
-        base.pop_back();
-    while (!component.empty() && component.front() == '/')
-        component.erase(0, 1);
-    if (component.empty())
-        return base;
-    if (base.empty())
-        return component;
-    return base == "/" ? base + component : base + "/" + component;
 }
 
 } // namespace
@@ -66,8 +54,8 @@ DirTokenResolver::DirTokenResolver(const PlatformPaths& paths,
     // account reports, so a patcher run by root for a desktop user still reaches that
     // user's folder. Without a known user there is no folder to name.
     if (userName && !userName->empty()) {
-        _dirTokenDictionary["[UserPreferences]"] = AppendPathComponent(
-            AppendPathComponent(paths.usersRoot, *userName), paths.userPreferencesFolder);
+        _dirTokenDictionary["[UserPreferences]"] =
+            JoinPath(JoinPath(paths.usersRoot, *userName), paths.userPreferencesFolder);
     }
 }
 

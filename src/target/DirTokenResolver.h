@@ -1,6 +1,6 @@
 #pragma once
 
-#include "system/PlatformPaths.h"
+#include "runtime/PlatformPaths.h"
 
 #include <map>
 #include <optional>
@@ -14,7 +14,7 @@ class DirTokenResolver {
 public:
     // The table of the given platform, with the console user (GetUserName) for
     // "[UserPreferences]".
-    explicit DirTokenResolver(const PlatformPaths& paths = PlatformPaths::defaults());
+    explicit DirTokenResolver(const PlatformPaths& paths);
     // As above with the user given; without a user there is no "[UserPreferences]" entry.
     DirTokenResolver(const PlatformPaths& paths, const std::optional<std::string>& userName);
 

@@ -1,8 +1,8 @@
 #include "target/DirTokenResolver.h"
 
 #include "TestSupport.h"
-#include "run/CommonUtility.h"
-#include "run/Environment.h"
+#include "runtime/CommonUtility.h"
+#include "runtime/Environment.h"
 
 #include <gtest/gtest.h>
 
@@ -152,7 +152,7 @@ TEST_F(DirTokenResolverTest, ReplacementThatChangesNothingCountsAsNoExpansion) {
 }
 
 TEST_F(DirTokenResolverTest, UserPreferencesFollowTheConsoleUser) {
-    DirTokenResolver resolver;
+    DirTokenResolver resolver(PlatformPaths::defaults());
     const auto user = GetUserName();
     ASSERT_TRUE(user);
     EXPECT_EQ(resolver.expandDirectoryTokenForPath("[UserPreferences]/a", std::nullopt),

@@ -1,6 +1,6 @@
 #include "target/InstalledApp.h"
 
-#include "run/LoggerUtility.h"
+#include "runtime/LoggerUtility.h"
 
 InstalledApp::InstalledApp(std::string path, std::string appName)
     : _path(std::move(path)), _appName(std::move(appName)), _bundle(_path) {}

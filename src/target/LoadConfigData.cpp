@@ -1,6 +1,7 @@
 #include "target/LoadConfigData.h"
 
-#include "run/LoggerUtility.h"
+#include "base/Path.h"
+#include "runtime/LoggerUtility.h"
 
 #include <string_view>
 #include <strings.h>
@@ -13,19 +14,6 @@ constexpr const char* kDefaultProductName = "Orvel universal Updater";
 constexpr const char* kDefaultPatcherName = "UpdaterApplication";
 constexpr const char* kDefaultComboFlag = "false";
 constexpr const char* kDefaultNewProductVersion = "1.0.1";
-
-// The extension of the last path component, without its dot; "" when there is none. A
-// leading dot marks a hidden file, not an extension.
-std::string PathExtension(std::string path) {
-    while (path.size() > 1 && path.back() == '/')
-        path.pop_back();
-    const size_t slash = path.find_last_of('/');
-    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    const size_t dot = name.find_last_of('.');
-    if (dot == std::string::npos || dot == 0)
-        return {};
-    return name.substr(dot + 1);
-}
 
 bool EqualIgnoringCase(const std::string& a, const char* b) {
     return ::strcasecmp(a.c_str(), b) == 0;

@@ -1,7 +1,7 @@
 #include "target/LoadConfigData.h"
 
 #include "TestSupport.h"
-#include "run/Environment.h"
+#include "runtime/Environment.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,10 @@
 #include "target/LocateInstalledApplication.h"
 
+#include "base/Path.h"
 #include "base/PropertyList.h"
-#include "run/CommonUtility.h"
-#include "run/Environment.h"
-#include "run/LoggerUtility.h"
+#include "runtime/CommonUtility.h"
+#include "runtime/Environment.h"
+#include "runtime/LoggerUtility.h"
 #include "target/DirTokenResolver.h"
 #include "target/LoadConfigData.h"
 #include "target/OrvelCodeFileHandler.h"
@@ -13,7 +14,6 @@
 #include <climits>
 #include <cstdint>
 #include <strings.h>
-#include <sys/stat.h>
 
 namespace {
 
@@ -29,48 +29,6 @@ bool EqualIgnoringCase(const std::string& a, const char* b) {
 
 bool EqualIgnoringCase(const std::optional<std::string>& a, const char* b) {
     return a && ::strcasecmp(a->c_str(), b) == 0;
-}
-
-// stat() follows symbolic links; a loop of links (ELOOP) counts as missing.
-bool PathExists(const std::string& path) {
-    struct stat info {};
-    return !path.empty() && ::stat(path.c_str(), &info) == 0;
-}
-
-bool FolderExists(const std::string& path) {
-    struct stat info {};
-    return !path.empty() && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-std::string WithoutTrailingSlashes(std::string path) {
-    while (path.size() > 1 && path.back() == '/')
-        path.pop_back();
-    return path;
-}
-
-std::string LastPathComponent(const std::string& path) {
-    const std::string trimmed = WithoutTrailingSlashes(path);
-    if (trimmed == "/")
-        return trimmed;
-    const auto slash = trimmed.rfind('/');
-    return slash == std::string::npos ? trimmed : trimmed.substr(slash + 1);
-}
-
-// The path without its last component: "/" for "/x" and "/", "" for a single component.
-std::string ParentPath(const std::string& path) {
-    const std::string trimmed = WithoutTrailingSlashes(path);
-    const auto slash = trimmed.rfind('/');
-    if (slash == std::string::npos)
-        return std::string();
-    if (slash == 0)
-        return "/";
-    return WithoutTrailingSlashes(trimmed.substr(0, slash));
-}
-
-std::string PathExtension(const std::string& path) {
-    const std::string name = LastPathComponent(path);
-    const auto dot = name.rfind('.');
-    return dot == std::string::npos || dot == 0 ? std::string() : name.substr(dot + 1);
 }
 
 // The installation folder as recorded: an absolute path, trailing slashes dropped. Nothing
@@ -147,21 +105,21 @@ LocateInstalledApplication::LocateInstalledApplication(LoadConfigData& configDat
       _validateAppData(configData.getAppValidationInfo()), _isRunningUnderKOR(underKOR),
       _paths(paths) {}
 
-int LocateInstalledApplication::locateAndValidateApplication(std::string& appPath) {
+LocatorResult LocateInstalledApplication::locateAndValidateApplication(std::string& appPath) {
     appPath.clear();
-    int result = kNotProper;
+    LocatorResult result = LocatorResult::NotProper;
     const auto& codes = _findAppData.appOrvelCodeGUIDList;
     if (codes.empty())
         return result;
 
     std::optional<std::string> folder;
     std::string code;
-    for (size_t i = 0; i < codes.size() && result != kValid; ++i) {
+    for (size_t i = 0; i < codes.size() && result != LocatorResult::Valid; ++i) {
         code = codes[i].stringValue();
         const auto installDir = ReadZOTHValue(GetInstallDirFromZOTH, code);
         if (!installDir) {
             NSLevelledLog(3, "No entry for OrvelCode GUID (%d) : %@", i + 1, code);
-            result = kNotFound;
+            result = LocatorResult::NotFound;
             folder.reset();
             continue;
         }
@@ -176,10 +134,10 @@ int LocateInstalledApplication::locateAndValidateApplication(std::string& appPat
     if (!folder)
         return result;
 
-    if (result == kNotFound && _findAppData.kvrFilePath)
+    if (result == LocatorResult::NotFound && _findAppData.kvrFilePath)
         result = followMovedApplication(code, folder);
 
-    if (result == kValid) {
+    if (result == LocatorResult::Valid) {
         NSLevelledLog(3, "Valid install dir from ZOTH: %@", *folder);
         appPath = *folder;
         if (auto language = ReadZOTHValue(GetInstallLanguageFromZOTH, code))
@@ -188,32 +146,33 @@ int LocateInstalledApplication::locateAndValidateApplication(std::string& appPat
             NSLevelledLog(3, "Failed to get install language from Orvel ZOTH");
     }
 
-    if (!appPath.empty() && result == kValid) {
-        const int space = isSufficientDiskSpace(appPath);
-        if (space != kEnoughSpace)
+    if (!appPath.empty() && result == LocatorResult::Valid) {
+        const LocatorResult space = isSufficientDiskSpace(appPath);
+        if (space != LocatorResult::EnoughSpace)
             result = space;
     }
     return result;
 }
 
-int LocateInstalledApplication::followMovedApplication(const std::string& code,
-                                                       std::optional<std::string>& folder) {
+LocatorResult
+LocateInstalledApplication::followMovedApplication(const std::string& code,
+                                                   std::optional<std::string>& folder) {
     const auto recordedKVR = ReadZOTHValue(GetKVRFilePathFromZOTHForKVRDomain, code);
     if (!recordedKVR) {
         NSLevelledLog(3, "No entry of KVR File Path in KVR Domain");
-        return kNotFound;
+        return LocatorResult::NotFound;
     }
     NSLevelledLog(3, "Found KVR File Path: %@", *recordedKVR);
 
     std::string configuredApp;
     if (!GetPathToAppGivenSubDirPath(ParentPath(*_findAppData.kvrFilePath), configuredApp,
                                      _paths.protectedFolders))
-        return kNotFound;
+        return LocatorResult::NotFound;
     std::string recordedApp;
     if (!PathExists(*recordedKVR) ||
         !GetPathToAppGivenSubDirPath(ParentPath(*recordedKVR), recordedApp,
                                      _paths.protectedFolders))
-        return kNotFound;
+        return LocatorResult::NotFound;
 
     NSLevelledLog(3, "Actual App path: %@", recordedApp);
     NSLevelledLog(3, "App path with token: %@", configuredApp);
@@ -221,7 +180,7 @@ int LocateInstalledApplication::followMovedApplication(const std::string& code,
         NSLevelledLog(0, "Could not resolve path because zoth is not updated according to new "
                          "location of application. Launch application and click repair may fix "
                          "this problem.");
-        return kNotFound;
+        return LocatorResult::NotFound;
     }
 
     std::string configuredSide = ParentPath(configuredApp);
@@ -243,16 +202,17 @@ int LocateInstalledApplication::followMovedApplication(const std::string& code,
     return isProperProduct(folder);
 }
 
-int LocateInstalledApplication::isProperProduct(const std::optional<std::string>& folder) {
+LocatorResult
+LocateInstalledApplication::isProperProduct(const std::optional<std::string>& folder) {
     if (!folder || !FolderExists(*folder))
-        return kNotFound;
+        return LocatorResult::NotFound;
 
     if (_findAppData.kvrFilePath) {
         const DirTokenResolver resolver(_paths);
         const std::string kvrFile =
             resolver.expandDirectoryTokenForPath(*_findAppData.kvrFilePath, *folder);
         if (!PathExists(kvrFile))
-            return kNotFound;
+            return LocatorResult::NotFound;
     }
 
     const std::string code = _validateAppData.appOrvelCodeGUID.value_or("");
@@ -271,12 +231,13 @@ int LocateInstalledApplication::isProperProduct(const std::optional<std::string>
         historyFile, _validateAppData.patcherID, _findAppData.oldVersion, _findAppData.newVersion,
         _configData.getProductName(), _configData.getProductFamily(), installed, modified);
 
-    if (decidePatcherMode(installedVersion, PathExists(historyFile)) == kNotProper)
-        return kNotProper;
+    if (decidePatcherMode(installedVersion, PathExists(historyFile)) ==
+        OrvelCodeFileHandler::kModeNotPatchable)
+        return LocatorResult::NotProper;
 
     if (!_findAppData.appName) {
         NSLevelledLog(3, "TBD. Skipping app validation as app name is not present.");
-        return kValid;
+        return LocatorResult::Valid;
     }
     const std::string bundle = *folder + "/" + *_findAppData.appName + ".app";
     NSLog(StringWithFormat("Validating Application: %@ ", bundle));
@@ -284,7 +245,7 @@ int LocateInstalledApplication::isProperProduct(const std::optional<std::string>
     if (!PathExists(bundle)) {
         NSLog("Application could not be found.");
         NSLog("app is NOT proper");
-        return kNotProper;
+        return LocatorResult::NotProper;
     }
     NSLevelledLog(3, "Application is present.");
 
@@ -303,11 +264,11 @@ int LocateInstalledApplication::isProperProduct(const std::optional<std::string>
             } else if (order < 0) {
                 NSLevelledLog(3, "Application is already up-to-date.");
                 NSLog("app is proper");
-                return kAlreadyUpToDate;
+                return LocatorResult::AlreadyUpToDate;
             } else {
                 NSLevelledLog(3, "Bundle Version does not match.");
                 NSLog("app is NOT proper");
-                return kNotProper;
+                return LocatorResult::NotProper;
             }
         }
     }
@@ -324,7 +285,7 @@ int LocateInstalledApplication::isProperProduct(const std::optional<std::string>
             if (*identifier != *_validateAppData.appBundleIdentifier) {
                 NSLevelledLog(3, "BundleIdentifier does not match");
                 NSLog("app is NOT proper");
-                return kNotProper;
+                return LocatorResult::NotProper;
             }
             NSLevelledLog(3, "BundleIdentifiers matched");
         }
@@ -333,15 +294,16 @@ int LocateInstalledApplication::isProperProduct(const std::optional<std::string>
     if (_validateAppData.keyValuePairs.empty()) {
         NSLevelledLog(3, "keyValuesPair is not present in the configuration file.");
         NSLog("app is proper");
-        return kValid;
+        return LocatorResult::Valid;
     }
     checkKeyValuePairs();
     NSLog("app is proper");
-    return kValid;
+    return LocatorResult::Valid;
 }
 
 // The mode comes from the database's version when there is no history file, else from the
-// history handler. Returns the mode, or -1 when the application may not be patched.
+// history handler. Returns the mode, or kModeNotPatchable when the application may not be
+// patched.
 int LocateInstalledApplication::decidePatcherMode(const std::string& installedVersion,
                                                   bool historyExists) {
     int mode;
@@ -355,7 +317,7 @@ int LocateInstalledApplication::decidePatcherMode(const std::string& installedVe
             mode = OrvelCodeFileHandler::kModeComboPatch;
         } else if (newOrder != 0) {
             NSLevelledLog(3, "Version does not match.");
-            return kNotProper;
+            return OrvelCodeFileHandler::kModeNotPatchable;
         } else {
             mode = OrvelCodeFileHandler::kModeRepair;
         }
@@ -366,7 +328,7 @@ int LocateInstalledApplication::decidePatcherMode(const std::string& installedVe
         if (mode != OrvelCodeFileHandler::kModeInstall &&
             mode != OrvelCodeFileHandler::kModeRepair &&
             mode != OrvelCodeFileHandler::kModeComboPatch)
-            return kNotProper;
+            return OrvelCodeFileHandler::kModeNotPatchable;
     }
     switch (mode) {
     case OrvelCodeFileHandler::kModeInstall:
@@ -500,14 +462,14 @@ bool LocateInstalledApplication::isSingleElementType(const std::vector<XmlNode>&
     return IsSingleElement(nodes);
 }
 
-int LocateInstalledApplication::isSufficientDiskSpace(const std::string& folder) {
+LocatorResult LocateInstalledApplication::isSufficientDiskSpace(const std::string& folder) {
     NSLevelledLog(3, "Space availability check ... ");
     if (!HasSpace(folder, RequiredKB(_validateAppData.spaceRequiedOnAppVolume)))
-        return kNoSpaceOnAppVolume;
+        return LocatorResult::NoSpaceOnAppVolume;
     if (!HasSpace(_paths.tmpVolume, RequiredKB(_validateAppData.spaceRequiedOnOSVolume)))
-        return kNoSpaceOnOSVolume;
+        return LocatorResult::NoSpaceOnOSVolume;
     NSLevelledLog(3, "Passed.");
-    return kEnoughSpace;
+    return LocatorResult::EnoughSpace;
 }
 
 std::optional<std::string>
@@ -531,7 +493,7 @@ LocateInstalledApplication::_appPathFromUserWithDefault(const std::string&) {
 bool LocateInstalledApplication::panelShouldShowFilename(const std::string& filename) {
     if (EqualIgnoringCase(PathExtension(filename), "app")) {
         NSLevelledLog(3, "Found application folder, checking for updatability...");
-        return isProperProduct(filename) != kNotProper;
+        return isProperProduct(filename) != LocatorResult::NotProper;
     }
     return FolderExists(filename);
 }

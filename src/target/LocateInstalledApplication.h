@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Xml.h"
-#include "system/PlatformPaths.h"
+#include "runtime/PlatformPaths.h"
 
 #include <optional>
 #include <string>
@@ -11,6 +11,20 @@ class AppValidationData;
 class LoadConfigData;
 class ProductData;
 
+// What the locator answers, with the numbers the engine's dispatch and the logs know.
+enum class LocatorResult : int {
+    // Not valid for this update: no installation code configured, or not the right product,
+    // version or patcher mode.
+    NotProper = -1,
+    Valid = 0,    // the application may be updated
+    NotFound = 1, // no database entry, no folder or KVR file, or a move that cannot be followed
+    NotValidForUpdate = 2, // as NotProper; never given by the locator itself
+    AlreadyUpToDate = 3,
+    EnoughSpace = 4, // of the space check only; the locator turns it into Valid
+    NoSpaceOnOSVolume = 5,
+    NoSpaceOnAppVolume = 6,
+};
+
 // Finds the installed application that this patcher updates, through the installation
 // database (the process's ZOTH client must exist, see InstantiateZOTHService), follows it
 // when it was moved, and decides whether it may be patched: identity, version, patcher
@@ -18,36 +32,27 @@ class ProductData;
 // files and free disk space.
 class LocateInstalledApplication {
 public:
-    // Results of locateAndValidateApplication and isProperProduct.
-    static constexpr int kValid = 0;
-    static constexpr int kNotFound = 1;
-    static constexpr int kNotProper = -1;
-    static constexpr int kAlreadyUpToDate = 3;
-    // Results of isSufficientDiskSpace (5 and 6 also of locateAndValidateApplication).
-    static constexpr int kEnoughSpace = 4;
-    static constexpr int kNoSpaceOnOSVolume = 5;
-    static constexpr int kNoSpaceOnAppVolume = 6;
-
     // The configuration must outlive the locator; the locator stores the installation code
     // it finds in the configuration's validation record. Fixed locations (patch-history
     // folder, "/tmp" volume, protected folders) come from paths.
     LocateInstalledApplication(LoadConfigData& configData, bool underKOR,
-                               const PlatformPaths& paths = PlatformPaths::defaults());
+                               const PlatformPaths& paths);
 
     // Searches the configured installation codes in order and validates what it finds.
-    // appPath is cleared first and set to the installation folder on 0, and on 5 or 6 after
-    // a successful search. Returns 0 valid, 1 not found, -1 not the right product or no
-    // code configured, 3 already up to date, 5 / 6 too little space on the system / the
-    // application's volume. On success the installation language from the database
-    // becomes the run's install language.
-    [[nodiscard]] int locateAndValidateApplication(std::string& appPath);
+    // appPath is cleared first and set to the installation folder on Valid, and on
+    // NoSpaceOnOSVolume or NoSpaceOnAppVolume after a successful search. Returns Valid,
+    // NotFound, NotProper (also when no code is configured), AlreadyUpToDate,
+    // NoSpaceOnOSVolume or NoSpaceOnAppVolume. On success the installation language from the
+    // database becomes the run's install language.
+    [[nodiscard]] LocatorResult locateAndValidateApplication(std::string& appPath);
 
     // Whether the folder holds the right application in a version this patcher may update:
-    // 0 proper, 1 folder (or its KVR file) missing, -1 wrong product or version or no
-    // usable patcher mode, 3 already up to date. Creates the patch-history handler.
-    [[nodiscard]] int isProperProduct(const std::optional<std::string>& folder);
-    // 4 enough space, 6 too little on the folder's volume, 5 too little on the "/tmp" volume.
-    [[nodiscard]] int isSufficientDiskSpace(const std::string& folder);
+    // Valid, NotFound (folder or its KVR file missing), NotProper (wrong product or version
+    // or no usable patcher mode), AlreadyUpToDate. Creates the patch-history handler.
+    [[nodiscard]] LocatorResult isProperProduct(const std::optional<std::string>& folder);
+    // EnoughSpace, NoSpaceOnAppVolume (the folder's volume) or NoSpaceOnOSVolume (the
+    // "/tmp" volume).
+    [[nodiscard]] LocatorResult isSufficientDiskSpace(const std::string& folder);
 
     // What getKeyValues found: the value of a property list's key as text, or the nodes
     // that an XML file's query matched.
@@ -74,7 +79,7 @@ public:
     std::optional<std::string> _appPathFromUser();
     std::optional<std::string> _appPathFromUserWithDefault(const std::string& defaultPath);
     // The choice rule of the open panel: folders are shown; an "app" bundle is hidden when
-    // isProperProduct rejects it with -1.
+    // isProperProduct rejects it with NotProper.
     bool panelShouldShowFilename(const std::string& filename);
 
     bool isRunningUnderKOR() const { return _isRunningUnderKOR; }
@@ -82,7 +87,8 @@ public:
 private:
     // Follows an application that was moved since it was installed, using the KVR file's
     // path recorded in the database's KVR domain. Returns the new result and sets folder.
-    int followMovedApplication(const std::string& code, std::optional<std::string>& folder);
+    LocatorResult followMovedApplication(const std::string& code,
+                                         std::optional<std::string>& folder);
     int decidePatcherMode(const std::string& installedVersion, bool historyExists);
     void checkKeyValuePairs();
 

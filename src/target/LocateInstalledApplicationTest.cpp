@@ -3,8 +3,8 @@
 #include "target/LocateInstalledApplication.h"
 
 #include "TestSupport.h"
-#include "run/CommonUtility.h"
-#include "run/Environment.h"
+#include "runtime/CommonUtility.h"
+#include "runtime/Environment.h"
 #include "target/InstalledApp.h"
 #include "target/LoadConfigData.h"
 #include "target/OrvelCodeFileHandler.h"
@@ -155,13 +155,14 @@ protected:
         ASSERT_EQ(RunZothctl(db(), args), 0);
     }
 
+    // The results as their numbers, which the tables below are written in.
     int locate(std::string& path) {
         LocateInstalledApplication locator(*_config, false, _paths);
-        return locator.locateAndValidateApplication(path);
+        return static_cast<int>(locator.locateAndValidateApplication(path));
     }
     int isProper(const std::string& folder) {
         LocateInstalledApplication locator(*_config, false, _paths);
-        return locator.isProperProduct(folder);
+        return static_cast<int>(locator.isProperProduct(folder));
     }
 
     std::string db() const { return _dir.file("zoth.db"); }
@@ -400,7 +401,7 @@ TEST_F(LocateInstalledApplicationTest, MissingFolderOrKVRFile) {
     EXPECT_EQ(isProper(_dir.file("absent")), 1);
     LocateInstalledApplication locator(*_config, true, _paths);
     EXPECT_TRUE(locator.isRunningUnderKOR());
-    EXPECT_EQ(locator.isProperProduct(std::nullopt), 1);
+    EXPECT_EQ(locator.isProperProduct(std::nullopt), LocatorResult::NotFound);
     const std::string folder = makeApp(_dir.file("opt/Suite"));
     ::unlink((folder + "/App.app/Contents/Resources/App.kvr").c_str());
     EXPECT_EQ(isProper(folder), 1);
@@ -621,8 +622,8 @@ TEST_F(LocateInstalledApplicationTest, TooLittleSpaceOnTheApplicationsVolume) {
         spec.targetSpace = "2048";
         load(spec);
         LocateInstalledApplication locator(*_config, false, _paths);
-        if (locator.isSufficientDiskSpace(volume + "/Suite") != 6 ||
-            locator.isSufficientDiskSpace(_dir.path()) != 4)
+        if (locator.isSufficientDiskSpace(volume + "/Suite") != LocatorResult::NoSpaceOnAppVolume ||
+            locator.isSufficientDiskSpace(_dir.path()) != LocatorResult::EnoughSpace)
             return 106;
         return 0;
     });

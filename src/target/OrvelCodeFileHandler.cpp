@@ -1,9 +1,10 @@
 #include "target/OrvelCodeFileHandler.h"
 
 #include "base/Format.h"
+#include "base/Path.h"
 #include "base/Xml.h"
-#include "run/CommonUtility.h"
-#include "run/LoggerUtility.h"
+#include "runtime/CommonUtility.h"
+#include "runtime/LoggerUtility.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -28,13 +29,6 @@ bool CanAddressFile(const std::string& path) {
     return !path.empty() && path.find('\0') == std::string::npos;
 }
 
-// Anything at the path, a dangling symbolic link included: nothing is ever written through
-// a link that the handler did not make.
-bool PathExists(const std::string& path) {
-    struct stat info {};
-    return ::lstat(path.c_str(), &info) == 0;
-}
-
 bool IsRegularFile(const std::string& path) {
     struct stat info {};
     return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
@@ -49,13 +43,6 @@ XmlDocumentHandle ParseWithoutErrors(const std::string& path) {
     if (!parsed.errors.empty())
         return nullptr;
     return parsed.document;
-}
-
-std::string ParentFolder(const std::string& path) {
-    const size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos)
-        return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 // Creates the missing folders of path (mode 0755, owned by whoever runs the patcher: the
@@ -137,7 +124,9 @@ int OrvelCodeFileHandler::getPatcherModeAndInstalledAppBuildVersion(
         NSLevelledLog(0, "Can't create an URL from file path %@.", ocPatchFilePath);
         return finish(kModeInstall);
     }
-    if (!PathExists(ocPatchFilePath)) {
+    // A dangling link counts as a file: nothing is ever written through a link that the
+    // handler did not make.
+    if (!PathExistsNoFollow(ocPatchFilePath)) {
         versionFound = PatchBaseVer;
         return finish(kModeInstall);
     }
@@ -197,7 +186,7 @@ int OrvelCodeFileHandler::getPatcherModeAndInstalledAppBuildVersion(
 }
 
 bool OrvelCodeFileHandler::createOCPatchFile() {
-    if (!CanAddressFile(ocPatchFilePath) || !MakeFolders(ParentFolder(ocPatchFilePath)))
+    if (!CanAddressFile(ocPatchFilePath) || !MakeFolders(ParentPath(ocPatchFilePath)))
         return false;
     XmlDocumentHandle document = XmlDocument::create("PBSHistory");
     if (!document)
@@ -215,7 +204,7 @@ bool OrvelCodeFileHandler::addPatcherEntry(const std::string& manifestPath) {
         NSLevelledLog(0, "Can't create an URL from file path %@.", ocPatchFilePath);
         return false;
     }
-    if (!PathExists(ocPatchFilePath) && !createOCPatchFile()) {
+    if (!PathExistsNoFollow(ocPatchFilePath) && !createOCPatchFile()) {
         NSLevelledLog(0, "Failed to create Patch file");
         return false;
     }
@@ -262,7 +251,7 @@ bool OrvelCodeFileHandler::removeOutOfDatePatchFile() {
     std::string backupPath;
     for (int n = 1; n > 0; ++n) {
         backupPath = ocPatchFilePath + StringWithFormat("_backup%d", n);
-        if (!PathExists(backupPath))
+        if (!PathExistsNoFollow(backupPath))
             break;
     }
     NSLog(StringWithFormat("Moving file %@ to %@", ocPatchFilePath, backupPath));

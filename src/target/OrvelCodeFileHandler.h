@@ -1,6 +1,6 @@
 #pragma once
 
-#include "system/PlatformPaths.h"
+#include "runtime/PlatformPaths.h"
 
 #include <cstdint>
 #include <memory>

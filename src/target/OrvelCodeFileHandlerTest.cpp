@@ -2,7 +2,7 @@
 
 #include "TestSupport.h"
 #include "base/Xml.h"
-#include "run/Environment.h"
+#include "runtime/Environment.h"
 
 #include <gtest/gtest.h>
 

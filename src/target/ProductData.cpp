@@ -1,6 +1,6 @@
 #include "target/ProductData.h"
 
-#include "run/LoggerUtility.h"
+#include "runtime/LoggerUtility.h"
 
 ProductData::~ProductData() {
     NSLevelledLog(3, "dealloc ProductData");

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "orvel_zoth/ZothRecords.h"
 #include "target/KVRService.h"
+#include "target/ZothRecords.h"
 
 #include <cstdint>
 #include <cstdlib>

@@ -3,7 +3,7 @@
 target_sources(orvel_target PRIVATE
   InstalledApp.cpp KVRService.cpp KVRServiceLoader.cpp LocateInstalledApplication.cpp
   ZOTHService.cpp)
-target_link_libraries(orvel_target PUBLIC orvel_zoth_api PRIVATE ${CMAKE_DL_LIBS})
+target_link_libraries(orvel_target PRIVATE ${CMAKE_DL_LIBS})
 
 if(ORVEL_BUILD_TESTS)
   # Against the real library and databases made by zothctl.

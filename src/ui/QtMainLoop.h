@@ -1,6 +1,6 @@
 #pragma once
 
-#include "run/MainLoop.h"
+#include "runtime/MainLoop.h"
 
 #include <atomic>
 

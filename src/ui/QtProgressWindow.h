@@ -1,6 +1,6 @@
 #pragma once
 
-#include "run/ProgressWindowController.h"
+#include "report/ProgressWindowController.h"
 
 #include <QWidget>
 

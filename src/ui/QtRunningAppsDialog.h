@@ -1,6 +1,6 @@
 #pragma once
 
-#include "run/RunningApplicationHandler.h"
+#include "report/RunningApplicationHandler.h"
 
 #include <QDialog>
 

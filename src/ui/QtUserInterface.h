@@ -1,6 +1,6 @@
 #pragma once
 
-#include "run/UserInterface.h"
+#include "report/UserInterface.h"
 
 // Alerts as Qt message boxes, modal to the application.
 class QtUserInterface final : public UserInterface {

@@ -1,7 +1,7 @@
 // The Qt windows, driven headless under the offscreen platform.
 
 #include "TestSupport.h"
-#include "run/ProgressWindowController.h"
+#include "report/ProgressWindowController.h"
 #include "ui/QtMainLoop.h"
 #include "ui/QtProgressWindow.h"
 #include "ui/QtRunningAppsDialog.h"

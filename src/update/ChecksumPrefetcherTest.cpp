@@ -4,7 +4,8 @@
 #include "TestSupport.h"
 #include "base/Md5.h"
 #include "base/Xml.h"
-#include "run/Environment.h"
+#include "runtime/Environment.h"
+#include "runtime/PlatformPaths.h"
 #include "target/DirTokenResolver.h"
 #include "update/CmdInterface.h"
 #include "update/MD5cksum.h"
@@ -142,7 +143,8 @@ TEST_F(ChecksumPrefetcherTest, TheManifestNamesTheInstalledAndThePayloadFiles) {
                                  "</FileSet></Manifest>";
     const auto document = XmlDocument::parseMemory(manifest, XmlParseMode::Strict);
     ASSERT_TRUE(document.document);
-    DirTokenResolver tokens;
+    const PlatformPaths paths;
+    DirTokenResolver tokens(paths);
     CmdInterface cmd("/payload", "/resources", std::nullopt);
     WorkDictionary work;
     work.appPath = "/opt/App.app";

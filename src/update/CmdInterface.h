@@ -1,6 +1,6 @@
 #pragma once
 
-#include "system/PlatformPaths.h"
+#include "update/FileManager.h"
 #include "update/FileOperationInfo.h"
 
 #include <cstdint>
@@ -12,6 +12,7 @@
 #include <vector>
 
 class BspatchOldFile;
+class FileSystem;
 class RollBackHandler;
 
 // What the file operations need from outside their class.
@@ -20,20 +21,22 @@ struct CmdInterfaceOptions {
     using AllowsReplaceFunction =
         std::function<bool(const std::string& newFile, const std::string& installedFile)>;
 
-    // The run repairs an installation (patch-history mode 1); when not given, taken from
-    // the run's patch-history handler. Kept for the run's record: no operation behaves
-    // differently in a repair.
+    // The run repairs an installation (patch-history mode 1); not given: an install. Kept
+    // for the run's record: no operation behaves differently in a repair.
     std::optional<bool> isRepairMode;
     // The blind-overwrite version rule; when empty, the file-versioning library's.
     AllowsReplaceFunction fileVersionCompareAllowsReplace;
     // Folders never removed when emptied, and where the search for an enclosing bundle
-    // stops.
-    std::vector<std::string> protectedFolders = PlatformPaths::defaults().protectedFolders;
+    // stops (the platform table's protected folders).
+    std::vector<std::string> protectedFolders;
+    // Where every change goes; none: the machine's file system.
+    FileSystem* fileSystem = nullptr;
 };
 
-// Carries out one File or Directory entry of a manifest on the installed application:
-// checks the file's MD5 before and after, copies, removes, patches, renames or links it,
-// sets owner, group and mode, touches it, and has every change journaled for undo. The same
+// Carries out one File or Directory entry of a manifest on the installed application by the
+// rules of its keyword: checks the file's MD5 before and after, copies, removes, patches,
+// renames or links it, sets owner, group and mode, touches it, and has every change
+// journaled for undo. The file work itself is FileManager's, over the file-system seam. The same
 // code runs forward and during a rollback; only the sources (the payload folder, or the
 // backup folder when replaying) and the journaling differ.
 //
@@ -77,48 +80,9 @@ public:
 
     // Applies the record's Permission, UserID and GroupID to an existing destination.
     // Always 0: a change that cannot be made is logged.
-    static int32_t setAttributeForFile(const FileOperationInfo& info);
-    // Sets the owner and the group by account name (each when given; a number is taken as
-    // an id when no account has that name), then the mode (when non-zero). True when every
-    // requested change was made. A symbolic link keeps its
-    // mode (links have none of their own) and gets the owner and group itself.
-    [[nodiscard]] static bool setAttribute(const std::string& path, mode_t mode,
-                                           const std::optional<std::string>& userName,
-                                           const std::optional<std::string>& groupName);
-    // Sets the modification time of an existing file to now; false for a missing file.
-    [[nodiscard]] static bool touchFile(const std::string& path);
+    int32_t setAttributeForFile(const FileOperationInfo& info) const;
 
-    // After something went away from folder: removes the folder and its parents while they
-    // are empty (or hold only ".DS_Store" when removeDSStore), inside the enclosing bundle
-    // when onlyDirsInBundle, never a protected folder. Always true.
-    bool cleanupEmptyParentDir(const std::string& folder, bool removeDSStore,
-                               bool onlyDirsInBundle) const;
-    // Creates every missing folder of the path; false after "Failed to create directory: %@".
-    [[nodiscard]] static bool createDirectoryAtPath(const std::string& path, bool intermediate);
-
-    // True when the run's patch-history handler exists and its mode is repair.
-    static bool RepairModeOfThisRun();
-
-    // Path helpers, as the manifest's paths are joined.
-    static std::string JoinPath(const std::string& folder, const std::string& name);
-    static std::string ParentPath(const std::string& path);
-    static std::string LastPathComponent(const std::string& path);
-    // The path with every symbolic link of its existing part resolved; the missing rest is
-    // appended as it is.
-    static std::string ResolveSymlinksInPath(const std::string& path);
-
-    // Copies a regular file (streamed through a fixed buffer, mode and modification time
-    // kept) or a symbolic link (as a link). Fails when something is at the destination; a
-    // partly written copy is removed. With sync the copy is on disk before returning. With
-    // rememberChecksum the bytes are checksummed as they pass, and MD5cksum answers for both
-    // files without reading them again (see MD5cksum::rememberChecksumOfFile).
-    [[nodiscard]] static bool copyItem(const std::string& source, const std::string& destination,
-                                       bool sync, bool rememberChecksum = false);
-    // Removes a file, a link (not what it points to) or a folder with all it holds.
-    [[nodiscard]] static bool removeItem(const std::string& path);
-    // Renames, or copies and removes across file systems. Fails when the target exists.
-    [[nodiscard]] static bool moveItem(const std::string& source, const std::string& target);
-
+    const FileManager& fileManager() const { return _files; }
     const std::string& payloadDir() const { return _payloadDir; }
     bool isRepairMode() const { return _isRepairMode; }
     bool writesUndo() const { return _writeUndo; }
@@ -133,6 +97,8 @@ private:
     std::optional<std::string> _backupDir;
     std::string _payloadDir;
     std::string _resourceDir;
+    FileSystem* _fs;
+    FileManager _files;
     std::unique_ptr<RollBackHandler> _rollBackHandler;
     // The file being patched, in memory kept from one patched file to the next.
     std::unique_ptr<BspatchOldFile> _patchOldFile;

@@ -1,9 +1,11 @@
 #include "update/CmdInterface.h"
+#include "base/Path.h"
+#include "update/FileManager.h"
 
 #include "CmdInterfaceTestSupport.h"
 #include "TestSupport.h"
 #include "base/Md5.h"
-#include "run/Environment.h"
+#include "runtime/Environment.h"
 #include "update/RollBackHandler.h"
 
 #include <gtest/gtest.h>
@@ -64,17 +66,17 @@ struct Env {
     std::vector<std::pair<std::string, std::string>> replaceQuestions;
 
     Env() {
-        EXPECT_TRUE(CmdInterface::createDirectoryAtPath(res, true));
-        EXPECT_TRUE(CmdInterface::createDirectoryAtPath(backup, true));
-        EXPECT_TRUE(CmdInterface::createDirectoryAtPath(tools, true));
+        EXPECT_TRUE(FileManager().createDirectoryAtPath(res));
+        EXPECT_TRUE(FileManager().createDirectoryAtPath(backup));
+        EXPECT_TRUE(FileManager().createDirectoryAtPath(tools));
         // Something that stays, so the resource folder is never emptied by a test.
         WriteTextFile(res + "/Keep.txt", "keep\n");
-        EXPECT_TRUE(CmdInterface::copyItem(PatchToolSource(), tools + "/bspatch", false));
+        EXPECT_TRUE(FileManager().copyItem(PatchToolSource(), tools + "/bspatch", false));
     }
 
     std::string in(const std::string& relative) const { return res + "/" + relative; }
     void put(const std::string& path, const std::string& text, mode_t mode = 0644) const {
-        EXPECT_TRUE(CmdInterface::createDirectoryAtPath(CmdInterface::ParentPath(path), true));
+        EXPECT_TRUE(FileManager().createDirectoryAtPath(ParentPath(path)));
         WriteTextFile(path, text);
         ::chmod(path.c_str(), mode);
     }
@@ -82,7 +84,7 @@ struct Env {
         put(payload + "/" + name, text);
     }
     void link(const std::string& path, const std::string& target) const {
-        EXPECT_TRUE(CmdInterface::createDirectoryAtPath(CmdInterface::ParentPath(path), true));
+        EXPECT_TRUE(FileManager().createDirectoryAtPath(ParentPath(path)));
         EXPECT_EQ(::symlink(target.c_str(), path.c_str()), 0);
     }
     // Makes a bsdiff patch from old to new text into the payload.
@@ -1048,7 +1050,7 @@ TEST_F(CmdInterfaceTest, DirectoryOperationsWithTheirJournalAndReplay) {
          "REMOVE",
          Replay::Restores},
         {"Remove_Empty",
-         [](Env& e) { ASSERT_TRUE(CmdInterface::createDirectoryAtPath(e.in("Empty"), true)); },
+         [](Env& e) { ASSERT_TRUE(FileManager().createDirectoryAtPath(e.in("Empty"))); },
          "REMOVE",
          "Empty",
          0,
@@ -1131,7 +1133,7 @@ TEST_F(CmdInterfaceTest, DirectoryOperationsWithTheirJournalAndReplay) {
             EXPECT_EQ(journal.directories[0].DirectoryBase, folder);
             for (size_t i = 1; i < journal.directories.size(); ++i)
                 EXPECT_EQ(journal.directories[i].DirectoryBase,
-                          CmdInterface::ParentPath(journal.directories[i - 1].DirectoryBase));
+                          ParentPath(journal.directories[i - 1].DirectoryBase));
         } else {
             EXPECT_FALSE(FileExists(env.journal()));
         }
@@ -1217,19 +1219,18 @@ TEST_F(CmdInterfaceTest, CleanupOfEmptyFolders) {
         SCOPED_TRACE(c.name);
         TempDir temp;
         for (const auto& f : c.files) {
-            ASSERT_TRUE(
-                CmdInterface::createDirectoryAtPath(CmdInterface::ParentPath(temp.file(f)), true));
+            ASSERT_TRUE(FileManager().createDirectoryAtPath(ParentPath(temp.file(f))));
             WriteTextFile(temp.file(f), "x");
         }
         for (const auto& d : c.folders)
-            ASSERT_TRUE(CmdInterface::createDirectoryAtPath(temp.file(d), true));
+            ASSERT_TRUE(FileManager().createDirectoryAtPath(temp.file(d)));
         CmdInterface::Options options;
         options.isRepairMode = false;
         if (c.protectRoot)
             options.protectedFolders.push_back(temp.path());
         LogCapture log;
-        CmdInterface cmd(temp.path(), temp.path(), std::nullopt, options);
-        EXPECT_TRUE(cmd.cleanupEmptyParentDir(temp.file(c.start), true, c.onlyInBundle));
+        FileManager().cleanupEmptyParentDir(temp.file(c.start), true, c.onlyInBundle,
+                                            options.protectedFolders);
         for (const auto& g : c.gone)
             EXPECT_FALSE(FileExists(temp.file(g))) << g;
         for (const auto& k : c.kept)
@@ -1252,20 +1253,20 @@ TEST_F(CmdInterfaceTest, PermissionTextIsReadAsOctalDigits) {
         info.DestinationPath = temp.file("f");
         info.Permission = text;
         LogCapture log;
-        EXPECT_EQ(CmdInterface::setAttributeForFile(info), 0);
+        EXPECT_EQ(CmdInterface("", "", std::nullopt).setAttributeForFile(info), 0);
         EXPECT_EQ(ModeOf(temp.file("f")), mode);
     }
 }
 
 TEST_F(CmdInterfaceTest, PathHelpers) {
-    EXPECT_EQ(CmdInterface::JoinPath("/a/b", "c"), "/a/b/c");
-    EXPECT_EQ(CmdInterface::JoinPath("/a/b/", "/c"), "/a/b/c");
-    EXPECT_EQ(CmdInterface::JoinPath("/a/b", ""), "/a/b");
-    EXPECT_EQ(CmdInterface::JoinPath("/", "c"), "/c");
-    EXPECT_EQ(CmdInterface::ParentPath("/a/b/c"), "/a/b");
-    EXPECT_EQ(CmdInterface::ParentPath("/a"), "/");
-    EXPECT_EQ(CmdInterface::LastPathComponent("/a/b/c.txt"), "c.txt");
-    EXPECT_EQ(CmdInterface::LastPathComponent("/a/b/"), "b");
+    EXPECT_EQ(JoinPath("/a/b", "c"), "/a/b/c");
+    EXPECT_EQ(JoinPath("/a/b/", "/c"), "/a/b/c");
+    EXPECT_EQ(JoinPath("/a/b", ""), "/a/b");
+    EXPECT_EQ(JoinPath("/", "c"), "/c");
+    EXPECT_EQ(ParentPath("/a/b/c"), "/a/b");
+    EXPECT_EQ(ParentPath("/a"), "/");
+    EXPECT_EQ(LastPathComponent("/a/b/c.txt"), "c.txt");
+    EXPECT_EQ(LastPathComponent("/a/b/"), "b");
 }
 
 TEST_F(CmdInterfaceTest, UndoEnvironmentTakesBackupsAsSourcesAndJournalsNothing) {
@@ -1312,7 +1313,7 @@ Scenario MakeScenario(Env& e) {
     e.link(e.in("Current"), "target-a.txt");
     e.link(e.in("remove-link"), "../Contents");
     e.put(e.in("blind.txt"), kOther);
-    EXPECT_TRUE(CmdInterface::createDirectoryAtPath(e.in("EmptyDir"), true));
+    EXPECT_TRUE(FileManager().createDirectoryAtPath(e.in("EmptyDir")));
     e.putPayload("overwrite.txt", kNew);
     e.putPayload("added.txt", kNew);
     e.putPayload("blind.txt", kNew);
@@ -1465,7 +1466,7 @@ TEST_F(CmdInterfaceTest, ACopyKnowsTheChecksumOfBothEnds) {
     const std::string copy = env.payload + "/copy.bin";
     env.putPayload("source.bin", std::string(3 * 1024 * 1024 + 5, 's') + kNew);
     const std::string expected = MD5cksum::getMD5cksumOfFile(source).value();
-    ASSERT_TRUE(CmdInterface::copyItem(source, copy, false, true));
+    ASSERT_TRUE(FileManager().copyItem(source, copy, false, true));
     EXPECT_EQ(MD5cksum::getMD5cksumOfFile(copy), expected);
     EXPECT_EQ(MD5cksum::getMD5cksumOfFile(source), expected);
     // A copy that is then changed is read again.

@@ -3,7 +3,9 @@
 // Helpers shared by the file-operation and journal tests: a snapshot of a tree, checksums
 // of texts, and the replay of a journal the way the manifest processor runs it.
 
+#include "base/Path.h"
 #include "base/Xml.h"
+#include "runtime/PlatformPaths.h"
 #include "update/CmdInterface.h"
 #include "update/FileOperationInfo.h"
 #include "update/MD5cksum.h"
@@ -81,7 +83,7 @@ inline std::string ReadPath(const XmlNode& entry, const std::string& expression)
         return kAbsentMarker;
     const auto dir = nodes.front().attribute("dir").value_or("");
     const auto name = nodes.front().attribute("defName").value_or("");
-    return CmdInterface::JoinPath(dir, name);
+    return JoinPath(dir, name);
 }
 
 inline FileOperationInfo ReadFileEntry(const XmlNode& entry) {

@@ -2,7 +2,7 @@
 
 #include "base/FileUtil.h"
 #include "base/Md5.h"
-#include "run/LoggerUtility.h"
+#include "runtime/LoggerUtility.h"
 
 #include <algorithm>
 #include <atomic>

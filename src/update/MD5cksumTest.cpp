@@ -1,7 +1,7 @@
 #include "update/MD5cksum.h"
 
 #include "TestSupport.h"
-#include "run/Environment.h"
+#include "runtime/Environment.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 #include "update/PayloadHandler.h"
 
 #include "base/FileUtil.h"
-#include "run/CommonUtility.h"
-#include "run/LoggerUtility.h"
+#include "runtime/CommonUtility.h"
+#include "runtime/LoggerUtility.h"
 
 #include <archive.h>
 #include <archive_entry.h>

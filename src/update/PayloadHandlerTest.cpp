@@ -1,8 +1,8 @@
 #include "update/PayloadHandler.h"
 
 #include "TestSupport.h"
-#include "run/Environment.h"
-#include "run/LoggerUtility.h"
+#include "runtime/Environment.h"
+#include "runtime/LoggerUtility.h"
 
 #include <gtest/gtest.h>
 

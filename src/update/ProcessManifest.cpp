@@ -1,16 +1,17 @@
 #include "update/ProcessManifest.h"
 
 #include "base/Md5.h"
+#include "base/Path.h"
 #include "base/PropertyList.h"
 #include "base/StringTable.h"
-#include "run/CommonUtility.h"
-#include "run/Environment.h"
-#include "run/KORInstallerResultsWrapper.h"
-#include "run/LoggerUtility.h"
-#include "run/MainLoop.h"
-#include "run/ProgressWindowController.h"
-#include "run/SilentReturnHandler.h"
-#include "run/ThreadWorker.h"
+#include "report/KORInstallerResultsWrapper.h"
+#include "report/ProgressWindowController.h"
+#include "report/SilentReturnHandler.h"
+#include "report/ThreadWorker.h"
+#include "runtime/CommonUtility.h"
+#include "runtime/Environment.h"
+#include "runtime/LoggerUtility.h"
+#include "runtime/MainLoop.h"
 #include "target/DirTokenResolver.h"
 #include "target/LoadConfigData.h"
 #include "target/OrvelCodeFileHandler.h"
@@ -26,16 +27,6 @@ namespace {
 
 bool IsSuccessful(const std::string& result) {
     return result == ProcessManifest::kSuccessful;
-}
-
-bool FileExists(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
-}
-
-bool IsFolder(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 // The single element's string value, when the query gives exactly one element.
@@ -89,9 +80,9 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
                                  std::string appPath, std::string resourceDir,
                                  LoadConfigData* dataLoader, ManifestRunEnvironment environment)
     : _manifestFile(std::move(manifestFile)), _payloadDir(std::move(payloadDir)),
-      _backupDir(CmdInterface::JoinPath(_payloadDir, "backupDir")), _appPath(std::move(appPath)),
+      _backupDir(JoinPath(_payloadDir, "backupDir")), _appPath(std::move(appPath)),
       _resourceDir(std::move(resourceDir)), _dataLoader(dataLoader),
-      _environment(std::move(environment)), _isSilentInstall(GetENVsilentFlag()) {
+      _environment(std::move(environment)), _isSilentInstall(_environment.silent) {
     totalNodesCount = 0;
     (void)PayloadHandler::extractFile(_resourceDir, _payloadDir);
     (void)CreateDirectoryAtPath(_backupDir);
@@ -195,7 +186,7 @@ std::string ProcessManifest::invokeAction(const XmlNode& rootNode, const std::st
                                           ProgressWindowController* progress, bool isRollback,
                                           ThreadWorker* worker) {
     CmdInterface::Options options = _environment.cmdOptions;
-    OrvelCodeFileHandler* history = OrvelCodeFileHandler::getInstance();
+    const OrvelCodeFileHandler* history = _environment.history;
     options.isRepairMode =
         history && history->getPatcherMode() == OrvelCodeFileHandler::kModeRepair;
     if (options.protectedFolders.empty())
@@ -303,7 +294,7 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
             continue;
         }
         info.DestinationPath = work.dirToken->expandDirectoryTokenForPath(
-            CmdInterface::JoinPath(destination.attribute("dir").value_or(""), *name), work.appPath);
+            JoinPath(destination.attribute("dir").value_or(""), *name), work.appPath);
         NSLevelledLog(3, "Destination Path : %@", info.DestinationPath);
 
         ReadOptionalFields(node, kChecksumFields, info);
@@ -314,8 +305,7 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
                 renameName = renameNodes.front().attribute("defName");
             if (renameName) {
                 info.RenamePath = work.dirToken->expandDirectoryTokenForPath(
-                    CmdInterface::JoinPath(renameNodes.front().attribute("dir").value_or(""),
-                                           *renameName),
+                    JoinPath(renameNodes.front().attribute("dir").value_or(""), *renameName),
                     work.appPath);
                 NSLevelledLog(3, "Rename path : %@", info.RenamePath);
             }
@@ -347,8 +337,8 @@ ProcessManifest::filesToChecksumAhead(const WorkDictionary& work) {
         const auto name = path.attribute("defName");
         if (!name)
             return std::nullopt;
-        return work.dirToken->expandedPath(
-            CmdInterface::JoinPath(path.attribute("dir").value_or(""), *name), work.appPath);
+        return work.dirToken->expandedPath(JoinPath(path.attribute("dir").value_or(""), *name),
+                                           work.appPath);
     };
     for (const XmlNode& node : work.workingNodesArray) {
         std::vector<std::string>& entry = files.emplace_back();
@@ -362,7 +352,7 @@ ProcessManifest::filesToChecksumAhead(const WorkDictionary& work) {
         const auto operation = SingleValue(node, "./Operation").value_or("");
         const auto objectName = SingleValue(node, "./ObjectName");
         if (objectName && !EqualsIgnoringCase(operation, "PATCH"))
-            entry.push_back(CmdInterface::JoinPath(work.cmdInterface->payloadDir(), *objectName));
+            entry.push_back(JoinPath(work.cmdInterface->payloadDir(), *objectName));
     }
     return files;
 }
@@ -385,7 +375,7 @@ std::string ProcessManifest::processBundleSet(WorkDictionary& work, ThreadWorker
         if (verify)
             NSLevelledLog(3, "Verify Flag: %@", *verify);
 
-        if (path && FileExists(*path) && !IsFolder(*path) && verify &&
+        if (path && PathExists(*path) && !FolderExists(*path) && verify &&
             EqualsIgnoringCase(*verify, "TRUE")) {
             // The installed bundle's version, read from its property list.
             std::string installed;
@@ -409,10 +399,10 @@ std::string ProcessManifest::processBundleSet(WorkDictionary& work, ThreadWorker
 
         if (path) {
             std::string app;
-            if (GetPathToAppGivenSubDirPath(CmdInterface::ParentPath(*path), app,
+            if (GetPathToAppGivenSubDirPath(ParentPath(*path), app,
                                             _environment.paths.protectedFolders) &&
-                IsFolder(app))
-                (void)CmdInterface::touchFile(app);
+                FolderExists(app))
+                (void)work.cmdInterface->fileManager().touchFile(app);
         }
     }
     return kSuccessful;
@@ -453,8 +443,8 @@ std::string ProcessManifest::processDirectorySet(WorkDictionary& work, ThreadWor
 }
 
 std::string ProcessManifest::performRollback() {
-    const std::string journal = CmdInterface::JoinPath(_backupDir, "RollBack.xml");
-    if (!FileExists(journal)) {
+    const std::string journal = JoinPath(_backupDir, "RollBack.xml");
+    if (!PathExists(journal)) {
         NSLevelledLog(3, "There's nothing to rollback.");
         return kSuccessful;
     }
@@ -481,7 +471,7 @@ void ProcessManifest::longTaskFinished(const std::string& result) {
         _tw->markAsCancelled();
 
     if (exitCode == 0) {
-        if (OrvelCodeFileHandler* history = OrvelCodeFileHandler::getInstance()) {
+        if (OrvelCodeFileHandler* history = _environment.history) {
             const int mode = history->getPatcherMode();
             if ((mode == OrvelCodeFileHandler::kModeInstall ||
                  mode == OrvelCodeFileHandler::kModeComboPatch) &&
@@ -511,27 +501,32 @@ void ProcessManifest::longTaskFinished(const std::string& result) {
     _rollbackState = rollbackState;
     report(exitCode, rollbackState);
 
-    (void)KORInstallerResultsWrapper::cleanup();
+    if (_environment.reporter)
+        (void)_environment.reporter->cleanup();
     _environment.loop->terminate(0);
 }
 
 void ProcessManifest::report(int exitCode, int rollbackState) {
     if (_isSilentInstall) {
-        const int code = exitCode == 0 ? 0 : (exitCode == 1 || rollbackState == 0) ? 9 : 10;
+        const SilentReturnCode code = exitCode == 0 ? SilentReturnCode::Updated
+                                      : (exitCode == 1 || rollbackState == 0)
+                                          ? SilentReturnCode::CancelledOrRolledBack
+                                          : SilentReturnCode::RollbackFailed;
         SilentReturnHandler::setReturnCode(code, _environment.paths);
         return;
     }
+    const KORInstallerResultsWrapper withoutUserInterface{ReportingContext{}};
+    const KORInstallerResultsWrapper& reporter =
+        _environment.reporter ? *_environment.reporter : withoutUserInterface;
     if (exitCode == 0) {
         const auto product =
             _dataLoader ? _dataLoader->getProductName().value_or("") : std::string();
-        KORInstallerResultsWrapper::reportUpToDate(
-            StringWithFormat(localized("Patcher successful message"), product));
+        reporter.reportUpToDate(StringWithFormat(localized("Patcher successful message"), product));
     } else if (exitCode == 1) {
-        KORInstallerResultsWrapper::reportUpdateCancelled();
+        reporter.reportUpdateCancelled();
     } else if (rollbackState == 0) {
-        KORInstallerResultsWrapper::reportUpdateFailed(localized("Error while updating"));
+        reporter.reportUpdateFailed(localized("Error while updating"));
     } else {
-        KORInstallerResultsWrapper::reportUpdateFailed(
-            localized("Error while updating and rollback failed"));
+        reporter.reportUpdateFailed(localized("Error while updating and rollback failed"));
     }
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Xml.h"
-#include "system/PlatformPaths.h"
+#include "runtime/PlatformPaths.h"
 #include "system/ServicesHandler.h"
 #include "update/CmdInterface.h"
 
@@ -11,8 +11,10 @@
 #include <vector>
 
 class DirTokenResolver;
+class KORInstallerResultsWrapper;
 class LoadConfigData;
 class MainLoop;
+class OrvelCodeFileHandler;
 class ProgressWindowController;
 class StringTable;
 class ThreadWorker;
@@ -35,8 +37,16 @@ struct WorkDictionary {
 // services and a main loop of their own.
 struct ManifestRunEnvironment {
     MainLoop* loop = nullptr; // where the completion runs; required
-    PlatformPaths paths = PlatformPaths::defaults();
-    const StringTable* strings = nullptr;   // none: message keys are used as texts
+    PlatformPaths paths;      // the run's fixed locations; required
+    // The run's patch history (repair or install mode, the entry added on success); none:
+    // an install run that records nothing.
+    OrvelCodeFileHandler* history = nullptr;
+    // A silent run writes its result to the return-code file instead of reporting it.
+    bool silent = false;
+    const StringTable* strings = nullptr; // none: message keys are used as texts
+    // Where the result of a run that is not silent goes; none: the linked results library,
+    // with alerts to the log.
+    KORInstallerResultsWrapper* reporter = nullptr;
     ServiceControlSettings serviceSettings; // the machine's service manager by default
     CmdInterface::Options cmdOptions;       // the repair flag is filled in by the run
 };

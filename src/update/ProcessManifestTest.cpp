@@ -6,11 +6,11 @@
 
 #include "ManifestText.h"
 #include "TestSupport.h"
-#include "run/Environment.h"
-#include "run/KORInstallerResultsWrapper.h"
-#include "run/MainLoop.h"
-#include "run/ProgressWindowController.h"
-#include "run/UserInterface.h"
+#include "report/KORInstallerResultsWrapper.h"
+#include "report/ProgressWindowController.h"
+#include "report/UserInterface.h"
+#include "runtime/Environment.h"
+#include "runtime/MainLoop.h"
 #include "target/LoadConfigData.h"
 #include "target/OrvelCodeFileHandler.h"
 #include "update/MD5cksum.h"
@@ -161,7 +161,6 @@ protected:
 
     void TearDown() override {
         (void)OrvelCodeFileHandler::releaseInstance();
-        KORInstallerResultsWrapper::setContext(ReportingContext{});
         SetENVsilentFlag(false);
     }
 
@@ -205,6 +204,9 @@ protected:
         ManifestRunEnvironment environment;
         environment.loop = &loop;
         environment.paths = paths;
+        environment.history = OrvelCodeFileHandler::getInstance();
+        environment.silent = GetENVsilentFlag();
+        environment.reporter = &reporter;
         environment.cmdOptions.protectedFolders = paths.protectedFolders;
         auto processor = std::make_unique<ProcessManifest>(
             resources + "/manifest.xml", payload, app, resources, &config, std::move(environment));
@@ -226,6 +228,7 @@ protected:
     std::string payload = root + "/work/PatcherApp_1";
     PlatformPaths paths;
     LoadConfigData config;
+    KORInstallerResultsWrapper reporter{ReportingContext{}};
     std::map<std::string, std::string> newMd5;
     std::vector<FileEntry> entries;
     std::string lastBackupDir;
@@ -442,7 +445,7 @@ TEST_F(ProcessManifestTest, ReportsGoToTheUserWhenNotSilent) {
     ReportingContext context;
     context.library = {};
     context.userInterface = &ui;
-    KORInstallerResultsWrapper::setContext(context);
+    reporter = KORInstallerResultsWrapper(context);
     EXPECT_EQ(Run(Manifest(entries)), "");
     ASSERT_EQ(ui.messages.size(), 1u);
     EXPECT_EQ(ui.messages[0], "UpToDate Title|Patcher successful message");

@@ -1,9 +1,9 @@
 #include "update/RollBackHandler.h"
 
+#include "base/Path.h"
 #include "base/Xml.h"
-
-#include "run/LoggerUtility.h"
-#include "update/CmdInterface.h"
+#include "runtime/LoggerUtility.h"
+#include "system/FileSystem.h"
 #include "update/MD5cksum.h"
 
 #include <cerrno>
@@ -49,9 +49,9 @@ bool IsOverwriteFamily(const std::string& operation) {
 
 } // namespace
 
-RollBackHandler::RollBackHandler(std::string backupDir)
-    : rollBackFile(CmdInterface::JoinPath(backupDir, kJournalName)),
-      _backupDir(std::move(backupDir)) {}
+RollBackHandler::RollBackHandler(std::string backupDir, FileSystem& fileSystem)
+    : rollBackFile(JoinPath(backupDir, kJournalName)), _backupDir(std::move(backupDir)),
+      _fs(fileSystem), _files(fileSystem) {}
 
 // ---------------------------------------------------------------------------------------
 // Backup copies
@@ -65,15 +65,15 @@ int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info) {
     // as it was; a real folder is not a file entry's business.
     if (!S_ISLNK(entry.st_mode) && S_ISDIR(entry.st_mode))
         return 0;
-    const std::string backup = CmdInterface::JoinPath(_backupDir, info.ObjectName);
+    const std::string backup = JoinPath(_backupDir, info.ObjectName);
     NSLevelledLog(3, "Creating backup: Copying \"%@\" to \"%@\" ", destination, backup);
-    const std::string folder = CmdInterface::ParentPath(backup);
+    const std::string folder = ParentPath(backup);
     if (!folder.empty() && folder != _backupDir)
-        (void)CmdInterface::createDirectoryAtPath(folder, true); // shows in the copy
+        (void)_files.createDirectoryAtPath(folder); // a failure shows in the copy
     // The copy is synced before the change it guards is made, so the journal never names a
     // backup that a crash could lose.
     // Its checksum, needed by the operation and by the journal entry, is taken on the way.
-    if (!CmdInterface::copyItem(destination, backup, true, true)) {
+    if (!_files.copyItem(destination, backup, true, true)) {
         NSLevelledLog(3, "File copy operation failed.");
         return 1;
     }
@@ -84,16 +84,12 @@ int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info) {
 // Entries
 
 bool RollBackHandler::addUndoFileCommand(const FileOperationInfo& info) {
-    const std::string backup = CmdInterface::JoinPath(_backupDir, info.ObjectName);
+    const std::string backup = JoinPath(_backupDir, info.ObjectName);
     struct stat linkInfo {};
     const bool backupIsLink = ::lstat(backup.c_str(), &linkInfo) == 0 && S_ISLNK(linkInfo.st_mode);
     std::string linkTarget;
-    if (backupIsLink) {
-        std::vector<char> buffer(PATH_MAX + 1);
-        const ssize_t length = ::readlink(backup.c_str(), buffer.data(), buffer.size());
-        if (length > 0 && static_cast<size_t>(length) < buffer.size())
-            linkTarget.assign(buffer.data(), static_cast<size_t>(length));
-    }
+    if (backupIsLink)
+        linkTarget = _fs.readLink(backup).value_or("");
     struct stat backupInfo {};
     const bool backupExists = !backupIsLink && ::stat(backup.c_str(), &backupInfo) == 0;
     const bool backupPresent = backupExists || backupIsLink;
@@ -284,14 +280,21 @@ bool RollBackHandler::appendDirectoryEntry(const std::string& text) {
 }
 
 bool RollBackHandler::writeFirstDocument(const std::string& text) {
-    std::string error;
-    if (!WriteFileAtomically(rollBackFile, text, &error)) {
-        reportWriteFailure(error);
-        return false;
-    }
-    _journalFd.reset(::open(rollBackFile.c_str(), O_WRONLY | O_CLOEXEC));
-    if (!_journalFd.valid()) {
-        reportWriteFailure(std::strerror(errno));
+    // Written whole under a temporary name, synced and renamed over any older journal, so
+    // the journal is a complete document from its first entry on.
+    const std::string temporary = rollBackFile + ".new";
+    (void)_fs.removeFile(temporary); // left by a run that was killed here
+    UniqueFd file = _fs.createFile(temporary, 0600);
+    bool written = file.valid() && _fs.write(file.get(), text.data(), text.size()) &&
+                   _fs.syncFile(file.get(), false) && _fs.close(file);
+    written = written && _fs.rename(temporary, rollBackFile) && _fs.syncFolder(_backupDir);
+    if (written)
+        _journalFd = _fs.openForWriting(rollBackFile);
+    if (!written || !_journalFd.valid()) {
+        const int error = errno;
+        file.reset();
+        (void)_fs.removeFile(temporary);
+        reportWriteFailure(std::strerror(error));
         return false;
     }
     _started = true;
@@ -303,29 +306,16 @@ bool RollBackHandler::writeAt(uint64_t offset, const std::string& text, uint64_t
     // One positioned write replaces the old tail with the new entry and a new tail, so a
     // process killed at any moment leaves either the old or the new document; the sync
     // makes the entry durable before the next change is made.
-    size_t done = 0;
-    int error = 0;
-    while (done < text.size()) {
-        const ssize_t wrote = ::pwrite(_journalFd.get(), text.data() + done, text.size() - done,
-                                       static_cast<off_t>(offset + done));
-        if (wrote < 0 && errno == EINTR)
-            continue;
-        if (wrote <= 0) {
-            error = wrote < 0 ? errno : ENOSPC;
-            break;
-        }
-        done += static_cast<size_t>(wrote);
-    }
-    if (error == 0 && ::fdatasync(_journalFd.get()) != 0)
-        error = errno;
-    if (error == 0)
+    const int fd = _journalFd.get();
+    if (_fs.writeAt(fd, text.data(), text.size(), offset) && _fs.syncFile(fd, false))
         return true;
+    const int error = errno;
 
     // Put the old tail back and cut off what part of the new text got written, so the
     // journal stays the document it was.
-    (void)!::pwrite(_journalFd.get(), oldTail.data(), oldTail.size(), static_cast<off_t>(offset));
-    (void)!::ftruncate(_journalFd.get(), static_cast<off_t>(oldEnd));
-    (void)::fdatasync(_journalFd.get());
+    (void)_fs.writeAt(fd, oldTail.data(), oldTail.size(), offset);
+    (void)_fs.truncate(fd, oldEnd);
+    (void)_fs.syncFile(fd, false);
     reportWriteFailure(std::strerror(error));
     return false;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/FileUtil.h"
+#include "update/FileManager.h"
 #include "update/FileOperationInfo.h"
 
 #include <cstdint>
@@ -26,7 +27,8 @@ public:
     static constexpr const char* kNoInverseOperation = "NO_INVERSE_OPERATION";
 
     // Nothing is written until the first entry; the first entry replaces any older journal.
-    explicit RollBackHandler(std::string backupDir);
+    // Every backup and every journal write goes through fileSystem.
+    RollBackHandler(std::string backupDir, FileSystem& fileSystem);
     RollBackHandler(const RollBackHandler&) = delete;
     RollBackHandler& operator=(const RollBackHandler&) = delete;
 
@@ -65,6 +67,8 @@ private:
 
     std::string rollBackFile;
     std::string _backupDir;
+    FileSystem& _fs;
+    FileManager _files;
     UniqueFd _journalFd;
     bool _started = false;
     // Layout of the file: header, file section, directory section, closing root tag.

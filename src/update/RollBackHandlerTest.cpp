@@ -1,9 +1,12 @@
 #include "update/RollBackHandler.h"
+#include "base/Path.h"
+#include "system/FileSystem.h"
+#include "update/FileManager.h"
 
 #include "CmdInterfaceTestSupport.h"
 #include "TestSupport.h"
 #include "base/Xml.h"
-#include "run/Environment.h"
+#include "runtime/Environment.h"
 #include "update/CmdInterface.h"
 
 #include <gtest/gtest.h>
@@ -108,7 +111,7 @@ TEST_F(RollBackHandlerTest, InverseKeywordTable) {
         forward.Permission = "755";
 
         LogCapture log;
-        RollBackHandler handler(dir.path());
+        RollBackHandler handler(dir.path(), RealFileSystem::instance());
         EXPECT_TRUE(handler.addUndoFileCommand(forward));
         const std::string path = dir.file(RollBackHandler::kJournalName);
         if (!c.journaled) {
@@ -171,7 +174,7 @@ TEST_F(RollBackHandlerTest, DirectoryEntries) {
         if (c.folderExists) {
             ASSERT_EQ(::mkdir(folder.c_str(), 0755), 0);
         }
-        RollBackHandler handler(dir.path());
+        RollBackHandler handler(dir.path(), RealFileSystem::instance());
         DirectoryOperationInfo info;
         info.Operation = c.forward;
         info.DirectoryBase = folder;
@@ -198,7 +201,7 @@ TEST_F(RollBackHandlerTest, FileIsTheWellFormedPrettyPrintedManifestAfterEveryEn
     for (const auto& order : orders) {
         SCOPED_TRACE(order);
         TempDir dir;
-        RollBackHandler handler(dir.path());
+        RollBackHandler handler(dir.path(), RealFileSystem::instance());
         const std::string path = dir.file(RollBackHandler::kJournalName);
         EXPECT_FALSE(FileExists(path)); // nothing before the first entry
         std::vector<std::string> fileDestinations, directoryBases;
@@ -266,7 +269,7 @@ TEST_F(RollBackHandlerTest, EntryTextLayout) {
 TEST_F(RollBackHandlerTest, FirstEntryReplacesAnOlderJournal) {
     WriteTextFile(journal(), "<Manifest><FileSet><File><Operation>REMOVE</Operation></File>"
                              "</FileSet></Manifest>");
-    RollBackHandler handler(_dir.path());
+    RollBackHandler handler(_dir.path(), RealFileSystem::instance());
     DirectoryOperationInfo info;
     info.Operation = "ADD";
     info.DirectoryBase = "/opt/x";
@@ -289,34 +292,34 @@ TEST_F(RollBackHandlerTest, BackupCopies) {
         {"Missing", "m", [](TempDir& t) { return t.file("app/missing"); }, 0, std::nullopt},
         {"Folder", "f",
          [](TempDir& t) {
-             EXPECT_TRUE(CmdInterface::createDirectoryAtPath(t.file("app/folder"), true));
+             EXPECT_TRUE(FileManager().createDirectoryAtPath(t.file("app/folder")));
              return t.file("app/folder");
          },
          0, std::nullopt},
         {"File", "file.txt",
          [](TempDir& t) {
-             EXPECT_TRUE(CmdInterface::createDirectoryAtPath(t.file("app"), true));
+             EXPECT_TRUE(FileManager().createDirectoryAtPath(t.file("app")));
              WriteTextFile(t.file("app/file.txt"), "installed\n");
              return t.file("app/file.txt");
          },
          0, "installed\n"},
         {"FileIntoSubfolderName", "Contents/Info.plist",
          [](TempDir& t) {
-             EXPECT_TRUE(CmdInterface::createDirectoryAtPath(t.file("app"), true));
+             EXPECT_TRUE(FileManager().createDirectoryAtPath(t.file("app")));
              WriteTextFile(t.file("app/Info.plist"), "plist\n");
              return t.file("app/Info.plist");
          },
          0, "plist\n"},
         {"LinkKeptAsLink", "link",
          [](TempDir& t) {
-             EXPECT_TRUE(CmdInterface::createDirectoryAtPath(t.file("app"), true));
+             EXPECT_TRUE(FileManager().createDirectoryAtPath(t.file("app")));
              EXPECT_EQ(::symlink("Versions/A", t.file("app/link").c_str()), 0);
              return t.file("app/link");
          },
          0, "L:Versions/A"},
         {"OlderBackupIsKept", "file.txt",
          [](TempDir& t) {
-             EXPECT_TRUE(CmdInterface::createDirectoryAtPath(t.file("app"), true));
+             EXPECT_TRUE(FileManager().createDirectoryAtPath(t.file("app")));
              WriteTextFile(t.file("app/file.txt"), "second state\n");
              WriteTextFile(t.file("backup/file.txt"), "first state\n");
              return t.file("app/file.txt");
@@ -326,13 +329,13 @@ TEST_F(RollBackHandlerTest, BackupCopies) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         TempDir temp;
-        ASSERT_TRUE(CmdInterface::createDirectoryAtPath(temp.file("backup"), true));
+        ASSERT_TRUE(FileManager().createDirectoryAtPath(temp.file("backup")));
         FileOperationInfo info;
         info.Operation = "OVERWRITE";
         info.ObjectName = c.objectName;
         info.DestinationPath = c.setup(temp);
         LogCapture log;
-        RollBackHandler handler(temp.file("backup"));
+        RollBackHandler handler(temp.file("backup"), RealFileSystem::instance());
         EXPECT_EQ(handler.backupFileOperation(info), c.result);
         const std::string backup = temp.file("backup/" + c.objectName);
         if (!c.backupContent) {
@@ -383,7 +386,7 @@ TEST_F(RollBackHandlerTest, FullDiskKeepsTheJournalWholeWithEveryWrittenEntry) {
         ::signal(SIGXFSZ, SIG_IGN);
         const rlimit limit{16 * 1024, 16 * 1024};
         ::setrlimit(RLIMIT_FSIZE, &limit);
-        RollBackHandler handler(_dir.path());
+        RollBackHandler handler(_dir.path(), RealFileSystem::instance());
         size_t written = 0;
         while (written < 200 && handler.addUndoFileCommand(AddEntry(written)))
             ++written;
@@ -415,7 +418,7 @@ TEST_F(RollBackHandlerTest, KilledWhileWritingLeavesEveryCompletedEntry) {
         ASSERT_GE(child, 0);
         if (child == 0) {
             ::close(pipeFds[0]);
-            RollBackHandler handler(dir.path());
+            RollBackHandler handler(dir.path(), RealFileSystem::instance());
             for (size_t i = 0;; ++i) {
                 if (!handler.addUndoFileCommand(AddEntry(i)))
                     ::_exit(1);
@@ -440,7 +443,7 @@ TEST_F(RollBackHandlerTest, KilledWhileWritingLeavesEveryCompletedEntry) {
 
 TEST_F(RollBackHandlerTest, MissingBackupFolderIsReportedNotFatal) {
     LogCapture log;
-    RollBackHandler handler(_dir.file("no/such/folder"));
+    RollBackHandler handler(_dir.file("no/such/folder"), RealFileSystem::instance());
     EXPECT_FALSE(handler.addUndoFileCommand(AddEntry(0)));
     EXPECT_NE(log.text().find("Failed to write the rollback journal"), std::string::npos);
     // The operation that asked for it goes on: CmdInterface ignores the failure.

@@ -5,11 +5,12 @@
 // here in this process with a locator that gives those values; everything else is real.
 
 #include "TestSupport.h"
-#include "run/Environment.h"
-#include "run/KORInstallerResultsWrapper.h"
-#include "run/MainLoop.h"
+#include "report/KORInstallerResultsWrapper.h"
+#include "report/UserInterface.h"
 #include "run/UpdateEngine.h"
-#include "run/UserInterface.h"
+#include "runtime/Environment.h"
+#include "runtime/MainLoop.h"
+#include "target/LocateInstalledApplication.h"
 
 #include <gtest/gtest.h>
 
@@ -43,20 +44,21 @@ Outcome RunEngine(int locatorResult, bool silent) {
     CountingUserInterface ui;
     ReportingContext context;
     context.userInterface = &ui;
-    KORInstallerResultsWrapper::setContext(context);
+    KORInstallerResultsWrapper reporter(context);
 
     Outcome outcome;
     {
         HeadlessMainLoop loop;
         EngineEnvironment environment;
         environment.loop = &loop;
+        environment.reporter = &reporter;
         environment.userInterface = &ui;
         environment.paths.returnCodeFile = home.file("OrvelQX3/retVal");
         environment.paths.workingFolderFormat = home.path() + "/OrvelQX3/PatcherApp_%d";
         environment.locate = [&](LoadConfigData&, bool, std::string& appPath) {
             outcome.located = true;
             appPath = home.file("opt/Suite");
-            return locatorResult;
+            return static_cast<LocatorResult>(locatorResult);
         };
         UpdateEngine engine(std::move(environment));
         loop.post([&engine] { engine.appLaunched(); });
@@ -70,7 +72,6 @@ Outcome RunEngine(int locatorResult, bool silent) {
         outcome.returnCode = ReadTextFile(home.file("OrvelQX3/retVal"));
     outcome.alerts = ui.alerts;
 
-    KORInstallerResultsWrapper::setContext(ReportingContext{});
     SetENVsilentFlag(false);
     ::setenv("HOME", savedHome.c_str(), 1);
     return outcome;

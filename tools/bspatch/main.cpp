@@ -1,4 +1,4 @@
-#include "bspatch/Bspatch.h"
+#include "patch/Bspatch.h"
 
 #include <cstdio>
 

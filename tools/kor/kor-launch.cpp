@@ -10,7 +10,7 @@
 // (~/.local/share/Orvel/Updater/Install/OrvelUpdaterInstallerData.plist), as the update
 // manager does before it launches an installer.
 
-#include "KORInstallerResults.h"
+#include "report/KORInstallerResults.h"
 
 #include <plist/plist.h>
 

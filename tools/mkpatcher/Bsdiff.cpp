@@ -2,7 +2,7 @@
 
 #include "BzipBlockWriter.h"
 #include "base/FileUtil.h"
-#include "bspatch/BsdiffFormat.h"
+#include "patch/BsdiffFormat.h"
 
 #include <divsufsort.h>
 #include <divsufsort64.h>

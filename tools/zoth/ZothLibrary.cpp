@@ -3,7 +3,7 @@
 // stale or foreign handle gives kZothInvalidSessionError instead of a crash. No exception
 // leaves the library.
 #include "ZothStore.h"
-#include "orvel_zoth/ZothRecords.h"
+#include "target/ZothRecords.h"
 
 #include <climits>
 #include <map>

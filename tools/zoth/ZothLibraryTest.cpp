@@ -1,6 +1,6 @@
 // The built orvel_zoth library, loaded by path as the patcher loads it, over databases
 // made by zothctl.
-#include "orvel_zoth/ZothRecords.h"
+#include "target/ZothRecords.h"
 
 #include "TestSupport.h"
 

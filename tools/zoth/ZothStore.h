@@ -1,6 +1,6 @@
 #pragma once
 
-#include "orvel_zoth/ZothRecords.h"
+#include "target/ZothRecords.h"
 
 #include <cstdint>
 #include <memory>

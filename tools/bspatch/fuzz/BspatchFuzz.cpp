@@ -1,7 +1,7 @@
 // libFuzzer target for the patch reader. An input is the old file's length (two bytes, least
 // significant first), the old file, then the patch. The patch goes through a memory file, as
 // the reader takes a descriptor; the new file's bytes are counted and dropped.
-#include "bspatch/Bspatch.h"
+#include "patch/Bspatch.h"
 
 #include <algorithm>
 #include <cstdint>

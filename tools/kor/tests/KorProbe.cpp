@@ -2,7 +2,7 @@
 // the real results library what its arguments ask for, and prints what it saw.
 //   KorProbe uptodate|failed TEXT|cancel|tryagain NAMES|none
 
-#include "run/KORInstallerResultsWrapper.h"
+#include "report/KORInstallerResultsWrapper.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,21 +11,23 @@
 int main(int argc, char** argv) {
     const std::string action = argc > 1 ? argv[1] : "none";
     const std::string text = argc > 2 ? argv[2] : "";
-    const bool managed = KORInstallerResultsWrapper::runningUnderKOR();
+    // The linked results library and no user interface: panels go to the log.
+    const KORInstallerResultsWrapper reporter{ReportingContext{}};
+    const bool managed = reporter.runningUnderKOR();
     std::printf("managed: %d\n", managed ? 1 : 0);
-    std::printf("client: %s\n", KORInstallerResultsWrapper::clientAppPath().value_or("").c_str());
+    std::printf("client: %s\n", reporter.clientAppPath().value_or("").c_str());
     // The hand-over never reaches programs started from here.
     const bool cleared =
         !std::getenv("ORVEL_KOR_CLIENT_APP_PATH") && !std::getenv("ORVEL_KOR_RESULTS_FD");
     std::printf("env-cleared: %d\n", cleared ? 1 : 0);
     std::fflush(stdout);
     if (action == "uptodate")
-        KORInstallerResultsWrapper::reportUpToDate(text);
+        reporter.reportUpToDate(text);
     else if (action == "failed")
-        KORInstallerResultsWrapper::reportUpdateFailed(text);
+        reporter.reportUpdateFailed(text);
     else if (action == "cancel")
-        KORInstallerResultsWrapper::reportUpdateCancelled();
+        reporter.reportUpdateCancelled();
     else if (action == "tryagain")
-        KORInstallerResultsWrapper::reportUpdateFailedTryAgain(text);
+        reporter.reportUpdateFailedTryAgain(text);
     return 0;
 }

@@ -7,9 +7,9 @@
 
 #include "TestSupport.h"
 #include "base/Xml.h"
-#include "run/Environment.h"
-#include "run/KORInstallerResultsWrapper.h"
-#include "run/MainLoop.h"
+#include "report/KORInstallerResultsWrapper.h"
+#include "runtime/Environment.h"
+#include "runtime/MainLoop.h"
 #include "target/LoadConfigData.h"
 #include "target/OrvelCodeFileHandler.h"
 #include "update/MD5cksum.h"
@@ -129,7 +129,6 @@ protected:
 
     void TearDown() override {
         (void)OrvelCodeFileHandler::releaseInstance();
-        KORInstallerResultsWrapper::setContext(ReportingContext{});
         SetENVsilentFlag(false);
     }
 
@@ -153,6 +152,9 @@ protected:
         ManifestRunEnvironment environment;
         environment.loop = &loop;
         environment.paths = paths;
+        environment.history = OrvelCodeFileHandler::getInstance();
+        environment.silent = GetENVsilentFlag();
+        environment.reporter = &reporter;
         environment.cmdOptions.protectedFolders = paths.protectedFolders;
         fs::remove(paths.returnCodeFile);
         auto processor = std::make_unique<ProcessManifest>(
@@ -171,6 +173,7 @@ protected:
     std::string app = installDir + "/Editor.app";
     std::string patcher = root + "/out/Editor Update.app";
     PlatformPaths paths;
+    KORInstallerResultsWrapper reporter{ReportingContext{}};
 };
 
 TEST_F(CreateTest, ManifestAndConfigurationDescribeTheUpdate) {

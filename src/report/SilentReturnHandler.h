@@ -1,0 +1,25 @@
+#pragma once
+
+#include "runtime/PlatformPaths.h"
+
+// The results of a silent run, by the numbers the return-code file holds. Codes 1, 2 and 4
+// are never written.
+enum class SilentReturnCode : int {
+    Updated = 0,
+    AlreadyUpToDate = 3,
+    ApplicationNotFound = 5,
+    NotValidForUpdate = 6,
+    NotEnoughDiskSpace = 7,       // on the application's volume or the system volume
+    ApplicationsStillRunning = 8, // applications of the family that must be quit
+    CancelledOrRolledBack = 9,    // cancelled, or failed and rolled back
+    RollbackFailed = 10,          // failed, and the rollback failed too
+};
+
+// The result of a silent run: the return-code file (the table's returnCodeFile, normally
+// "/tmp/OrvelQX3/retVal"), holding the code in decimal without a line end, replacing what it
+// held before.
+class SilentReturnHandler {
+public:
+    // Creates the file's folder when missing. An unwritable file is skipped silently.
+    static void setReturnCode(SilentReturnCode code, const PlatformPaths& paths);
+};

@@ -1,0 +1,237 @@
+#include "runtime/CommonUtility.h"
+
+#include "base/Path.h"
+#include "runtime/LoggerUtility.h"
+
+#include <boost/regex.hpp>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <fstream>
+#include <pwd.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+namespace {
+
+// Reads an integer the way a C-style "intValue" does: leading white space, an optional
+// sign, the leading digits; no digits give 0; out-of-range values are clamped.
+int32_t IntValue(const std::string& piece) {
+    size_t i = 0;
+    while (i < piece.size() && (piece[i] == ' ' || piece[i] == '\t' || piece[i] == '\n' ||
+                                piece[i] == '\r' || piece[i] == '\f' || piece[i] == '\v'))
+        ++i;
+    bool negative = false;
+    if (i < piece.size() && (piece[i] == '+' || piece[i] == '-')) {
+        negative = piece[i] == '-';
+        ++i;
+    }
+    long long value = 0;
+    for (; i < piece.size() && piece[i] >= '0' && piece[i] <= '9'; ++i) {
+        value = value * 10 + (piece[i] - '0');
+        if (value > static_cast<long long>(INT_MAX) + 1)
+            value = static_cast<long long>(INT_MAX) + 1;
+    }
+    if (negative)
+        value = -value;
+    if (value > INT_MAX)
+        return INT_MAX;
+    if (value < INT_MIN)
+        return INT_MIN;
+    return static_cast<int32_t>(value);
+}
+
+std::optional<std::string> UserNameOfUid(uid_t uid) {
+    struct passwd entry {};
+    struct passwd* result = nullptr;
+    char buffer[4096];
+    if (::getpwuid_r(uid, &entry, buffer, sizeof buffer, &result) != 0 || !result)
+        return std::nullopt;
+    return std::string(result->pw_name);
+}
+
+std::optional<uid_t> UidOfUserName(const std::string& name) {
+    struct passwd entry {};
+    struct passwd* result = nullptr;
+    char buffer[4096];
+    if (::getpwnam_r(name.c_str(), &entry, buffer, sizeof buffer, &result) != 0 || !result)
+        return std::nullopt;
+    return result->pw_uid;
+}
+
+std::optional<uid_t> ParseUid(const char* text) {
+    if (!text || !*text)
+        return std::nullopt;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long value = std::strtoul(text, &end, 10);
+    if (errno != 0 || *end != '\0' || value >= static_cast<unsigned long>(static_cast<uid_t>(-1)))
+        return std::nullopt;
+    return static_cast<uid_t>(value);
+}
+
+} // namespace
+
+bool GetDotSeparatedVersion(const std::string& text, DotSeparatedVersion& version) {
+    version = DotSeparatedVersion{};
+    if (text.empty())
+        return false;
+    int32_t* fields[] = {&version.major, &version.minor, &version.third, &version.fourth};
+    int filled = 0;
+    size_t start = 0;
+    size_t dot = text.find('.', 1);
+    while (dot != std::string::npos && filled < 4) {
+        *fields[filled++] = IntValue(text.substr(start, dot - start));
+        start = dot + 1;
+        dot = text.find('.', start);
+    }
+    if (start < text.size() && filled < 4)
+        *fields[filled] = IntValue(text.substr(start));
+    return true;
+}
+
+int DotSeparatedVersionCompare(const std::optional<std::string>& a,
+                               const std::optional<std::string>& b) {
+    if (!a)
+        return 0;
+    if (b && ::strcasecmp(a->c_str(), b->c_str()) == 0)
+        return 0;
+    DotSeparatedVersion va;
+    DotSeparatedVersion vb;
+    const bool haveA = GetDotSeparatedVersion(*a, va);
+    const bool haveB = GetDotSeparatedVersion(b.value_or(""), vb);
+    if (!haveA || !haveB)
+        return 1;
+    const int32_t left[] = {va.major, va.minor, va.third, va.fourth};
+    const int32_t right[] = {vb.major, vb.minor, vb.third, vb.fourth};
+    for (int i = 0; i < 4; ++i) {
+        if (left[i] > right[i])
+            return 1;
+        if (left[i] < right[i])
+            return -1;
+    }
+    return 0;
+}
+
+bool DotSeparatedVersionCompareAllowsReplace(const std::optional<std::string>& a,
+                                             const std::optional<std::string>& b) {
+    return DotSeparatedVersionCompare(a, b) >= 0;
+}
+
+bool IsStrEqualToRegEx(const char* text, const char* expression) {
+    if (!text || !expression)
+        return false;
+    try {
+        const boost::regex pattern(expression, boost::regex::perl);
+        return boost::regex_search(text, pattern);
+    } catch (...) {
+        return false;
+    }
+}
+
+bool CreateDirectoryAtPath(const std::string& path) {
+    std::optional<uid_t> owner;
+    if (auto user = GetUserName())
+        owner = UidOfUserName(*user);
+    // Only the super-user may give a folder away; otherwise the folder stays the caller's.
+    const bool setOwner = owner && ::geteuid() == 0;
+
+    const std::string withSlash = path + "/";
+    for (size_t slash = withSlash.find('/', 1); slash != std::string::npos;
+         slash = withSlash.find('/', slash + 1)) {
+        const std::string level = withSlash.substr(0, slash);
+        if (PathExists(level))
+            continue;
+        if (::mkdir(level.c_str(), 0755) != 0 && errno != EEXIST) {
+            NSLevelledLog(0, "Failed to create directory: %@", level);
+            return false;
+        }
+        if (setOwner && ::chown(level.c_str(), *owner, 0) != 0)
+            NSLevelledLog(1, "Failed to set the owner of directory: %@", level);
+    }
+    return true;
+}
+
+uint64_t GetFreeDiskSpaceInBytes(const std::string& path) {
+    if (path.empty())
+        return 0;
+    struct statvfs info {};
+    if (::statvfs(path.c_str(), &info) != 0)
+        return 0;
+    return static_cast<uint64_t>(info.f_bavail) * static_cast<uint64_t>(info.f_frsize);
+}
+
+std::optional<std::string> GetUserName() {
+    if (auto uid = ParseUid(std::getenv("PKEXEC_UID"))) {
+        if (auto name = UserNameOfUid(*uid))
+            return name;
+    }
+    if (const char* sudoUser = std::getenv("SUDO_USER"); sudoUser && *sudoUser) {
+        if (UidOfUserName(sudoUser))
+            return std::string(sudoUser);
+    }
+    std::ifstream loginUid("/proc/self/loginuid");
+    std::string text;
+    if (loginUid >> text) {
+        if (auto uid = ParseUid(text.c_str())) {
+            if (auto name = UserNameOfUid(*uid))
+                return name;
+        }
+    }
+    return UserNameOfUid(::getuid());
+}
+
+std::string HomeDirectory() {
+    if (const char* home = std::getenv("HOME"); home && *home)
+        return home;
+    struct passwd entry {};
+    struct passwd* result = nullptr;
+    char buffer[4096];
+    if (::getpwuid_r(::getuid(), &entry, buffer, sizeof buffer, &result) == 0 && result)
+        return result->pw_dir;
+    return "/";
+}
+
+std::string ExpandTildeInPath(const std::string& path) {
+    if (path == "~")
+        return HomeDirectory();
+    if (path.rfind("~/", 0) == 0)
+        return WithoutTrailingSlashes(HomeDirectory()) + path.substr(1);
+    return path;
+}
+
+bool GetPathToAppGivenSubDirPath(const std::string& path, std::string& appPath,
+                                 const std::vector<std::string>& protectedFolders) {
+    appPath.clear();
+    std::string current = WithoutTrailingSlashes(path);
+    int dottedComponents = 0;
+    for (int parents = 0;; ++parents) {
+        const std::string component = LastPathComponent(current);
+        if (auto dot = component.find('.'); dot != std::string::npos) {
+            if (::strcasecmp(component.substr(dot + 1).c_str(), "app") == 0) {
+                appPath = current;
+                return true;
+            }
+            if (++dottedComponents > 2)
+                return false;
+        }
+        for (const auto& folder : protectedFolders) {
+            if (::strcasecmp(current.c_str(), folder.c_str()) == 0)
+                return false;
+        }
+        if (parents == 4)
+            return false;
+        current = ParentPath(current);
+    }
+}
+
+bool IsOSVersionSupported() {
+    struct utsname name {};
+    if (::uname(&name) != 0)
+        return true;
+    return DotSeparatedVersionCompareAllowsReplace(std::string(name.release), std::string("5.3"));
+}

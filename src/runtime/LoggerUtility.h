@@ -1,0 +1,50 @@
+#pragma once
+
+#include "base/Format.h"
+#include "runtime/Environment.h"
+
+#include <string>
+#include <string_view>
+
+// The log: standard error, redirected at the start of a run to the user's log file.
+// Every line is written whole, with the prefix
+//   "YYYY-MM-DD HH:MM:SS.mmm <process>[<pid>:<tid>] "
+// in one write, so lines of the main thread and the worker never mix.
+
+// Redirects standard error to the file at path, appending; creates the missing folders.
+[[nodiscard]] bool StartLogging(const std::string& path);
+
+// "error"/"0" -> 0, "warning"/"1" -> 1, "info"/"2" -> 2, "debug"/"3" -> 3 (any case);
+// anything else 0.
+unsigned ResolveLogLevelString(const std::string& name);
+
+// The 65-character separator of type 0 to 3; any other type gives the type as text.
+std::string GetSeparatorStringGivenType(int type);
+
+// Writes one line with the log prefix. The message is written as it is.
+void NSLog(std::string_view message);
+
+// A message of the level, written when the level is at most the run's verbosity.
+template <typename... Args>
+void NSLevelledLog(unsigned level, std::string_view format, const Args&... args) {
+    if (level > GetENVverbosityLevel())
+        return;
+    std::string message = StringWithFormat(format, args...);
+    if (message.empty())
+        return;
+    NSLog(message);
+}
+
+// The heading centred in a separator line of the type, when it is short enough; never
+// filtered by level.
+std::string ComposeHeadingLine(int type, const std::string& heading);
+
+template <typename... Args>
+void NSFormatLogWithHeading(int type, std::string_view format, const Args&... args) {
+    std::string line = ComposeHeadingLine(type, StringWithFormat(format, args...));
+    // The composed line is itself used as the format: "%%" in a heading prints "%".
+    NSLog(StringWithFormat(line));
+}
+
+// The bare separator line of the type; never filtered by level.
+void NSFormatLog(int type);

@@ -1,0 +1,327 @@
+#include "system/FileSystem.h"
+
+#include <cerrno>
+#include <climits>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <sys/sendfile.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kCopyBufferSize = 256 * 1024;
+constexpr size_t kSendFileChunk = 8 * 1024 * 1024;
+
+// Copies what is left of in to out through memory.
+bool CopyThroughMemory(int in, int out, const FileSystem::CopyObserver& observe) {
+    const auto buffer = std::make_unique_for_overwrite<char[]>(kCopyBufferSize);
+    for (;;) {
+        const ssize_t got = ::read(in, buffer.get(), kCopyBufferSize);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return false;
+        if (got == 0)
+            return true;
+        if (observe)
+            observe(buffer.get(), static_cast<size_t>(got));
+        if (!WriteAll(out, buffer.get(), static_cast<size_t>(got)))
+            return false;
+    }
+}
+
+} // namespace
+
+RealFileSystem& RealFileSystem::instance() {
+    static RealFileSystem fileSystem;
+    return fileSystem;
+}
+
+UniqueFd RealFileSystem::createFile(const std::string& path, mode_t mode) {
+    return UniqueFd(::open(path.c_str(),
+                           O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW, mode));
+}
+
+UniqueFd RealFileSystem::openForWriting(const std::string& path) {
+    return UniqueFd(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
+}
+
+UniqueFd RealFileSystem::openForReading(const std::string& path) {
+    return UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+}
+
+bool RealFileSystem::write(int fd, const void* data, size_t size) {
+    return WriteAll(fd, static_cast<const char*>(data), size);
+}
+
+bool RealFileSystem::writeAt(int fd, const void* data, size_t size, uint64_t offset) {
+    const char* bytes = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t written = ::pwrite(fd, bytes, size, static_cast<off_t>(offset));
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written < 0)
+            return false;
+        bytes += written;
+        size -= static_cast<size_t>(written);
+        offset += static_cast<uint64_t>(written);
+    }
+    return true;
+}
+
+bool RealFileSystem::copyData(int in, int out, const CopyObserver& observe) {
+    if (observe)
+        return CopyThroughMemory(in, out, observe);
+    for (bool first = true;; first = false) {
+        const ssize_t sent = ::sendfile(out, in, nullptr, kSendFileChunk);
+        if (sent < 0 && errno == EINTR)
+            continue;
+        // EINVAL and ENOSYS before the first byte: these files cannot be copied inside the
+        // kernel.
+        if (sent < 0 && first && (errno == EINVAL || errno == ENOSYS))
+            return CopyThroughMemory(in, out, nullptr);
+        if (sent < 0)
+            return false;
+        if (sent == 0)
+            return true;
+    }
+}
+
+bool RealFileSystem::truncate(int fd, uint64_t size) {
+    return ::ftruncate(fd, static_cast<off_t>(size)) == 0;
+}
+
+bool RealFileSystem::syncFile(int fd, bool metadata) {
+    return (metadata ? ::fsync(fd) : ::fdatasync(fd)) == 0;
+}
+
+bool RealFileSystem::syncFolder(const std::string& path) {
+    const UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder.valid() && ::fsync(folder.get()) == 0;
+}
+
+bool RealFileSystem::close(UniqueFd& fd) {
+    return ::close(fd.release()) == 0;
+}
+
+bool RealFileSystem::makeFolder(const std::string& path, mode_t mode) {
+    return ::mkdir(path.c_str(), mode) == 0;
+}
+
+bool RealFileSystem::removeFolder(const std::string& path) {
+    return ::rmdir(path.c_str()) == 0;
+}
+
+bool RealFileSystem::removeFile(const std::string& path) {
+    return ::unlink(path.c_str()) == 0;
+}
+
+bool RealFileSystem::rename(const std::string& from, const std::string& to) {
+    return ::rename(from.c_str(), to.c_str()) == 0;
+}
+
+bool RealFileSystem::link(const std::string& existing, const std::string& newPath) {
+    return ::link(existing.c_str(), newPath.c_str()) == 0;
+}
+
+bool RealFileSystem::symlink(const std::string& content, const std::string& path) {
+    return ::symlink(content.c_str(), path.c_str()) == 0;
+}
+
+std::optional<std::string> RealFileSystem::readLink(const std::string& path) {
+    std::vector<char> buffer(PATH_MAX + 1);
+    for (;;) {
+        const ssize_t length = ::readlink(path.c_str(), buffer.data(), buffer.size());
+        if (length < 0)
+            return std::nullopt;
+        if (static_cast<size_t>(length) < buffer.size())
+            return std::string(buffer.data(), static_cast<size_t>(length));
+        buffer.resize(buffer.size() * 2); // the content may have grown since it was measured
+    }
+}
+
+std::optional<std::vector<std::string>> RealFileSystem::listFolder(const std::string& path) {
+    struct DirCloser {
+        void operator()(DIR* dir) const { ::closedir(dir); }
+    };
+    std::unique_ptr<DIR, DirCloser> dir(::opendir(path.c_str()));
+    if (!dir)
+        return std::nullopt;
+    std::vector<std::string> entries;
+    errno = 0;
+    while (const dirent* entry = ::readdir(dir.get())) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..")
+            entries.push_back(name);
+    }
+    if (errno != 0)
+        return std::nullopt;
+    return entries;
+}
+
+bool RealFileSystem::setOwner(const std::string& path, uid_t uid, gid_t gid) {
+    return ::lchown(path.c_str(), uid, gid) == 0;
+}
+
+bool RealFileSystem::setMode(const std::string& path, mode_t mode) {
+    return ::chmod(path.c_str(), mode) == 0;
+}
+
+bool RealFileSystem::setModeOfFile(int fd, mode_t mode) {
+    return ::fchmod(fd, mode) == 0;
+}
+
+bool RealFileSystem::setTimes(const std::string& path, const timespec times[2]) {
+    return ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+bool RealFileSystem::setTimesOfFile(int fd, const timespec times[2]) {
+    return ::futimens(fd, times) == 0;
+}
+
+std::optional<uint64_t> RealFileSystem::freeSpace(const std::string& path) {
+    struct statvfs info {};
+    if (::statvfs(path.c_str(), &info) != 0)
+        return std::nullopt;
+    return static_cast<uint64_t>(info.f_bavail) * info.f_frsize;
+}
+
+// ---------------------------------------------------------------------------------------
+
+void FaultInjectingFileSystem::failCall(uint64_t n, int error) {
+    _error = error;
+    _failed = false;
+    _calls = 0;
+    _failAt = n;
+    const std::lock_guard lock(_logMutex);
+    _log.clear();
+}
+
+std::vector<std::string> FaultInjectingFileSystem::callLog() const {
+    const std::lock_guard lock(_logMutex);
+    return _log;
+}
+
+bool FaultInjectingFileSystem::admit(const std::string& what) {
+    const uint64_t number = ++_calls;
+    {
+        const std::lock_guard lock(_logMutex);
+        _log.push_back(what);
+    }
+    if (number != _failAt.load())
+        return true;
+    _failed = true;
+    errno = _error;
+    return false;
+}
+
+UniqueFd FaultInjectingFileSystem::createFile(const std::string& path, mode_t mode) {
+    return admit("create " + path) ? _inner.createFile(path, mode) : UniqueFd();
+}
+
+UniqueFd FaultInjectingFileSystem::openForWriting(const std::string& path) {
+    return admit("open-write " + path) ? _inner.openForWriting(path) : UniqueFd();
+}
+
+UniqueFd FaultInjectingFileSystem::openForReading(const std::string& path) {
+    return admit("open-read " + path) ? _inner.openForReading(path) : UniqueFd();
+}
+
+bool FaultInjectingFileSystem::write(int fd, const void* data, size_t size) {
+    return admit("write") && _inner.write(fd, data, size);
+}
+
+bool FaultInjectingFileSystem::writeAt(int fd, const void* data, size_t size, uint64_t offset) {
+    return admit("write-at") && _inner.writeAt(fd, data, size, offset);
+}
+
+bool FaultInjectingFileSystem::copyData(int in, int out, const CopyObserver& observe) {
+    return admit("copy-data") && _inner.copyData(in, out, observe);
+}
+
+bool FaultInjectingFileSystem::truncate(int fd, uint64_t size) {
+    return admit("truncate") && _inner.truncate(fd, size);
+}
+
+bool FaultInjectingFileSystem::syncFile(int fd, bool metadata) {
+    return admit("sync-file") && _inner.syncFile(fd, metadata);
+}
+
+bool FaultInjectingFileSystem::syncFolder(const std::string& path) {
+    return admit("sync-folder " + path) && _inner.syncFolder(path);
+}
+
+bool FaultInjectingFileSystem::close(UniqueFd& fd) {
+    if (!admit("close")) {
+        const int error = errno;
+        fd.reset(); // a failed close still releases the descriptor
+        errno = error;
+        return false;
+    }
+    return _inner.close(fd);
+}
+
+bool FaultInjectingFileSystem::makeFolder(const std::string& path, mode_t mode) {
+    return admit("mkdir " + path) && _inner.makeFolder(path, mode);
+}
+
+bool FaultInjectingFileSystem::removeFolder(const std::string& path) {
+    return admit("rmdir " + path) && _inner.removeFolder(path);
+}
+
+bool FaultInjectingFileSystem::removeFile(const std::string& path) {
+    return admit("unlink " + path) && _inner.removeFile(path);
+}
+
+bool FaultInjectingFileSystem::rename(const std::string& from, const std::string& to) {
+    return admit("rename " + from + " -> " + to) && _inner.rename(from, to);
+}
+
+bool FaultInjectingFileSystem::link(const std::string& existing, const std::string& newPath) {
+    return admit("link " + existing + " -> " + newPath) && _inner.link(existing, newPath);
+}
+
+bool FaultInjectingFileSystem::symlink(const std::string& content, const std::string& path) {
+    return admit("symlink " + path) && _inner.symlink(content, path);
+}
+
+std::optional<std::string> FaultInjectingFileSystem::readLink(const std::string& path) {
+    if (!admit("readlink " + path))
+        return std::nullopt;
+    return _inner.readLink(path);
+}
+
+std::optional<std::vector<std::string>>
+FaultInjectingFileSystem::listFolder(const std::string& path) {
+    if (!admit("list " + path))
+        return std::nullopt;
+    return _inner.listFolder(path);
+}
+
+bool FaultInjectingFileSystem::setOwner(const std::string& path, uid_t uid, gid_t gid) {
+    return admit("chown " + path) && _inner.setOwner(path, uid, gid);
+}
+
+bool FaultInjectingFileSystem::setMode(const std::string& path, mode_t mode) {
+    return admit("chmod " + path) && _inner.setMode(path, mode);
+}
+
+bool FaultInjectingFileSystem::setModeOfFile(int fd, mode_t mode) {
+    return admit("fchmod") && _inner.setModeOfFile(fd, mode);
+}
+
+bool FaultInjectingFileSystem::setTimes(const std::string& path, const timespec times[2]) {
+    return admit("utimens " + path) && _inner.setTimes(path, times);
+}
+
+bool FaultInjectingFileSystem::setTimesOfFile(int fd, const timespec times[2]) {
+    return admit("futimens") && _inner.setTimesOfFile(fd, times);
+}
+
+std::optional<uint64_t> FaultInjectingFileSystem::freeSpace(const std::string& path) {
+    if (!admit("statvfs " + path))
+        return std::nullopt;
+    return _inner.freeSpace(path);
+}

@@ -1,0 +1,156 @@
+#pragma once
+
+#include "base/FileUtil.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <vector>
+
+// Every change the update makes to the disk, and the reads that decide one, go through this
+// seam: the installed tree, the backup folder with its journal, and the payload folder.
+// Each call is one system call (or one short sequence that succeeds or fails as a whole)
+// and reports failure the POSIX way: false or an invalid descriptor, with errno set.
+// Questions about a path's state (stat, lstat) are not part of it: they change nothing.
+class FileSystem {
+public:
+    virtual ~FileSystem() = default;
+
+    // A new regular file (O_CREAT|O_EXCL, write only, close-on-exec), never through an
+    // existing name.
+    [[nodiscard]] virtual UniqueFd createFile(const std::string& path, mode_t mode) = 0;
+    // An existing file opened for writing without truncating it.
+    [[nodiscard]] virtual UniqueFd openForWriting(const std::string& path) = 0;
+    // An existing file opened for reading.
+    [[nodiscard]] virtual UniqueFd openForReading(const std::string& path) = 0;
+    // All of data at the descriptor's position (or at offset), retrying short writes.
+    [[nodiscard]] virtual bool write(int fd, const void* data, size_t size) = 0;
+    [[nodiscard]] virtual bool writeAt(int fd, const void* data, size_t size, uint64_t offset) = 0;
+    // Sees each piece of a copy as it passes.
+    using CopyObserver = std::function<void(const char* data, size_t size)>;
+    // What is left of in, copied to out: inside the kernel where the files allow it, through
+    // memory when observe is given.
+    [[nodiscard]] virtual bool copyData(int in, int out, const CopyObserver& observe) = 0;
+    [[nodiscard]] virtual bool truncate(int fd, uint64_t size) = 0;
+    // The file's data (and with metadata, its size and times) on disk.
+    [[nodiscard]] virtual bool syncFile(int fd, bool metadata) = 0;
+    // The folder's entries (creations, renames, removals in it) on disk.
+    [[nodiscard]] virtual bool syncFolder(const std::string& path) = 0;
+    // Closes the descriptor; false when the last writes could not be completed.
+    [[nodiscard]] virtual bool close(UniqueFd& fd) = 0;
+
+    [[nodiscard]] virtual bool makeFolder(const std::string& path, mode_t mode) = 0;
+    [[nodiscard]] virtual bool removeFolder(const std::string& path) = 0;
+    // Removes a file or a link (not what it points to).
+    [[nodiscard]] virtual bool removeFile(const std::string& path) = 0;
+    // rename(2): replaces an existing target atomically.
+    [[nodiscard]] virtual bool rename(const std::string& from, const std::string& to) = 0;
+    [[nodiscard]] virtual bool link(const std::string& existing, const std::string& newPath) = 0;
+    [[nodiscard]] virtual bool symlink(const std::string& content, const std::string& path) = 0;
+    [[nodiscard]] virtual std::optional<std::string> readLink(const std::string& path) = 0;
+    // The names in a folder, without "." and "..".
+    [[nodiscard]] virtual std::optional<std::vector<std::string>>
+    listFolder(const std::string& path) = 0;
+
+    // Owner and group (-1 leaves one as it is); a link gets them itself, never its target.
+    [[nodiscard]] virtual bool setOwner(const std::string& path, uid_t uid, gid_t gid) = 0;
+    [[nodiscard]] virtual bool setMode(const std::string& path, mode_t mode) = 0;
+    [[nodiscard]] virtual bool setModeOfFile(int fd, mode_t mode) = 0;
+    // Access and modification times (UTIME_NOW and UTIME_OMIT as utimensat knows them); a
+    // link gets them itself.
+    [[nodiscard]] virtual bool setTimes(const std::string& path, const timespec times[2]) = 0;
+    [[nodiscard]] virtual bool setTimesOfFile(int fd, const timespec times[2]) = 0;
+    // Bytes free for an unprivileged writer on the file system that holds path.
+    [[nodiscard]] virtual std::optional<uint64_t> freeSpace(const std::string& path) = 0;
+};
+
+// The machine's file system.
+class RealFileSystem : public FileSystem {
+public:
+    // The one instance the run uses when nothing else is handed in.
+    static RealFileSystem& instance();
+
+    UniqueFd createFile(const std::string& path, mode_t mode) override;
+    UniqueFd openForWriting(const std::string& path) override;
+    UniqueFd openForReading(const std::string& path) override;
+    bool write(int fd, const void* data, size_t size) override;
+    bool writeAt(int fd, const void* data, size_t size, uint64_t offset) override;
+    bool copyData(int in, int out, const CopyObserver& observe) override;
+    bool truncate(int fd, uint64_t size) override;
+    bool syncFile(int fd, bool metadata) override;
+    bool syncFolder(const std::string& path) override;
+    bool close(UniqueFd& fd) override;
+    bool makeFolder(const std::string& path, mode_t mode) override;
+    bool removeFolder(const std::string& path) override;
+    bool removeFile(const std::string& path) override;
+    bool rename(const std::string& from, const std::string& to) override;
+    bool link(const std::string& existing, const std::string& newPath) override;
+    bool symlink(const std::string& content, const std::string& path) override;
+    std::optional<std::string> readLink(const std::string& path) override;
+    std::optional<std::vector<std::string>> listFolder(const std::string& path) override;
+    bool setOwner(const std::string& path, uid_t uid, gid_t gid) override;
+    bool setMode(const std::string& path, mode_t mode) override;
+    bool setModeOfFile(int fd, mode_t mode) override;
+    bool setTimes(const std::string& path, const timespec times[2]) override;
+    bool setTimesOfFile(int fd, const timespec times[2]) override;
+    std::optional<uint64_t> freeSpace(const std::string& path) override;
+};
+
+// For tests: the real file system, with every call counted and the Nth call (counting from
+// 1, across all kinds) failed once with a chosen errno before it touches anything. Calls
+// may come from several threads.
+class FaultInjectingFileSystem : public FileSystem {
+public:
+    explicit FaultInjectingFileSystem(FileSystem& inner = RealFileSystem::instance())
+        : _inner(inner) {}
+
+    // Fails call number n (from now on counting from 1; 0 fails nothing) with error.
+    void failCall(uint64_t n, int error);
+    uint64_t calls() const { return _calls.load(); }
+    // True once the chosen call has failed.
+    bool failed() const { return _failed.load(); }
+    // The name of each call made so far, in order ("rename /a -> /b").
+    std::vector<std::string> callLog() const;
+
+    UniqueFd createFile(const std::string& path, mode_t mode) override;
+    UniqueFd openForWriting(const std::string& path) override;
+    UniqueFd openForReading(const std::string& path) override;
+    bool write(int fd, const void* data, size_t size) override;
+    bool writeAt(int fd, const void* data, size_t size, uint64_t offset) override;
+    bool copyData(int in, int out, const CopyObserver& observe) override;
+    bool truncate(int fd, uint64_t size) override;
+    bool syncFile(int fd, bool metadata) override;
+    bool syncFolder(const std::string& path) override;
+    bool close(UniqueFd& fd) override;
+    bool makeFolder(const std::string& path, mode_t mode) override;
+    bool removeFolder(const std::string& path) override;
+    bool removeFile(const std::string& path) override;
+    bool rename(const std::string& from, const std::string& to) override;
+    bool link(const std::string& existing, const std::string& newPath) override;
+    bool symlink(const std::string& content, const std::string& path) override;
+    std::optional<std::string> readLink(const std::string& path) override;
+    std::optional<std::vector<std::string>> listFolder(const std::string& path) override;
+    bool setOwner(const std::string& path, uid_t uid, gid_t gid) override;
+    bool setMode(const std::string& path, mode_t mode) override;
+    bool setModeOfFile(int fd, mode_t mode) override;
+    bool setTimes(const std::string& path, const timespec times[2]) override;
+    bool setTimesOfFile(int fd, const timespec times[2]) override;
+    std::optional<uint64_t> freeSpace(const std::string& path) override;
+
+private:
+    // Counts the call; false (errno set) when it is the one to fail.
+    bool admit(const std::string& what);
+
+    FileSystem& _inner;
+    std::atomic<uint64_t> _calls{0};
+    std::atomic<uint64_t> _failAt{0};
+    std::atomic<bool> _failed{false};
+    int _error = 0;
+    mutable std::mutex _logMutex;
+    std::vector<std::string> _log;
+};

@@ -1,0 +1,364 @@
+#include "update/FileManager.h"
+
+#include "base/FileUtil.h"
+#include "base/Md5.h"
+#include "base/Path.h"
+#include "runtime/LoggerUtility.h"
+#include "system/FileSystem.h"
+#include "update/FileOperationInfo.h"
+#include "update/MD5cksum.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <grp.h>
+#include <memory>
+#include <pwd.h>
+#include <unistd.h>
+
+namespace {
+
+bool IsAllDigits(const std::string& text) {
+    if (text.empty())
+        return false;
+    for (char c : text) {
+        if (c < '0' || c > '9')
+            return false;
+    }
+    return true;
+}
+
+// An account name, or a numeric id when no account has that name.
+std::optional<uid_t> UserIdOf(const std::string& name) {
+    std::vector<char> buffer(16384);
+    passwd entry{};
+    passwd* result = nullptr;
+    if (::getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &result) == 0 && result)
+        return result->pw_uid;
+    if (IsAllDigits(name))
+        return static_cast<uid_t>(std::strtoul(name.c_str(), nullptr, 10));
+    return std::nullopt;
+}
+
+std::optional<gid_t> GroupIdOf(const std::string& name) {
+    std::vector<char> buffer(16384);
+    group entry{};
+    group* result = nullptr;
+    if (::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &result) == 0 && result)
+        return result->gr_gid;
+    if (IsAllDigits(name))
+        return static_cast<gid_t>(std::strtoul(name.c_str(), nullptr, 10));
+    return std::nullopt;
+}
+
+// The manifest writes a mode as the digits of its octal form ("755"). The text is read as
+// a decimal number first and its digits are then taken as octal digits, up to the first
+// digit that is not one; 0 means no change.
+mode_t ModeFromPermissionText(const std::string& text) {
+    const long decimal = std::strtol(text.c_str(), nullptr, 10);
+    if (decimal <= 0)
+        return 0;
+    const std::string digits = std::to_string(decimal);
+    const long octal = std::strtol(digits.c_str(), nullptr, 8);
+    if (octal <= 0 || octal > 07777)
+        return 0;
+    return static_cast<mode_t>(octal);
+}
+
+} // namespace
+
+FileManager::FileManager() : _fs(&RealFileSystem::instance()) {}
+
+std::optional<std::string> FileManager::UserNameOf(uid_t uid) {
+    std::vector<char> buffer(16384);
+    passwd entry{};
+    passwd* result = nullptr;
+    if (::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &result) != 0 || !result)
+        return std::nullopt;
+    return std::string(result->pw_name);
+}
+
+std::optional<std::string> FileManager::GroupNameOf(gid_t gid) {
+    std::vector<char> buffer(16384);
+    group entry{};
+    group* result = nullptr;
+    if (::getgrgid_r(gid, &entry, buffer.data(), buffer.size(), &result) != 0 || !result)
+        return std::nullopt;
+    return std::string(result->gr_name);
+}
+
+bool FileManager::copyRegularFile(const std::string& source, const std::string& destination,
+                                  const struct stat& sourceInfo, bool sync,
+                                  bool rememberChecksum) const {
+    UniqueFd in = _fs->openForReading(source);
+    if (!in.valid())
+        return false;
+    UniqueFd out = _fs->createFile(destination, 0600);
+    if (!out.valid())
+        return false;
+    // From here on a failure must not leave a partial file behind.
+    auto discard = [&] {
+        const int error = errno;
+        out.reset();
+        (void)_fs->removeFile(destination);
+        errno = error;
+        return false;
+    };
+    // Both ends hold the bytes copied, so their checksum is known while neither changes:
+    // taken from the source when it is known already, else computed on the way.
+    std::optional<std::string> known;
+    std::optional<Md5Stream> digest;
+    struct stat opened {};
+    if (rememberChecksum && ::fstat(in.get(), &opened) == 0 &&
+        MD5cksum::sameFileState(sourceInfo, opened))
+        known = MD5cksum::rememberedChecksumOfFile(source, opened);
+    if (rememberChecksum && !known)
+        digest.emplace();
+    FileSystem::CopyObserver observe;
+    if (digest)
+        observe = [&digest](const char* data, size_t size) { digest->update(data, size); };
+    const bool copied = _fs->copyData(in.get(), out.get(), observe);
+    if (!copied)
+        return discard();
+    if (!_fs->setModeOfFile(out.get(), sourceInfo.st_mode & 07777))
+        return discard();
+    const timespec times[2] = {sourceInfo.st_atim, sourceInfo.st_mtim};
+    (void)_fs->setTimesOfFile(out.get(), times); // a copy with today's date is still a copy
+    if (sync && !_fs->syncFile(out.get(), true))
+        return discard();
+    // The source counts only if it did not change while it was read.
+    struct stat sourceAfter {};
+    struct stat copyInfo {};
+    const bool remember = rememberChecksum && ::fstat(in.get(), &sourceAfter) == 0 &&
+                          MD5cksum::sameFileState(sourceInfo, sourceAfter) &&
+                          ::fstat(out.get(), &copyInfo) == 0;
+    if (!_fs->close(out)) {
+        const int error = errno;
+        (void)_fs->removeFile(destination);
+        errno = error;
+        return false;
+    }
+    if (remember) {
+        if (digest)
+            known = digest->finish();
+        if (known) {
+            MD5cksum::rememberChecksumOfFile(destination, copyInfo, *known);
+            MD5cksum::rememberChecksumOfFile(source, sourceAfter, *known);
+        }
+    }
+    return true;
+}
+
+bool FileManager::copyItem(const std::string& source, const std::string& destination, bool sync,
+                           bool rememberChecksum) const {
+    struct stat info {};
+    if (::lstat(source.c_str(), &info) != 0)
+        return false;
+    if (S_ISLNK(info.st_mode)) {
+        const auto content = _fs->readLink(source);
+        return content && _fs->symlink(*content, destination);
+    }
+    if (!S_ISREG(info.st_mode))
+        return false;
+    return copyRegularFile(source, destination, info, sync, rememberChecksum);
+}
+
+bool FileManager::removeItem(const std::string& path) const {
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0)
+        return false;
+    if (!S_ISDIR(info.st_mode))
+        return _fs->removeFile(path);
+    // A folder: its entries first, never following a link out of it.
+    const auto entries = _fs->listFolder(path);
+    if (!entries)
+        return false;
+    for (const std::string& name : *entries) {
+        if (!removeItem(JoinPath(path, name)))
+            return false;
+    }
+    return _fs->removeFolder(path);
+}
+
+bool FileManager::moveItem(const std::string& source, const std::string& target) const {
+    if (PathExistsNoFollow(target))
+        return false;
+    if (_fs->rename(source, target))
+        return true;
+    if (errno != EXDEV)
+        return false;
+    if (!copyItem(source, target, false))
+        return false;
+    if (!removeItem(source)) {
+        (void)removeItem(target);
+        return false;
+    }
+    return true;
+}
+
+bool FileManager::createDirectoryAtPath(const std::string& path, MadeFolders* made) const {
+    // Every prefix that ends before a "/" is created when missing, so the intermediate
+    // folders always are.
+    MadeFolders madeHere;
+    const std::string withSlash = path + "/";
+    for (size_t slash = withSlash.find('/', 1); slash != std::string::npos;
+         slash = withSlash.find('/', slash + 1)) {
+        const std::string prefix = withSlash.substr(0, slash);
+        if (prefix.empty() || prefix.back() == '/' || PathExists(prefix))
+            continue;
+        if (_fs->makeFolder(prefix, 0755)) {
+            madeHere.push_back(prefix);
+        } else if (!(errno == EEXIST && FolderExists(prefix))) {
+            NSLevelledLog(3, "Failed to create directory: %@", prefix);
+            removeMadeFolders(madeHere);
+            return false;
+        }
+    }
+    if (made)
+        made->insert(made->end(), madeHere.begin(), madeHere.end());
+    return true;
+}
+
+void FileManager::removeMadeFolders(const MadeFolders& made) const {
+    for (auto folder = made.rbegin(); folder != made.rend(); ++folder) {
+        if (!_fs->removeFolder(*folder))
+            return; // not empty (or not removable): its parents are not empty either
+    }
+}
+
+void FileManager::cleanupEmptyParentDir(const std::string& folder, bool removeDSStore,
+                                        bool onlyDirsInBundle,
+                                        const std::vector<std::string>& protectedFolders) const {
+    if (!FolderExists(folder))
+        return;
+    auto isProtected = [&](const std::string& path) {
+        for (const auto& protectedFolder : protectedFolders) {
+            if (EqualsIgnoringCase(path, protectedFolder))
+                return true;
+        }
+        return false;
+    };
+
+    // How many levels, from the folder upward, may go: up to and including the enclosing
+    // bundle, or up to the first protected folder when bundles do not matter.
+    int levels = 0;
+    for (std::string path = folder;; path = ParentPath(path)) {
+        if (isProtected(path) || path == "/" || path.empty()) {
+            if (onlyDirsInBundle)
+                levels = 0;
+            break;
+        }
+        ++levels;
+        if (onlyDirsInBundle) {
+            const std::string extension = PathExtension(path);
+            if (!extension.empty() && !EqualsIgnoringCase(extension, "lproj"))
+                break;
+        }
+    }
+
+    std::string path = folder;
+    for (int level = 0; level < levels; ++level, path = ParentPath(path)) {
+        auto entries = _fs->listFolder(path);
+        if (!entries)
+            break;
+        if (entries->size() == 1 && entries->front() == ".DS_Store" && removeDSStore) {
+            NSLevelledLog(3, "Removing .DS_Store file at %@", path);
+            if (!_fs->removeFile(JoinPath(path, ".DS_Store")))
+                break;
+            entries->clear();
+        }
+        if (!entries->empty())
+            break;
+        NSLevelledLog(3, "Also removing empty Directory \"%@\".", path);
+        if (!_fs->removeFolder(path)) {
+            NSLevelledLog(3, "Minor Error - Failed to remove directory");
+            break;
+        }
+    }
+}
+
+bool FileManager::setAttribute(const std::string& path, mode_t mode,
+                               const std::optional<std::string>& userName,
+                               const std::optional<std::string>& groupName) const {
+    struct stat current {};
+    if (::lstat(path.c_str(), &current) != 0) {
+        NSLevelledLog(0, "Cannot read the attributes of \"%@\": %@", path, std::strerror(errno));
+        return false;
+    }
+    const bool isLink = S_ISLNK(current.st_mode);
+    bool ok = true;
+    if (userName) {
+        const auto uid = UserIdOf(*userName);
+        if (!uid || !_fs->setOwner(path, *uid, static_cast<gid_t>(-1))) {
+            NSLevelledLog(0, "Failed to set owner \"%@\" on \"%@\"", *userName, path);
+            ok = false;
+        }
+    }
+    if (groupName) {
+        const auto gid = GroupIdOf(*groupName);
+        if (!gid || !_fs->setOwner(path, static_cast<uid_t>(-1), *gid)) {
+            NSLevelledLog(0, "Failed to set group \"%@\" on \"%@\"", *groupName, path);
+            ok = false;
+        }
+    }
+    // The mode goes last: changing the owner clears the set-user-ID and set-group-ID bits.
+    if (mode != 0 && !isLink && !_fs->setMode(path, mode)) {
+        NSLevelledLog(0, "Failed to set permission %o on \"%@\": %@", static_cast<unsigned>(mode),
+                      path, std::strerror(errno));
+        ok = false;
+    }
+    return ok;
+}
+
+void FileManager::setAttributesOfRecord(const FileOperationInfo& info) const {
+    const std::string& path = info.DestinationPath;
+    struct stat current {};
+    if (!PathExists(path) || ::lstat(path.c_str(), &current) != 0)
+        return;
+    const auto oldUser = UserNameOf(current.st_uid);
+    const auto oldGroup = GroupNameOf(current.st_gid);
+    NSLevelledLog(3, "Old Permission: %o", static_cast<unsigned>(current.st_mode & 07777));
+    NSLevelledLog(3, "Old UserID: %@", oldUser);
+    NSLevelledLog(3, "Old GroupID: %@", oldGroup);
+
+    const mode_t mode =
+        IsAbsentField(info.Permission) ? 0 : ModeFromPermissionText(info.Permission);
+    const bool userGiven = !IsAbsentField(info.UserID);
+    const bool groupGiven = !IsAbsentField(info.GroupID);
+    if (mode == 0 && !userGiven && !groupGiven)
+        return;
+    // Values the manifest does not give stay as they are.
+    const std::optional<std::string> user =
+        userGiven ? std::optional(info.UserID) : std::optional<std::string>();
+    const std::optional<std::string> group =
+        groupGiven ? std::optional(info.GroupID) : std::optional<std::string>();
+    (void)setAttribute(path, mode, user, group); // each failure is logged there
+}
+
+bool FileManager::touchFile(const std::string& path) const {
+    if (!PathExists(path))
+        return false;
+    const timespec times[2] = {{0, UTIME_OMIT}, {0, UTIME_NOW}};
+    return _fs->setTimes(path, times);
+}
+
+std::string FileManager::ResolveSymlinksInPath(const std::string& path) {
+    // Resolve the longest existing prefix; the part that does not exist yet has no links.
+    std::string existing = path;
+    std::string rest;
+    while (!existing.empty() && !PathExistsNoFollow(existing)) {
+        const std::string name = LastPathComponent(existing);
+        rest = rest.empty() ? name : name + "/" + rest;
+        const std::string parent = ParentPath(existing);
+        if (parent == existing)
+            break;
+        existing = parent;
+    }
+    if (existing.empty())
+        return path;
+    std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(existing.c_str(), nullptr),
+                                                         &std::free);
+    if (!resolved)
+        return path;
+    return rest.empty() ? std::string(resolved.get()) : JoinPath(resolved.get(), rest);
+}

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <vector>
+
+class FileSystem;
+struct FileOperationInfo;
+
+// The file-manager primitives the file operations and the journal are built from: copy,
+// move, remove, folders, attributes and times. Every change goes through the file-system
+// seam it is given, so tests can count the calls and fail any one of them.
+class FileManager {
+public:
+    // Over the machine's file system.
+    FileManager();
+    explicit FileManager(FileSystem& fileSystem) : _fs(&fileSystem) {}
+
+    FileSystem& fileSystem() const { return *_fs; }
+
+    // Copies a regular file (mode and modification time kept) or a symbolic link (as a
+    // link). Fails when something is at the destination; a partly written copy is removed.
+    // With sync the copy is on disk before returning. With rememberChecksum the bytes are
+    // checksummed as they pass, and MD5cksum answers for both files without reading them
+    // again (see MD5cksum::rememberChecksumOfFile).
+    [[nodiscard]] bool copyItem(const std::string& source, const std::string& destination,
+                                bool sync, bool rememberChecksum = false) const;
+    // Removes a file, a link (not what it points to) or a folder with all it holds.
+    [[nodiscard]] bool removeItem(const std::string& path) const;
+    // Renames, or copies and removes across file systems. Fails when the target exists.
+    [[nodiscard]] bool moveItem(const std::string& source, const std::string& target) const;
+    // Folders a createDirectoryAtPath made, outermost first.
+    using MadeFolders = std::vector<std::string>;
+    // Creates every missing folder of the path (mode 0755), adding each to made when given.
+    // All or nothing: false after "Failed to create directory: %@", with the folders this
+    // call made removed again.
+    [[nodiscard]] bool createDirectoryAtPath(const std::string& path,
+                                             MadeFolders* made = nullptr) const;
+    // Removes made folders again, innermost first, while they are empty.
+    void removeMadeFolders(const MadeFolders& made) const;
+    // After something went away from folder: removes the folder and its parents while they
+    // are empty (or hold only ".DS_Store" when removeDSStore), inside the enclosing bundle
+    // when onlyDirsInBundle, never one of protectedFolders.
+    void cleanupEmptyParentDir(const std::string& folder, bool removeDSStore, bool onlyDirsInBundle,
+                               const std::vector<std::string>& protectedFolders) const;
+
+    // Sets the owner and the group by account name (each when given; a number is taken as
+    // an id when no account has that name), then the mode (when non-zero). True when every
+    // requested change was made (each failure logged). A symbolic link keeps its mode (links
+    // have none of their own) and gets the owner and group itself.
+    [[nodiscard]] bool setAttribute(const std::string& path, mode_t mode,
+                                    const std::optional<std::string>& userName,
+                                    const std::optional<std::string>& groupName) const;
+    // Applies a manifest record's Permission (octal digits), UserID and GroupID to its
+    // existing destination; fields the record leaves out stay as they are. Each change that
+    // cannot be made is logged.
+    void setAttributesOfRecord(const FileOperationInfo& info) const;
+    // Sets the modification time of an existing file to now; false for a missing file.
+    [[nodiscard]] bool touchFile(const std::string& path) const;
+
+    // The path with every symbolic link of its existing part resolved; the missing rest is
+    // appended as it is.
+    static std::string ResolveSymlinksInPath(const std::string& path);
+    // Account names of ids, nothing for an id without an account.
+    static std::optional<std::string> UserNameOf(uid_t uid);
+    static std::optional<std::string> GroupNameOf(gid_t gid);
+
+private:
+    [[nodiscard]] bool copyRegularFile(const std::string& source, const std::string& destination,
+                                       const struct stat& sourceInfo, bool sync,
+                                       bool rememberChecksum) const;
+
+    FileSystem* _fs;
+};
