@@ -480,6 +480,7 @@ void ProcessManifest::longTaskFinished(const std::string& result) {
         }
     }
     (void)OrvelCodeFileHandler::releaseInstance();
+    _environment.history = nullptr; // released: the rollback runs as an install
 
     int rollbackState = 0;
     if (exitCode != 0) {
