@@ -31,25 +31,6 @@ std::string FileMd5(const std::string& path) {
     return Md5OfFile(path).value_or("");
 }
 
-// Every entry below the root: relative path -> "file:<md5>", "link:<target>" or "dir".
-std::map<std::string, std::string> Snapshot(const std::string& root) {
-    std::map<std::string, std::string> tree;
-    if (!fs::exists(root))
-        return tree;
-    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
-         ++it) {
-        // Lexically: fs::relative would resolve a link to the path of its target.
-        const std::string relative = it->path().lexically_relative(root).string();
-        if (it->is_symlink())
-            tree[relative] = "link:" + fs::read_symlink(it->path()).string();
-        else if (it->is_directory())
-            tree[relative] = "dir";
-        else
-            tree[relative] = "file:" + FileMd5(it->path().string());
-    }
-    return tree;
-}
-
 // The entries of two snapshots that differ, for the failure message.
 std::string Difference(const std::map<std::string, std::string>& a,
                        const std::map<std::string, std::string>& b) {
@@ -260,7 +241,7 @@ protected:
                 code = RunFromOldVersion(&faulty);
             }
             ++tried;
-            const auto tree = Snapshot(app);
+            const auto tree = SnapshotTree(app);
             if (code == "0") {
                 EXPECT_EQ(WithoutLeftoverEmptyFolders(tree, newTree), newTree)
                     << "call " << n << " (" << std::strerror(error)
@@ -298,13 +279,13 @@ protected:
 };
 
 TEST_F(IoFailureSweep, EveryFailedCallLeavesTheOldOrTheNewVersion) {
-    oldTree = Snapshot(pristine);
+    oldTree = SnapshotTree(pristine);
     FaultInjectingFileSystem counting; // fails nothing: counts the calls of a whole run
     {
         LogCapture log;
         ASSERT_EQ(RunFromOldVersion(&counting), "0");
     }
-    newTree = Snapshot(app);
+    newTree = SnapshotTree(app);
     ASSERT_NE(newTree, oldTree);
     for (const char* expected :
          {"Contents/MacOS/Editor", "Contents/newlink", "Contents/PlugIns/Filters"})

@@ -30,22 +30,6 @@ std::string Md5(const std::string& path) {
     return MD5cksum::getMD5cksumOfFile(path).value_or("");
 }
 
-// Every entry below the root: relative path -> "file:<md5>", "link:<target>" or "dir".
-std::map<std::string, std::string> Snapshot(const std::string& root) {
-    std::map<std::string, std::string> tree;
-    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
-         ++it) {
-        const std::string relative = fs::relative(it->path(), root).string();
-        if (it->is_symlink())
-            tree[relative] = "link:" + fs::read_symlink(it->path()).string();
-        else if (it->is_directory())
-            tree[relative] = "dir";
-        else
-            tree[relative] = "file:" + Md5(it->path().string());
-    }
-    return tree;
-}
-
 class RecordingUserInterface : public UserInterface {
 public:
     std::vector<std::string> messages;
@@ -277,7 +261,7 @@ TEST_F(ProcessManifestTest, AppliesEveryKindOfEntry) {
 }
 
 TEST_F(ProcessManifestTest, FailureAtEveryPositionRestoresTheTreeExactly) {
-    const auto original = Snapshot(app);
+    const auto original = SnapshotTree(app);
     const size_t count = entries.size();
     for (size_t k = 0; k < count; ++k) {
         SCOPED_TRACE("failing entry " + std::to_string(k));
@@ -300,20 +284,20 @@ TEST_F(ProcessManifestTest, FailureAtEveryPositionRestoresTheTreeExactly) {
         EXPECT_EQ(exitCode, 2);
         EXPECT_EQ(rollbackState, 0);
         EXPECT_TRUE(log.contains("Rollback successful"));
-        EXPECT_EQ(Snapshot(app), original);
+        EXPECT_EQ(SnapshotTree(app), original);
     }
 }
 
 TEST_F(ProcessManifestTest, FailureInTheBundleOrDirectorySetRollsBackTheFileSetToo) {
-    const auto original = Snapshot(app);
+    const auto original = SnapshotTree(app);
     // A directory that cannot be made: a file stands where its parent should be.
     WriteTextFile(app + "/Contents/PlugIns", "not a folder");
-    const auto withBlocker = Snapshot(app);
+    const auto withBlocker = SnapshotTree(app);
     LogCapture log;
     EXPECT_EQ(Run(Manifest(entries)), "9");
-    EXPECT_EQ(Snapshot(app), withBlocker);
+    EXPECT_EQ(SnapshotTree(app), withBlocker);
     fs::remove(app + "/Contents/PlugIns");
-    EXPECT_EQ(Snapshot(app), original);
+    EXPECT_EQ(SnapshotTree(app), original);
 }
 
 TEST_F(ProcessManifestTest, RollbackThatFailsGivesTen) {
@@ -337,7 +321,7 @@ TEST_F(ProcessManifestTest, RollbackThatFailsGivesTen) {
 }
 
 TEST_F(ProcessManifestTest, CancelAfterAnEntryRollsBackAndReportsCancelled) {
-    const auto original = Snapshot(app);
+    const auto original = SnapshotTree(app);
     for (int k : {1, 4, 8}) {
         SCOPED_TRACE("cancel at " + std::to_string(k));
         HeadlessMainLoop loop;
@@ -349,7 +333,7 @@ TEST_F(ProcessManifestTest, CancelAfterAnEntryRollsBackAndReportsCancelled) {
         EXPECT_EQ(Run(Manifest(entries), &controller, &loop), "9");
         EXPECT_EQ(exitCode, 1);
         EXPECT_TRUE(log.contains("User wish to cancel the update."));
-        EXPECT_EQ(Snapshot(app), original);
+        EXPECT_EQ(SnapshotTree(app), original);
     }
 }
 
@@ -379,7 +363,7 @@ TEST_F(ProcessManifestTest, HistoryEntryIsAddedForAnInstall) {
 }
 
 TEST_F(ProcessManifestTest, HistoryThatCannotBeWrittenRollsBackAsCancelled) {
-    const auto original = Snapshot(app);
+    const auto original = SnapshotTree(app);
     // The history folder is a file: the entry cannot be written.
     WriteTextFile(root + "/history", "blocked");
     OrvelCodeFileHandler::createInstance(
@@ -387,7 +371,7 @@ TEST_F(ProcessManifestTest, HistoryThatCannotBeWrittenRollsBackAsCancelled) {
         std::string("2.0"), std::string("Suite"), std::string("Tavrin"), 100, 200);
     EXPECT_EQ(Run(Manifest(entries)), "9");
     EXPECT_EQ(exitCode, 1);
-    EXPECT_EQ(Snapshot(app), original);
+    EXPECT_EQ(SnapshotTree(app), original);
 }
 
 TEST_F(ProcessManifestTest, NewerInstalledBundleIsSkipped) {

@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 
+#include "base/Md5.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +20,33 @@
 #include <unistd.h>
 
 extern char** environ;
+
+std::map<std::string, std::string> SnapshotTree(const std::string& root, TreeDetail detail) {
+    namespace fs = std::filesystem;
+    std::map<std::string, std::string> tree;
+    if (!fs::exists(root))
+        return tree;
+    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
+         ++it) {
+        const std::string path = it->path().string();
+        // Lexically: fs::relative would resolve a link to the path of its target.
+        const std::string relative = it->path().lexically_relative(root).string();
+        std::string mode;
+        struct stat info {};
+        if (detail == TreeDetail::ContentsAndModes && ::lstat(path.c_str(), &info) == 0) {
+            char text[8];
+            std::snprintf(text, sizeof text, ":%o", info.st_mode & 07777);
+            mode = text;
+        }
+        if (it->is_symlink())
+            tree[relative] = "link:" + fs::read_symlink(path).string();
+        else if (it->is_directory())
+            tree[relative] = "dir" + mode;
+        else
+            tree[relative] = "file:" + Md5OfFile(path).value_or("?") + mode;
+    }
+    return tree;
+}
 
 TempDir::TempDir() {
     const char* base = std::getenv("TMPDIR");

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -29,6 +30,12 @@ std::string ReadTextFile(const std::string& path);
 std::string RandomText(size_t size, unsigned seed);
 bool FileExists(const std::string& path);
 void RemoveTree(const std::string& path);
+
+// Every entry below root (links not followed): relative path -> "file:<md5>", "link:<target>"
+// or "dir"; with modes, files and folders end in ":<octal mode>".
+enum class TreeDetail { Contents, ContentsAndModes };
+std::map<std::string, std::string> SnapshotTree(const std::string& root,
+                                                TreeDetail detail = TreeDetail::Contents);
 
 // Puts the working folder back, at the end of a test that changes it.
 class WorkingDirectoryGuard {

@@ -29,23 +29,6 @@ unsigned Mode(const std::string& path) {
     return ::lstat(path.c_str(), &info) == 0 ? (info.st_mode & 07777) : 0;
 }
 
-// relative path -> "file:<content>:<mode>", "link:<target>" or "dir"
-std::map<std::string, std::string> Tree(const std::string& root) {
-    std::map<std::string, std::string> tree;
-    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
-         ++it) {
-        const std::string relative = it->path().lexically_relative(root).string();
-        if (it->is_symlink())
-            tree[relative] = "link:" + fs::read_symlink(it->path()).string();
-        else if (it->is_directory())
-            tree[relative] = "dir";
-        else
-            tree[relative] = "file:" + ReadTextFile(it->path().string()) + ":" +
-                             std::to_string(Mode(it->path().string()));
-    }
-    return tree;
-}
-
 class AssembleTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -109,7 +92,8 @@ TEST_F(AssembleTest, MakesTheBundleLayout) {
     // empty folders.
     const std::string unpacked = temp.file("unpacked");
     EXPECT_EQ(PayloadHandler::extractFile(out + "/Contents/Resources", unpacked), 0);
-    EXPECT_EQ(Tree(unpacked), Tree(payload));
+    EXPECT_EQ(SnapshotTree(unpacked, TreeDetail::ContentsAndModes),
+              SnapshotTree(payload, TreeDetail::ContentsAndModes));
     // Nothing is left beside the bundle: config, manifest, payload, bundle, unpacked.
     EXPECT_EQ(std::distance(fs::directory_iterator(temp.path()), fs::directory_iterator()), 5);
 }

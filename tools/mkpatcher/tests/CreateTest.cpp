@@ -39,25 +39,6 @@ unsigned Mode(const std::string& path) {
     return ::lstat(path.c_str(), &info) == 0 ? (info.st_mode & 07777) : 0;
 }
 
-// relative path -> "file:<md5>:<mode>", "link:<target>" or "dir:<mode>"
-std::map<std::string, std::string> Snapshot(const std::string& root) {
-    std::map<std::string, std::string> tree;
-    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
-         ++it) {
-        const std::string path = it->path().string();
-        const std::string relative = it->path().lexically_relative(root).string();
-        char mode[8];
-        std::snprintf(mode, sizeof mode, "%o", Mode(path));
-        if (it->is_symlink())
-            tree[relative] = "link:" + fs::read_symlink(path).string();
-        else if (it->is_directory())
-            tree[relative] = std::string("dir:") + mode;
-        else
-            tree[relative] = "file:" + MD5cksum::getMD5cksumOfFile(path).value_or("?") + ":" + mode;
-    }
-    return tree;
-}
-
 std::string Plist(const std::string& version) {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
            "<key>CFBundleName</key><string>Orvel Editor</string>"
@@ -124,7 +105,8 @@ protected:
         fs::create_directories(installDir);
         fs::copy(root + "/v1/Editor.app", app,
                  fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-        ASSERT_EQ(Snapshot(app), Snapshot(root + "/v1/Editor.app"));
+        ASSERT_EQ(SnapshotTree(app, TreeDetail::ContentsAndModes),
+                  SnapshotTree(root + "/v1/Editor.app", TreeDetail::ContentsAndModes));
     }
 
     void TearDown() override {
@@ -248,15 +230,15 @@ TEST_F(CreateTest, ManifestAndConfigurationDescribeTheUpdate) {
 TEST_F(CreateTest, AppliedToTheOldVersionGivesTheNewOneAndASecondRunChangesNothing) {
     std::string error;
     ASSERT_EQ(PatcherBuilder::create(Options(), nullptr, &error), 0) << error;
-    const auto wanted = Snapshot(root + "/v2/Editor.app");
+    const auto wanted = SnapshotTree(root + "/v2/Editor.app", TreeDetail::ContentsAndModes);
     {
         LogCapture log;
         EXPECT_EQ(Apply(), "0") << log.text();
-        EXPECT_EQ(Snapshot(app), wanted);
+        EXPECT_EQ(SnapshotTree(app, TreeDetail::ContentsAndModes), wanted);
     }
     LogCapture log;
     EXPECT_EQ(Apply(), "0") << log.text();
-    EXPECT_EQ(Snapshot(app), wanted);
+    EXPECT_EQ(SnapshotTree(app, TreeDetail::ContentsAndModes), wanted);
     // Nothing was copied or patched again; the bundle's version is already the new one.
     EXPECT_FALSE(log.contains("Successfully performed \"PATCH\" file Operation"));
     EXPECT_FALSE(log.contains("Successfully performed \"ADD\" file Operation")) << log.text();
@@ -274,11 +256,11 @@ TEST_F(CreateTest, ModifiedOldVersionFailsItsChecksumsAndIsRolledBack) {
         fs::copy(root + "/v1/Editor.app", app,
                  fs::copy_options::recursive | fs::copy_options::copy_symlinks);
         Write(app + "/" + changed, "changed by somebody\n", Mode(app + "/" + changed));
-        const auto before = Snapshot(app);
+        const auto before = SnapshotTree(app, TreeDetail::ContentsAndModes);
         LogCapture log;
         EXPECT_EQ(Apply(), "9") << log.text();
         EXPECT_TRUE(log.contains("Rollback successful"));
-        EXPECT_EQ(Snapshot(app), before);
+        EXPECT_EQ(SnapshotTree(app, TreeDetail::ContentsAndModes), before);
     }
 }
 
