@@ -49,7 +49,14 @@ UniqueFd RealFileSystem::openForWriting(const std::string& path) {
 }
 
 UniqueFd RealFileSystem::openForReading(const std::string& path) {
-    return UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    // Opened without blocking, so a FIFO without a writer holds nothing up; reads block.
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    if (!fd.valid())
+        return fd;
+    const int flags = ::fcntl(fd.get(), F_GETFL);
+    if (flags < 0 || ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0)
+        return UniqueFd();
+    return fd;
 }
 
 bool RealFileSystem::write(int fd, const void* data, size_t size) {

@@ -26,7 +26,7 @@ public:
     [[nodiscard]] virtual UniqueFd createFile(const std::string& path, mode_t mode) = 0;
     // An existing file opened for writing without truncating it.
     [[nodiscard]] virtual UniqueFd openForWriting(const std::string& path) = 0;
-    // An existing file opened for reading.
+    // An existing file opened for reading (without waiting for a writer of a FIFO).
     [[nodiscard]] virtual UniqueFd openForReading(const std::string& path) = 0;
     // All of data at the descriptor's position (or at offset), retrying short writes.
     [[nodiscard]] virtual bool write(int fd, const void* data, size_t size) = 0;

@@ -156,7 +156,7 @@ int32_t CmdInterface::addFileOperation(const FileOperationInfo& info) {
     if (!PathExists(folder)) {
         (void)_files.createDirectoryAtPath(folder, &made); // a failure shows in the copy below
     } else if (PathExists(destination)) {
-        if (ChecksumMatches(MD5cksum::getMD5cksumOfFile(destination), info.AfterPatch)) {
+        if (ChecksumMatches(MD5cksum::getMD5cksumOfFile(destination, *_fs), info.AfterPatch)) {
             NSLevelledLog(3, "File to add already exists. Need not add.");
             LogNoNeed(info);
             return 0;
@@ -170,7 +170,7 @@ int32_t CmdInterface::addFileOperation(const FileOperationInfo& info) {
         _files.removeMadeFolders(made);
         return 1;
     }
-    const auto checksum = MD5cksum::getMD5cksumOfFile(destination);
+    const auto checksum = MD5cksum::getMD5cksumOfFile(destination, *_fs);
     if (!ChecksumMatches(checksum, info.AfterPatch)) {
         NSLevelledLog(3, "CheckSum verification fail for file %@", destination);
         NSLevelledLog(3, "File Checksum \"%@\", checksum from manifest \"%@\".",
@@ -216,7 +216,7 @@ int32_t CmdInterface::overwriteFileOperation(const FileOperationInfo& info) {
     if (!PathExists(destination)) {
         NSLevelledLog(3, "Destination file does not exist. Simply adding the new file...");
     } else {
-        const auto checksum = MD5cksum::getMD5cksumOfFile(destination);
+        const auto checksum = MD5cksum::getMD5cksumOfFile(destination, *_fs);
         if (ChecksumMatches(checksum, info.BeforePatch)) {
             if (!_files.removeItem(destination)) {
                 NSLevelledLog(3, "File remove operation failed.");
@@ -254,7 +254,7 @@ int32_t CmdInterface::copyForOverwrite(const FileOperationInfo& info, bool oldRe
             writeUndoForFileSetOperation(info);
         return 1;
     }
-    const auto checksum = MD5cksum::getMD5cksumOfFile(destination);
+    const auto checksum = MD5cksum::getMD5cksumOfFile(destination, *_fs);
     if (!ChecksumMatches(checksum, info.AfterPatch)) {
         // The undo entry must match the file as it now is, or its replay would refuse to
         // put the old file back: journal the checksum the copy really has.
@@ -282,7 +282,7 @@ int32_t CmdInterface::blindOverwriteFileOperation(const FileOperationInfo& info)
     // The installed file (at the destination, or at the old path when the file moves) is
     // replaced unless it is already the new file or its version is newer.
     auto replaceInstalled = [&](const std::string& installed) -> int32_t {
-        const auto checksum = MD5cksum::getMD5cksumOfFile(installed);
+        const auto checksum = MD5cksum::getMD5cksumOfFile(installed, *_fs);
         if (ChecksumMatches(checksum, info.AfterPatch)) {
             LogNoNeed(info);
             return 0;
@@ -345,7 +345,7 @@ int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
     struct stat oldInfo {};
     const bool haveOldMode = ::stat(fileToPatch.c_str(), &oldInfo) == 0;
     // Known without reading when the backup copy was just made from it.
-    const auto checksum = MD5cksum::getMD5cksumOfFile(fileToPatch);
+    const auto checksum = MD5cksum::getMD5cksumOfFile(fileToPatch, *_fs);
     if (!ChecksumMatches(checksum, info.BeforePatch)) {
         if (ChecksumMatches(checksum, info.AfterPatch)) {
             LogNoNeed(info);
@@ -426,7 +426,7 @@ int32_t CmdInterface::renameFileOperation(const FileOperationInfo& info) {
             NSLevelledLog(3, "File to be renamed does not exist.");
             return 1;
         }
-        const auto targetChecksum = MD5cksum::getMD5cksumOfFile(target);
+        const auto targetChecksum = MD5cksum::getMD5cksumOfFile(target, *_fs);
         if (ChecksumMatches(targetChecksum, info.AfterPatch)) {
             LogNoNeed(info); // renamed by an earlier run
             return 0;
@@ -434,7 +434,7 @@ int32_t CmdInterface::renameFileOperation(const FileOperationInfo& info) {
         logChecksumFailure(target, targetChecksum);
         return 1;
     }
-    const auto checksum = MD5cksum::getMD5cksumOfFile(fileToRename);
+    const auto checksum = MD5cksum::getMD5cksumOfFile(fileToRename, *_fs);
     if (!ChecksumMatches(checksum, info.AfterPatch)) {
         logChecksumFailure(fileToRename, checksum);
         return 1;
@@ -463,7 +463,7 @@ int32_t CmdInterface::renameFileOperation(const FileOperationInfo& info) {
     if (!PathExistsNoFollow(target)) {
         if (!move())
             return 1;
-    } else if (!ChecksumMatches(MD5cksum::getMD5cksumOfFile(target), info.AfterPatch)) {
+    } else if (!ChecksumMatches(MD5cksum::getMD5cksumOfFile(target, *_fs), info.AfterPatch)) {
         if (!_files.removeItem(target)) {
             NSLevelledLog(3, "File remove operation failed.");
             return 1;
@@ -474,7 +474,7 @@ int32_t CmdInterface::renameFileOperation(const FileOperationInfo& info) {
     // Otherwise the target is already the file: nothing moves and the old file stays.
     if (moved)
         writeUndoForFileSetOperation(info);
-    const auto targetChecksum = MD5cksum::getMD5cksumOfFile(target);
+    const auto targetChecksum = MD5cksum::getMD5cksumOfFile(target, *_fs);
     if (!ChecksumMatches(targetChecksum, info.AfterPatch)) {
         logChecksumFailure(target, targetChecksum);
         return 1;

@@ -3,6 +3,7 @@
 #include "base/FileUtil.h"
 #include "base/Md5.h"
 #include "runtime/LoggerUtility.h"
+#include "system/FileSystem.h"
 
 #include <algorithm>
 #include <atomic>
@@ -98,6 +99,11 @@ std::optional<std::string> MD5cksum::logChecksumOfFile(const std::string& path,
 }
 
 std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::string>& path) {
+    return getMD5cksumOfFile(path, RealFileSystem::instance());
+}
+
+std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::string>& path,
+                                                       FileSystem& fileSystem) {
     if (!path) {
         NSLevelledLog(3, "File path should not be null");
         return std::nullopt;
@@ -109,5 +115,9 @@ std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::
     }
     if (auto remembered = rememberedChecksumOfFile(*path, info))
         return logChecksumOfFile(*path, remembered);
-    return logChecksumOfFile(*path, Md5OfFile(*path));
+    const UniqueFd fd = fileSystem.openForReading(*path);
+    if (!fd.valid())
+        return logChecksumOfFile(*path, std::nullopt);
+    ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    return logChecksumOfFile(*path, Md5OfDescriptor(fd.get()));
 }

@@ -6,6 +6,8 @@
 #include <string>
 #include <sys/stat.h>
 
+class FileSystem;
+
 // MD5 checksums of files as the file operations ask for them: logged, and answered from
 // memory for files whose bytes just passed through this process (the digest itself is
 // base/Md5.h).
@@ -17,6 +19,9 @@ public:
     // cannot be read to its end ("Failed to get file check sum", level 0).
     [[nodiscard]] static std::optional<std::string>
     getMD5cksumOfFile(const std::optional<std::string>& path);
+    // As above, the file opened through fileSystem.
+    [[nodiscard]] static std::optional<std::string>
+    getMD5cksumOfFile(const std::optional<std::string>& path, FileSystem& fileSystem);
 
     // Remembers the checksum of a regular file whose bytes this process has just read or
     // written whole (a copy, a patch output); identity is the file's fstat taken after the

@@ -1,45 +1,32 @@
 #include "update/PayloadHandler.h"
 
 #include "base/FileUtil.h"
+#include "base/Path.h"
 #include "runtime/CommonUtility.h"
 #include "runtime/LoggerUtility.h"
+#include "system/FileSystem.h"
+#include "update/FileManager.h"
 
+#include <algorithm>
 #include <archive.h>
 #include <archive_entry.h>
+#include <cerrno>
+#include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 #include <zlib.h>
 
 namespace {
 
-// ditto's "-x --rsrc" made safe: nothing outside the current folder (which is the target
-// folder while extracting) can be named or reached through a symbolic link. Modes and times
-// come from the archive; owners do not, so every file belongs to the patcher, as the copies
-// made from them get the manifest's owners later anyway.
-constexpr int kExtractFlags = ARCHIVE_EXTRACT_SECURE_SYMLINKS | ARCHIVE_EXTRACT_SECURE_NODOTDOT |
-                              ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS | ARCHIVE_EXTRACT_PERM |
-                              ARCHIVE_EXTRACT_TIME;
 constexpr size_t kReadSize = 64 * 1024;
 
 struct ArchiveReadDeleter {
     void operator()(archive* handle) const { archive_read_free(handle); }
 };
-struct ArchiveWriteDeleter {
-    void operator()(archive* handle) const { archive_write_free(handle); }
-};
 using ArchiveReader = std::unique_ptr<archive, ArchiveReadDeleter>;
-using ArchiveWriter = std::unique_ptr<archive, ArchiveWriteDeleter>;
-
-std::string AppendPathComponent(const std::string& folder, const std::string& name) {
-    if (folder.empty())
-        return name;
-    if (folder.back() == '/')
-        return folder + name;
-    return folder + "/" + name;
-}
 
 bool IsReadableFile(const std::string& path) {
     struct stat info {};
@@ -47,60 +34,6 @@ bool IsReadableFile(const std::string& path) {
     return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
            ::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) == 0;
 }
-
-bool ExistsWithoutFollowing(const std::string& path) {
-    struct stat info {};
-    return ::lstat(path.c_str(), &info) == 0;
-}
-
-// Removes path and everything below it, never following symbolic links. Folders are made
-// writable first, so read-only folders that came out of an archive go as well.
-bool RemoveTree(const std::string& path) {
-    struct stat info {};
-    if (::lstat(path.c_str(), &info) != 0)
-        return false;
-    if (!S_ISDIR(info.st_mode))
-        return ::unlink(path.c_str()) == 0;
-    namespace fs = std::filesystem;
-    std::error_code error;
-    ::chmod(path.c_str(), info.st_mode | S_IRWXU);
-    for (auto it = fs::recursive_directory_iterator(
-             path, fs::directory_options::skip_permission_denied, error);
-         !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
-        std::error_code ignored;
-        if (it->symlink_status(ignored).type() == fs::file_type::directory)
-            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
-    }
-    error.clear();
-    fs::remove_all(path, error);
-    return !error && !ExistsWithoutFollowing(path);
-}
-
-// Makes a folder the process's current folder while it lives, then puts the previous one
-// back.
-class CurrentFolderScope {
-public:
-    CurrentFolderScope() = default;
-    ~CurrentFolderScope() {
-        if (_entered && ::fchdir(_previous.get()) != 0)
-            NSLevelledLog(0, "Cannot return to the previous current folder.");
-    }
-    CurrentFolderScope(const CurrentFolderScope&) = delete;
-    CurrentFolderScope& operator=(const CurrentFolderScope&) = delete;
-
-    [[nodiscard]] bool enter(const std::string& folder) {
-        _previous.reset(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
-        UniqueFd target(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!_previous.valid() || !target.valid() || ::fchdir(target.get()) != 0)
-            return false;
-        _entered = true;
-        return true;
-    }
-
-private:
-    UniqueFd _previous;
-    bool _entered = false;
-};
 
 // The archive's gzip layer, decompressed with zlib rather than libarchive's gzip filter
 // because that filter does not verify the gzip checksum: a damaged payload must be refused,
@@ -220,23 +153,261 @@ std::string ErrorOf(archive* handle) {
     return text ? text : "unknown error";
 }
 
+// Writes the archive's entries below one folder through the file-system seam, refusing
+// any entry that could reach outside it: ".." and absolute names, and every path through
+// a symbolic link (the archive's own links included). Modes and times come from the
+// archive; owners do not, so every file belongs to the patcher, as the copies made from
+// them get the manifest's owners later anyway.
+class PayloadWriter {
+public:
+    PayloadWriter(FileSystem& fileSystem, std::string folder)
+        : _fs(fileSystem), _folder(std::move(folder)) {}
+
+    // Writes one entry, its data read from in; false with a reason when it cannot be
+    // written safely and whole.
+    [[nodiscard]] bool write(archive* in, archive_entry* entry, std::string& reason) {
+        const char* name = archive_entry_pathname(entry);
+        _entryName = name ? name : "";
+        std::string relative;
+        if (!confine(_entryName, relative, reason))
+            return false;
+        // "." is the target folder itself, which stays as the patcher made it.
+        if (relative.empty())
+            return true;
+        if (!makeParents(relative, reason))
+            return false;
+        const std::string path = _folder + "/" + relative;
+        if (const char* hardlink = archive_entry_hardlink(entry))
+            return writeHardLink(in, entry, hardlink, path, reason);
+        switch (archive_entry_filetype(entry)) {
+        case AE_IFDIR:
+            return writeFolder(entry, path, reason);
+        case AE_IFLNK:
+            return writeSymbolicLink(entry, path, reason);
+        default:
+            return writeFile(in, entry, path, reason);
+        }
+    }
+
+    // Gives the folders their modes and times, deepest first, when nothing more goes into
+    // them.
+    [[nodiscard]] bool finish(std::string& reason) {
+        std::sort(_folders.begin(), _folders.end(),
+                  [](const Fixup& a, const Fixup& b) { return a.path > b.path; });
+        for (const Fixup& folder : _folders) {
+            if (!_fs.setMode(folder.path, folder.mode) || !_fs.setTimes(folder.path, folder.times))
+                return failed(folder.path, reason);
+        }
+        return true;
+    }
+
+private:
+    struct Fixup {
+        std::string path;
+        mode_t mode;
+        timespec times[2];
+    };
+
+    // The name made relative to the folder with "." and empty components dropped.
+    static bool confine(const std::string& name, std::string& relative, std::string& reason) {
+        if (!name.empty() && name.front() == '/') {
+            reason = "\"" + name + "\": Path is absolute";
+            return false;
+        }
+        relative.clear();
+        size_t start = 0;
+        while (start <= name.size()) {
+            size_t end = name.find('/', start);
+            if (end == std::string::npos)
+                end = name.size();
+            const std::string component = name.substr(start, end - start);
+            if (component == "..") {
+                reason = "\"" + name + "\": Path contains '..'";
+                return false;
+            }
+            if (!component.empty() && component != ".")
+                relative += (relative.empty() ? "" : "/") + component;
+            start = end + 1;
+        }
+        return true;
+    }
+
+    // Makes the missing folders above relative; refuses a symbolic link or a file among
+    // them.
+    bool makeParents(const std::string& relative, std::string& reason) {
+        for (size_t slash = relative.find('/'); slash != std::string::npos;
+             slash = relative.find('/', slash + 1)) {
+            const std::string path = _folder + "/" + relative.substr(0, slash);
+            struct stat info {};
+            if (::lstat(path.c_str(), &info) != 0) {
+                if (errno != ENOENT || !_fs.makeFolder(path, 0755))
+                    return failed(path, reason);
+                continue;
+            }
+            if (S_ISLNK(info.st_mode)) {
+                reason = "\"" + _entryName + "\": Cannot extract through symlink " + path;
+                return false;
+            }
+            if (!S_ISDIR(info.st_mode)) {
+                reason = "\"" + _entryName + "\": " + path + " is not a folder";
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // Clears the entry's place: an earlier file or link of the same name goes (a link
+    // itself, never what it points to). A folder there stays for a folder entry (then
+    // *folderThere is set) and refuses any other.
+    bool clearPlace(const std::string& path, bool* folderThere, std::string& reason) {
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) != 0)
+            return errno == ENOENT || failed(path, reason);
+        if (S_ISDIR(info.st_mode)) {
+            if (folderThere)
+                return *folderThere = true;
+            reason = "\"" + _entryName + "\": a folder is in its place";
+            return false;
+        }
+        return _fs.removeFile(path) || failed(path, reason);
+    }
+
+    bool writeFolder(archive_entry* entry, const std::string& path, std::string& reason) {
+        bool exists = false;
+        if (!clearPlace(path, &exists, reason))
+            return false;
+        // Writable for the patcher until finish() gives it the archive's mode.
+        if (!exists && !_fs.makeFolder(path, 0700))
+            return failed(path, reason);
+        Fixup fixup{path, modeOf(entry), {}};
+        timesOf(entry, fixup.times);
+        _folders.push_back(fixup);
+        return true;
+    }
+
+    bool writeSymbolicLink(archive_entry* entry, const std::string& path, std::string& reason) {
+        const char* content = archive_entry_symlink(entry);
+        if (!content) {
+            reason = "\"" + _entryName + "\": a symbolic link without a target";
+            return false;
+        }
+        if (!clearPlace(path, nullptr, reason))
+            return false;
+        timespec times[2];
+        timesOf(entry, times);
+        return (_fs.symlink(content, path) && _fs.setTimes(path, times)) || failed(path, reason);
+    }
+
+    bool writeFile(archive* in, archive_entry* entry, const std::string& path,
+                   std::string& reason) {
+        if (!clearPlace(path, nullptr, reason))
+            return false;
+        UniqueFd fd = _fs.createFile(path, 0600);
+        if (!fd.valid())
+            return failed(path, reason);
+        return writeDataAndAttributes(in, entry, fd, path, reason);
+    }
+
+    // A hard link to an earlier entry, which may carry the shared data (cpio puts it with
+    // the last name).
+    bool writeHardLink(archive* in, archive_entry* entry, const std::string& target,
+                       const std::string& path, std::string& reason) {
+        std::string relativeTarget;
+        if (!confine(target, relativeTarget, reason))
+            return false;
+        const std::string existing = _folder + "/" + relativeTarget;
+        struct stat info {};
+        if (relativeTarget.empty() || ::lstat(existing.c_str(), &info) != 0 ||
+            !S_ISREG(info.st_mode) || !makeParents(relativeTarget, reason)) {
+            if (reason.empty())
+                reason = "\"" + _entryName + "\": no earlier file \"" + target + "\" to link to";
+            return false;
+        }
+        if (!clearPlace(path, nullptr, reason))
+            return false;
+        if (!_fs.link(existing, path))
+            return failed(path, reason);
+        if (archive_entry_size(entry) <= 0)
+            return true;
+        UniqueFd fd = _fs.openForWriting(path);
+        if (!fd.valid())
+            return failed(path, reason);
+        return writeDataAndAttributes(in, entry, fd, path, reason);
+    }
+
+    bool writeDataAndAttributes(archive* in, archive_entry* entry, UniqueFd& fd,
+                                const std::string& path, std::string& reason) {
+        uint64_t end = 0;
+        for (;;) {
+            const void* data = nullptr;
+            size_t size = 0;
+            la_int64_t offset = 0;
+            const int rc = archive_read_data_block(in, &data, &size, &offset);
+            if (rc == ARCHIVE_EOF)
+                break;
+            if (rc < ARCHIVE_WARN) {
+                reason = "\"" + _entryName + "\": " + ErrorOf(in);
+                return false;
+            }
+            if (size > 0 && !_fs.writeAt(fd.get(), data, size, static_cast<uint64_t>(offset)))
+                return failed(path, reason);
+            end = std::max(end, static_cast<uint64_t>(offset) + size);
+        }
+        // A sparse tail is a hole the writes did not reach.
+        const auto size = static_cast<uint64_t>(std::max<la_int64_t>(archive_entry_size(entry), 0));
+        if (end < size && !_fs.truncate(fd.get(), size))
+            return failed(path, reason);
+        timespec times[2];
+        timesOf(entry, times);
+        if (!_fs.setModeOfFile(fd.get(), modeOf(entry)) || !_fs.setTimesOfFile(fd.get(), times) ||
+            !_fs.close(fd))
+            return failed(path, reason);
+        return true;
+    }
+
+    // The archive's permission bits; set-user-ID and set-group-ID only when the archive's
+    // owner or group is the patcher's, as the file stays the patcher's.
+    static mode_t modeOf(archive_entry* entry) {
+        mode_t mode = archive_entry_perm(entry) & 07777;
+        if (archive_entry_uid(entry) != static_cast<la_int64_t>(::geteuid()))
+            mode &= ~static_cast<mode_t>(S_ISUID);
+        if (archive_entry_gid(entry) != static_cast<la_int64_t>(::getegid()))
+            mode &= ~static_cast<mode_t>(S_ISGID);
+        return mode;
+    }
+
+    static void timesOf(archive_entry* entry, timespec times[2]) {
+        times[0] = archive_entry_atime_is_set(entry)
+                       ? timespec{archive_entry_atime(entry), archive_entry_atime_nsec(entry)}
+                       : timespec{0, UTIME_OMIT};
+        times[1] = archive_entry_mtime_is_set(entry)
+                       ? timespec{archive_entry_mtime(entry), archive_entry_mtime_nsec(entry)}
+                       : timespec{0, UTIME_OMIT};
+    }
+
+    // Sets the reason from errno for path; always false.
+    bool failed(const std::string& path, std::string& reason) const {
+        if (reason.empty())
+            reason = "\"" + _entryName + "\": " + path + ": " + std::strerror(errno);
+        return false;
+    }
+
+    FileSystem& _fs;
+    const std::string _folder;
+    std::string _entryName;
+    std::vector<Fixup> _folders;
+};
+
 // Extracts every entry of the archive into targetFolder; false with a reason at the first
 // entry that cannot be extracted safely and whole.
 bool ExtractArchive(const std::string& archivePath, const std::string& targetFolder,
-                    std::string& reason) {
-    CurrentFolderScope scope;
-    if (!scope.enter(targetFolder)) {
-        reason = "the target folder cannot be entered";
-        return false;
-    }
+                    FileSystem& fileSystem, std::string& reason) {
     ArchiveReader in(archive_read_new());
-    ArchiveWriter out(archive_write_disk_new());
-    if (!in || !out) {
+    if (!in) {
         reason = "out of memory";
         return false;
     }
     archive_read_support_format_cpio(in.get());
-    archive_write_disk_set_options(out.get(), kExtractFlags);
 
     GzipSource gzip;
     if (!gzip.open(archivePath)) {
@@ -248,83 +419,57 @@ bool ExtractArchive(const std::string& archivePath, const std::string& targetFol
         return false;
     }
 
+    PayloadWriter writer(fileSystem, WithoutTrailingSlashes(targetFolder));
     for (;;) {
         archive_entry* entry = nullptr;
-        int rc = archive_read_next_header(in.get(), &entry);
+        const int rc = archive_read_next_header(in.get(), &entry);
         if (rc == ARCHIVE_EOF)
             break;
         if (rc < ARCHIVE_WARN) {
             reason = gzip.reason().empty() ? ErrorOf(in.get()) : gzip.reason();
             return false;
         }
-        const char* name = archive_entry_pathname(entry);
-        const std::string entryName = name ? name : "";
         // The payload carries files, folders and links; device nodes, pipes and sockets have
         // no place in it.
         const auto type = archive_entry_filetype(entry);
         if (type != AE_IFREG && type != AE_IFDIR && type != AE_IFLNK &&
             !archive_entry_hardlink(entry)) {
-            reason = "\"" + entryName + "\" is not a file, folder or symbolic link";
+            const char* name = archive_entry_pathname(entry);
+            reason =
+                "\"" + std::string(name ? name : "") + "\" is not a file, folder or symbolic link";
             return false;
         }
-        rc = archive_write_header(out.get(), entry);
-        if (rc < ARCHIVE_WARN) {
-            reason = "\"" + entryName + "\": " + ErrorOf(out.get());
+        if (!writer.write(in.get(), entry, reason))
             return false;
-        }
-        for (;;) {
-            const void* data = nullptr;
-            size_t size = 0;
-            la_int64_t offset = 0;
-            rc = archive_read_data_block(in.get(), &data, &size, &offset);
-            if (rc == ARCHIVE_EOF)
-                break;
-            if (rc < ARCHIVE_WARN) {
-                reason = "\"" + entryName + "\": " + ErrorOf(in.get());
-                return false;
-            }
-            if (archive_write_data_block(out.get(), data, size, offset) < ARCHIVE_WARN) {
-                reason = "\"" + entryName + "\": " + ErrorOf(out.get());
-                return false;
-            }
-        }
-        if (archive_write_finish_entry(out.get()) < ARCHIVE_WARN) {
-            reason = "\"" + entryName + "\": " + ErrorOf(out.get());
-            return false;
-        }
     }
     if (!gzip.finish()) {
         reason = gzip.reason();
         return false;
     }
-    // Folder modes and times are set last, when nothing more goes into them.
-    if (archive_write_close(out.get()) < ARCHIVE_WARN) {
-        reason = ErrorOf(out.get());
-        return false;
-    }
-    return true;
+    return writer.finish(reason);
 }
 
 } // namespace
 
 int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
-                                    const std::string& targetFolder) {
+                                    const std::string& targetFolder, FileSystem& fileSystem) {
     NSFormatLogWithHeading(3, "SETUP for Update");
-    const std::string archivePath = AppendPathComponent(archiveFolder, kPayloadArchiveName);
+    const std::string archivePath = JoinPath(archiveFolder, kPayloadArchiveName);
     NSLevelledLog(3, "Extracting updater files ...");
     if (!IsReadableFile(archivePath)) {
         NSLevelledLog(3, "No files in the Payload.");
     } else {
         // A symbolic link in the target's place is removed itself, never what it points to.
-        if (ExistsWithoutFollowing(targetFolder))
-            (void)cleanupDir(targetFolder);
+        if (PathExistsNoFollow(targetFolder))
+            (void)cleanupDir(targetFolder, fileSystem);
         (void)CreateDirectoryAtPath(targetFolder);
         std::string reason;
-        if (!ExtractArchive(archivePath, targetFolder, reason)) {
+        if (!ExtractArchive(archivePath, targetFolder, fileSystem, reason)) {
             // Half a payload is worse than none: the manifest would mix new and missing
             // files. An empty folder makes every source show up as missing.
             NSLevelledLog(0, "Failed to extract \"%@\": %@", archivePath, reason);
-            if (!RemoveTree(targetFolder) && ExistsWithoutFollowing(targetFolder))
+            if (!FileManager(fileSystem).removeItem(targetFolder) &&
+                PathExistsNoFollow(targetFolder))
                 NSLevelledLog(0, "Remove operation failed.");
             (void)CreateDirectoryAtPath(targetFolder);
         }
@@ -333,10 +478,10 @@ int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
     return 0;
 }
 
-int32_t PayloadHandler::cleanupDir(const std::string& folder) {
+int32_t PayloadHandler::cleanupDir(const std::string& folder, FileSystem& fileSystem) {
     NSFormatLogWithHeading(3, "TEARDOWN for Update");
     NSLevelledLog(3, "Cleanup \"%@\".", folder);
-    if (!RemoveTree(folder)) {
+    if (!FileManager(fileSystem).removeItem(folder)) {
         NSLevelledLog(3, "Remove operation failed.");
         return 1;
     }

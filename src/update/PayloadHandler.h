@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+class FileSystem;
+
 // Unpacks the patcher's payload archive (new files and patch files) into the working folder
 // before the manifest is processed, and removes the working folder when the run has ended.
 // Class operations only; no state.
@@ -12,18 +14,17 @@ public:
     static constexpr const char* kPayloadArchiveName = "Payload.cpio.gz";
 
     // Extracts archiveFolder/Payload.cpio.gz (a gzip-compressed cpio archive in any format GNU
-    // cpio or libarchive writes) into targetFolder, which is emptied first. Nothing is ever
-    // written outside targetFolder: entries with ".." or absolute paths, entries reached
-    // through symbolic links, and entries that are neither files, folders nor symbolic links
-    // refuse the whole archive. A missing, unreadable, truncated, non-gzip or refused archive
-    // leaves targetFolder empty (or absent when there is no archive), so the manifest later
-    // finds its sources missing. Always returns 0: extraction never reports failure itself.
-    //
-    // While it runs, the process's current folder is the target folder; it is put back before
-    // returning. Call it while no other thread depends on the current folder.
-    static int32_t extractFile(const std::string& archiveFolder, const std::string& targetFolder);
+    // cpio or libarchive writes) into targetFolder, which is emptied first. Every entry is
+    // written through fileSystem. Nothing is ever written outside targetFolder: entries with
+    // ".." or absolute paths, entries reached through symbolic links, and entries that are
+    // neither files, folders nor symbolic links refuse the whole archive. A missing,
+    // unreadable, truncated, non-gzip or refused archive, or any write that fails, leaves
+    // targetFolder empty (or absent when there is no archive), so the manifest later finds
+    // its sources missing. Always returns 0: extraction never reports failure itself.
+    static int32_t extractFile(const std::string& archiveFolder, const std::string& targetFolder,
+                               FileSystem& fileSystem);
 
-    // Removes folder and everything in it (symbolic links are removed, never followed).
-    // 0 when it was removed, 1 when not ("Remove operation failed.").
-    [[nodiscard]] static int32_t cleanupDir(const std::string& folder);
+    // Removes folder and everything in it through fileSystem (symbolic links are removed,
+    // never followed). 0 when it was removed, 1 when not ("Remove operation failed.").
+    [[nodiscard]] static int32_t cleanupDir(const std::string& folder, FileSystem& fileSystem);
 };

@@ -3,15 +3,21 @@
 #include "TestSupport.h"
 #include "runtime/Environment.h"
 #include "runtime/LoggerUtility.h"
+#include "system/FileSystem.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -140,10 +146,10 @@ TEST_F(PayloadHandlerTest, ExtractsArchivesOfEveryCpioFormatOfGnuCpio) {
         SCOPED_TRACE(format);
         MakePayload(_stage, "find .", format);
         const std::string before = CurrentFolder();
-        EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload), 0);
+        EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload, RealFileSystem::instance()), 0);
         EXPECT_EQ(CurrentFolder(), before);
         EXPECT_EQ(Snapshot(_payload), expected);
-        ASSERT_EQ(PayloadHandler::cleanupDir(_payload), 0);
+        ASSERT_EQ(PayloadHandler::cleanupDir(_payload, RealFileSystem::instance()), 0);
     }
 }
 
@@ -155,7 +161,8 @@ TEST_F(PayloadHandlerTest, LogsTheSetupAndReplacesAnEarlierPayload) {
     ::chmod((_payload + "/old").c_str(), 0500);
 
     LogCapture log;
-    EXPECT_EQ(PayloadHandler::extractFile(_resources + "/", _payload), 0);
+    EXPECT_EQ(PayloadHandler::extractFile(_resources + "/", _payload, RealFileSystem::instance()),
+              0);
     EXPECT_EQ(log.lines(), (std::vector<std::string>{
                                ComposeHeadingLine(3, "SETUP for Update"),
                                "Extracting updater files ...",
@@ -170,7 +177,7 @@ TEST_F(PayloadHandlerTest, LogsTheSetupAndReplacesAnEarlierPayload) {
 
 TEST_F(PayloadHandlerTest, NoArchiveMeansNoPayloadAndIsNoError) {
     LogCapture log;
-    EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload), 0);
+    EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload, RealFileSystem::instance()), 0);
     EXPECT_EQ(log.lines(), (std::vector<std::string>{
                                ComposeHeadingLine(3, "SETUP for Update"),
                                "Extracting updater files ...",
@@ -182,7 +189,7 @@ TEST_F(PayloadHandlerTest, NoArchiveMeansNoPayloadAndIsNoError) {
     // A folder in the archive's place is no archive either, and an existing target is left.
     fs::create_directories(_archive);
     WriteTextFile(_payload + "/kept.txt", "kept\n");
-    EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload), 0);
+    EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload, RealFileSystem::instance()), 0);
     EXPECT_EQ(ReadTextFile(_payload + "/kept.txt"), "kept\n");
 }
 
@@ -193,7 +200,7 @@ TEST_F(PayloadHandlerTest, ASymbolicLinkInTheTargetsPlaceIsReplacedNotFollowed) 
     fs::create_directories(_root.file("work"));
     ASSERT_EQ(::symlink(_root.file("elsewhere").c_str(), _payload.c_str()), 0);
 
-    EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload), 0);
+    EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload, RealFileSystem::instance()), 0);
     EXPECT_EQ(ReadTextFile(_root.file("elsewhere/precious.txt")), "keep me\n");
     EXPECT_FALSE(fs::is_symlink(_payload));
     EXPECT_EQ(ReadTextFile(_payload + "/file.txt"), "payload\n");
@@ -324,7 +331,7 @@ TEST_F(PayloadHandlerTest, HostileAndDamagedArchivesAreRefusedWhole) {
         const auto before = Snapshot(_root.path(), work);
         const std::string folder = CurrentFolder();
         LogCapture log;
-        EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload), 0);
+        EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload, RealFileSystem::instance()), 0);
         EXPECT_EQ(CurrentFolder(), folder);
         EXPECT_EQ(FailureLines(log).size(), 1u) << log.text();
         for (const auto& l : FailureLines(log))
@@ -338,6 +345,84 @@ TEST_F(PayloadHandlerTest, HostileAndDamagedArchivesAreRefusedWhole) {
     }
 }
 
+// Every write of the extraction goes through the file-system seam; whichever call fails,
+// the payload is either whole or empty, and the failure is logged, never half a payload.
+TEST_F(PayloadHandlerTest, AFailedWriteAtAnyPointLeavesAnEmptyPayload) {
+    MakeSampleTree();
+    MakePayload(_stage, "find .");
+    const auto expected = Snapshot(_stage);
+    FaultInjectingFileSystem counting;
+    ASSERT_EQ(PayloadHandler::extractFile(_resources, _payload, counting), 0);
+    ASSERT_EQ(Snapshot(_payload), expected);
+    // Folders, files, links, hard links, modes and times: several calls per entry.
+    const uint64_t calls = counting.calls();
+    EXPECT_GT(calls, 2 * expected.size());
+
+    // A failure while the previous payload is removed is logged apart and extraction goes
+    // on over what is left; every other failure refuses the payload.
+    uint64_t refused = 0;
+    for (const int error : {ENOSPC, EIO}) {
+        for (uint64_t n = 1; n <= calls; ++n) {
+            SCOPED_TRACE("call " + std::to_string(n) + " fails with " + std::strerror(error));
+            FaultInjectingFileSystem failing;
+            failing.failCall(n, error);
+            LogCapture log;
+            EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload, failing), 0);
+            ASSERT_TRUE(failing.failed());
+            const auto lines = FailureLines(log);
+            if (lines.empty()) {
+                EXPECT_EQ(Snapshot(_payload), expected) << failing.callLog()[n - 1];
+                continue;
+            }
+            ++refused;
+            EXPECT_TRUE(Snapshot(_payload).empty()) << failing.callLog()[n - 1];
+            ASSERT_EQ(lines.size(), 1u) << log.text();
+            EXPECT_NE(lines[0].find(std::strerror(error)), std::string::npos) << lines[0];
+        }
+    }
+    EXPECT_GT(refused, calls);
+    std::printf("Extraction failed at each of its %llu calls with ENOSPC and with EIO: %llu "
+                "refused\n",
+                static_cast<unsigned long long>(calls), static_cast<unsigned long long>(refused));
+}
+
+// A working folder too small for the payload: the write that fails is seen, and no file of
+// the payload is left cut short.
+TEST_F(PayloadHandlerTest, APayloadLargerThanTheFreeSpaceIsRefusedWhole) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "mounting a small file system needs root";
+    WriteTextFile(_stage + "/small.txt", "small\n");
+    WriteTextFile(_stage + "/big.bin", RandomText(3 * 1024 * 1024, 7));
+    MakePayload(_stage, "find .");
+    // The small file system is mounted in a child's private mount namespace, so that it is
+    // gone with the child whatever happens; the child's exit code tells what it found.
+    const std::string small = _root.file("small");
+    const std::string payload = small + "/payload";
+    const std::string logText = _root.file("child-log");
+    fs::create_directories(small);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (::unshare(CLONE_NEWNS) != 0 ||
+            ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=1m") != 0)
+            ::_exit(2);
+        LogCapture log;
+        (void)PayloadHandler::extractFile(_resources, payload, RealFileSystem::instance());
+        const auto lines = FailureLines(log);
+        (void)WriteFile(logText, log.text());
+        const bool seen = lines.size() == 1 && lines[0].find("big.bin") != std::string::npos &&
+                          lines[0].find(std::strerror(ENOSPC)) != std::string::npos;
+        ::_exit(!Snapshot(payload).empty() ? 3 : seen ? 0 : 4);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0)
+        << "2: no namespace, 3: payload not empty, 4: failure not logged\n"
+        << ReadTextFile(logText);
+}
+
 TEST_F(PayloadHandlerTest, CleanupRemovesTheFolderWithReadOnlyContents) {
     WriteTextFile(_payload + "/backupDir/RollBack.xml", "<journal/>\n");
     WriteTextFile(_payload + "/a/b/c/file", "deep\n");
@@ -346,7 +431,7 @@ TEST_F(PayloadHandlerTest, CleanupRemovesTheFolderWithReadOnlyContents) {
     ::chmod((_payload + "/a").c_str(), 0);
 
     LogCapture log;
-    EXPECT_EQ(PayloadHandler::cleanupDir(_payload), 0);
+    EXPECT_EQ(PayloadHandler::cleanupDir(_payload, RealFileSystem::instance()), 0);
     EXPECT_EQ(log.lines(), (std::vector<std::string>{
                                ComposeHeadingLine(3, "TEARDOWN for Update"),
                                "Cleanup \"" + _payload + "\".",
@@ -360,14 +445,14 @@ TEST_F(PayloadHandlerTest, CleanupOfALinkRemovesOnlyTheLink) {
     WriteTextFile(_root.file("elsewhere/precious.txt"), "keep me\n");
     const std::string link = _root.file("link");
     ASSERT_EQ(::symlink(_root.file("elsewhere").c_str(), link.c_str()), 0);
-    EXPECT_EQ(PayloadHandler::cleanupDir(link), 0);
+    EXPECT_EQ(PayloadHandler::cleanupDir(link, RealFileSystem::instance()), 0);
     EXPECT_FALSE(FileExists(link));
     EXPECT_EQ(ReadTextFile(_root.file("elsewhere/precious.txt")), "keep me\n");
 }
 
 TEST_F(PayloadHandlerTest, CleanupOfAMissingFolderFails) {
     LogCapture log;
-    EXPECT_EQ(PayloadHandler::cleanupDir(_root.file("missing")), 1);
+    EXPECT_EQ(PayloadHandler::cleanupDir(_root.file("missing"), RealFileSystem::instance()), 1);
     EXPECT_EQ(log.lines(), (std::vector<std::string>{
                                ComposeHeadingLine(3, "TEARDOWN for Update"),
                                "Cleanup \"" + _root.file("missing") + "\".",

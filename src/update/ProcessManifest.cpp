@@ -12,6 +12,7 @@
 #include "runtime/Environment.h"
 #include "runtime/LoggerUtility.h"
 #include "runtime/MainLoop.h"
+#include "system/FileSystem.h"
 #include "target/DirTokenResolver.h"
 #include "target/LoadConfigData.h"
 #include "target/OrvelCodeFileHandler.h"
@@ -84,7 +85,7 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
       _resourceDir(std::move(resourceDir)), _dataLoader(dataLoader),
       _environment(std::move(environment)), _isSilentInstall(_environment.silent) {
     totalNodesCount = 0;
-    (void)PayloadHandler::extractFile(_resourceDir, _payloadDir);
+    (void)PayloadHandler::extractFile(_resourceDir, _payloadDir, fileSystem());
     (void)CreateDirectoryAtPath(_backupDir);
 }
 
@@ -93,6 +94,11 @@ ProcessManifest::~ProcessManifest() {
     // through the task; the owner waits for the completion before letting go.
     if (_tw)
         _tw->waitUntilFinished();
+}
+
+FileSystem& ProcessManifest::fileSystem() const {
+    return _environment.cmdOptions.fileSystem ? *_environment.cmdOptions.fileSystem
+                                              : RealFileSystem::instance();
 }
 
 std::string ProcessManifest::localized(const std::string& key) const {
@@ -492,7 +498,7 @@ void ProcessManifest::longTaskFinished(const std::string& result) {
     if (_serviceHandler)
         _serviceHandler->startServices();
     NSLevelledLog(3, "Done");
-    (void)PayloadHandler::cleanupDir(_payloadDir);
+    (void)PayloadHandler::cleanupDir(_payloadDir, fileSystem());
     _serviceHandler.reset();
     if (_progressController)
         _progressController->close();

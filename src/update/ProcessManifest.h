@@ -110,6 +110,8 @@ private:
     // The progress and cancel step of one entry; false when the user cancelled.
     bool progressStep(ProgressWindowController* progress, const std::string& workingFile);
     std::string localized(const std::string& key) const;
+    // The seam every change to the disk goes through.
+    FileSystem& fileSystem() const;
     void report(int exitCode, int rollbackState);
 
     std::string _manifestFile;

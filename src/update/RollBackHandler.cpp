@@ -94,7 +94,7 @@ bool RollBackHandler::addUndoFileCommand(const FileOperationInfo& info) {
     const bool backupExists = !backupIsLink && ::stat(backup.c_str(), &backupInfo) == 0;
     const bool backupPresent = backupExists || backupIsLink;
     const std::optional<std::string> backupChecksum =
-        backupExists ? MD5cksum::getMD5cksumOfFile(backup) : std::nullopt;
+        backupExists ? MD5cksum::getMD5cksumOfFile(backup, _fs) : std::nullopt;
 
     const std::string& operation = info.Operation;
     std::optional<std::string> inverse;

@@ -5,6 +5,7 @@
 
 #include "TestSupport.h"
 #include "base/PropertyList.h"
+#include "system/FileSystem.h"
 #include "update/PayloadHandler.h"
 
 #include <gtest/gtest.h>
@@ -91,7 +92,9 @@ TEST_F(AssembleTest, MakesTheBundleLayout) {
     // The patcher's own unpacking gives back the payload folder: contents, modes, links,
     // empty folders.
     const std::string unpacked = temp.file("unpacked");
-    EXPECT_EQ(PayloadHandler::extractFile(out + "/Contents/Resources", unpacked), 0);
+    EXPECT_EQ(PayloadHandler::extractFile(out + "/Contents/Resources", unpacked,
+                                          RealFileSystem::instance()),
+              0);
     EXPECT_EQ(SnapshotTree(unpacked, TreeDetail::ContentsAndModes),
               SnapshotTree(payload, TreeDetail::ContentsAndModes));
     // Nothing is left beside the bundle: config, manifest, payload, bundle, unpacked.
@@ -105,7 +108,9 @@ TEST_F(AssembleTest, WithoutPayloadTheArchiveIsEmpty) {
     std::string error;
     ASSERT_EQ(BundleAssembler::assemble(options, nullptr, &error), 0) << error;
     const std::string unpacked = temp.file("unpacked");
-    EXPECT_EQ(PayloadHandler::extractFile(out + "/Contents/Resources", unpacked), 0);
+    EXPECT_EQ(PayloadHandler::extractFile(out + "/Contents/Resources", unpacked,
+                                          RealFileSystem::instance()),
+              0);
     EXPECT_TRUE(fs::is_directory(unpacked));
     EXPECT_TRUE(fs::is_empty(unpacked));
     EXPECT_EQ(PropertyList::readDictionaryFromFile(out + "/Contents/Info.plist")
