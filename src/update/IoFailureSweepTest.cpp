@@ -66,12 +66,6 @@ WithoutLeftoverEmptyFolders(std::map<std::string, std::string> tree,
     return tree;
 }
 
-std::string Plist(const std::string& version) {
-    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>CFBundleVersion</key>"
-           "<string>" +
-           version + "</string></dict></plist>\n";
-}
-
 class IoFailureSweep : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -92,7 +86,7 @@ protected:
     // The installed version 1.0, kept as a pristine copy that every run starts from.
     void makeOldVersion() {
         const std::string c = pristine + "/Contents";
-        WriteTextFile(c + "/Info.plist", Plist("1.0"));
+        WriteTextFile(c + "/Info.plist", VersionPlist("1.0"));
         WriteTextFile(c + "/MacOS/Editor", RandomText(3 * 1024 * 1024, 7));
         for (int i = 1; i <= 5; ++i)
             WriteTextFile(c + "/Resources/keep" + std::to_string(i) + ".txt",
@@ -131,14 +125,9 @@ protected:
         }
         WriteTextFile(staging + "/blind1.txt", "new blind one\n");
         WriteTextFile(staging + "/blind2.txt", "new blind two\n");
-        WriteTextFile(staging + "/Info.plist", Plist("2.0"));
+        WriteTextFile(staging + "/Info.plist", VersionPlist("2.0"));
         fs::create_directories(resources);
-        ASSERT_EQ(
-            RunProgram({"bash", "-c",
-                        "cd '" + staging +
-                            "' && find . -mindepth 1 | cpio -o -H newc 2>/dev/null | gzip > '" +
-                            resources + "/Payload.cpio.gz'"}),
-            0);
+        ASSERT_EQ(PackPayload(staging, resources + "/Payload.cpio.gz"), 0);
         fs::copy_file(BUNDLED_BSPATCH, resources + "/bspatch");
 
         const std::string res = "[INSTALLDIR]/Contents/Resources";
@@ -181,20 +170,13 @@ protected:
         for (const auto& e : files)
             xml += FileEntryXml(e);
         xml += "</FileSet>\n";
-        xml +=
-            "<BundleSet><Bundle Path=\"[INSTALLDIR]/Contents/Info.plist\" Version=\"1.0\" "
-            "Verify=\"TRUE\">\n" +
-            FileEntryXml(FileEntry("OVERWRITE", "Info.plist", "[INSTALLDIR]/Contents", "Info.plist",
-                                   FileMd5(c + "/Info.plist"), FileMd5(staging + "/Info.plist"))) +
-            "</Bundle></BundleSet>\n";
-        xml += "<DirectorySet>"
-               "<Directory><Operation>ADD</Operation>"
-               "<DirectoryBase>[INSTALLDIR]/Contents/PlugIns/Filters</DirectoryBase></Directory>"
-               "<Directory><Operation>ADD</Operation>"
-               "<DirectoryBase>[INSTALLDIR]/Contents/Resources</DirectoryBase></Directory>"
-               "<Directory><Operation>REMOVE</Operation>"
-               "<DirectoryBase>[INSTALLDIR]/Contents/Obsolete</DirectoryBase></Directory>"
-               "</DirectorySet>\n";
+        xml += BundleSetXml("[INSTALLDIR]/Contents/Info.plist", "1.0",
+                            {{"OVERWRITE", "Info.plist", "[INSTALLDIR]/Contents", "Info.plist",
+                              FileMd5(c + "/Info.plist"), FileMd5(staging + "/Info.plist")}});
+        xml += "<DirectorySet>" +
+               DirectoryEntryXml("ADD", "[INSTALLDIR]/Contents/PlugIns/Filters") +
+               DirectoryEntryXml("ADD", "[INSTALLDIR]/Contents/Resources") +
+               DirectoryEntryXml("REMOVE", "[INSTALLDIR]/Contents/Obsolete") + "</DirectorySet>\n";
         xml += "</Manifest>\n";
         WriteTextFile(resources + "/manifest.xml", xml);
     }

@@ -87,7 +87,7 @@ protected:
         paths.protectedFolders.push_back(root + "/opt/Suite");
 
         // The installed application.
-        WriteTextFile(app + "/Contents/Info.plist", Plist("1.0"));
+        WriteTextFile(app + "/Contents/Info.plist", VersionPlist("1.0"));
         WriteTextFile(app + "/Contents/MacOS/Editor", RandomText(300000, 1));
         WriteTextFile(app + "/Contents/Resources/old.txt", "to be removed\n");
         WriteTextFile(app + "/Contents/Resources/keep.txt", "version one\n");
@@ -100,7 +100,7 @@ protected:
         // The new files and the patch, packed as the payload.
         WriteTextFile(staging + "/new.txt", "a new file\n");
         WriteTextFile(staging + "/keep.txt", "version two\n");
-        WriteTextFile(staging + "/Info.plist", Plist("2.0"));
+        WriteTextFile(staging + "/Info.plist", VersionPlist("2.0"));
         std::string newEditor = RandomText(300000, 1);
         for (size_t i = 1000; i < 1100; ++i)
             newEditor[i] = 'x';
@@ -110,12 +110,7 @@ protected:
         EXPECT_EQ(RunProgram({"bsdiff", app + "/Contents/MacOS/Editor", root + "/Editor.new",
                               staging + "/Editor.patch"}),
                   0);
-        EXPECT_EQ(
-            RunProgram({"bash", "-c",
-                        "cd '" + staging +
-                            "' && find . -mindepth 1 | cpio -o -H newc 2>/dev/null | gzip > '" +
-                            resources + "/Payload.cpio.gz'"}),
-            0);
+        EXPECT_EQ(PackPayload(staging, resources + "/Payload.cpio.gz"), 0);
         fs::copy_file(BUNDLED_BSPATCH, resources + "/bspatch");
 
         newMd5 = {{"new", Md5(staging + "/new.txt")},
@@ -148,12 +143,6 @@ protected:
         SetENVsilentFlag(false);
     }
 
-    static std::string Plist(const std::string& version) {
-        return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>CFBundleVersion</key>"
-               "<string>" +
-               version + "</string></dict></plist>\n";
-    }
-
     std::string Manifest(const std::vector<FileEntry>& files, bool withBundle = true,
                          bool withDirectories = true) const {
         std::string xml = "<?xml version=\"1.0\"?>\n<Manifest>\n<FileSet>\n";
@@ -161,20 +150,15 @@ protected:
             xml += FileEntryXml(e);
         xml += "</FileSet>\n";
         if (withBundle) {
-            xml += "<BundleSet><Bundle Path=\"[INSTALLDIR]/Contents/Info.plist\" Version=\"1.0\" "
-                   "Verify=\"TRUE\">\n" +
-                   FileEntryXml(FileEntry("OVERWRITE", "Info.plist", "[INSTALLDIR]/Contents",
-                                          "Info.plist", newMd5.at("plist1"), newMd5.at("plist2"))) +
-                   "</Bundle></BundleSet>\n";
+            xml += BundleSetXml("[INSTALLDIR]/Contents/Info.plist", "1.0",
+                                {{"OVERWRITE", "Info.plist", "[INSTALLDIR]/Contents", "Info.plist",
+                                  newMd5.at("plist1"), newMd5.at("plist2")}});
         }
         if (withDirectories) {
-            xml +=
-                "<DirectorySet>"
-                "<Directory><Operation>ADD</Operation>"
-                "<DirectoryBase>[INSTALLDIR]/Contents/PlugIns/Filters</DirectoryBase></Directory>"
-                "<Directory><Operation>REMOVE</Operation>"
-                "<DirectoryBase>[INSTALLDIR]/Contents/Obsolete</DirectoryBase></Directory>"
-                "</DirectorySet>\n";
+            xml += "<DirectorySet>" +
+                   DirectoryEntryXml("ADD", "[INSTALLDIR]/Contents/PlugIns/Filters") +
+                   DirectoryEntryXml("REMOVE", "[INSTALLDIR]/Contents/Obsolete") +
+                   "</DirectorySet>\n";
         }
         return xml + "</Manifest>\n";
     }
@@ -375,7 +359,7 @@ TEST_F(ProcessManifestTest, HistoryThatCannotBeWrittenRollsBackAsCancelled) {
 }
 
 TEST_F(ProcessManifestTest, NewerInstalledBundleIsSkipped) {
-    WriteTextFile(app + "/Contents/Info.plist", Plist("3.0"));
+    WriteTextFile(app + "/Contents/Info.plist", VersionPlist("3.0"));
     const std::string before = Md5(app + "/Contents/Info.plist");
     EXPECT_EQ(Run(Manifest({entries[0]})), "0");
     EXPECT_EQ(Md5(app + "/Contents/Info.plist"), before);
