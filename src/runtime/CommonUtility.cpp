@@ -9,12 +9,14 @@
 #include <climits>
 #include <cstdlib>
 #include <fstream>
+#include <grp.h>
 #include <pwd.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/utsname.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -45,22 +47,19 @@ int32_t IntValue(const std::string& piece) {
     return static_cast<int32_t>(value);
 }
 
-std::optional<std::string> UserNameOfUid(uid_t uid) {
-    struct passwd entry {};
-    struct passwd* result = nullptr;
-    char buffer[4096];
-    if (::getpwuid_r(uid, &entry, buffer, sizeof buffer, &result) != 0 || !result)
-        return std::nullopt;
-    return std::string(result->pw_name);
-}
-
-std::optional<uid_t> UidOfUserName(const std::string& name) {
-    struct passwd entry {};
-    struct passwd* result = nullptr;
-    char buffer[4096];
-    if (::getpwnam_r(name.c_str(), &entry, buffer, sizeof buffer, &result) != 0 || !result)
-        return std::nullopt;
-    return result->pw_uid;
+// Calls lookup (a getpw*_r or getgr*_r call over the buffer given) with a buffer that
+// grows while the entry does not fit: a group with many members needs more than the usual
+// size. True when an entry was found.
+template <typename Lookup> bool LookUpAccount(const Lookup& lookup) {
+    std::vector<char> buffer(4096);
+    for (;;) {
+        const int error = lookup(buffer.data(), buffer.size());
+        if (error != ERANGE)
+            return error == 0;
+        if (buffer.size() >= (1u << 24))
+            return false;
+        buffer.resize(buffer.size() * 4);
+    }
 }
 
 std::optional<uid_t> ParseUid(const char* text) {
@@ -75,6 +74,56 @@ std::optional<uid_t> ParseUid(const char* text) {
 }
 
 } // namespace
+
+std::optional<std::string> UserNameOfUid(uid_t uid) {
+    struct passwd entry {};
+    struct passwd* result = nullptr;
+    std::optional<std::string> name;
+    if (LookUpAccount([&](char* buffer, size_t size) {
+            const int error = ::getpwuid_r(uid, &entry, buffer, size, &result);
+            if (error == 0 && result)
+                name = result->pw_name;
+            return error;
+        }))
+        return name;
+    return std::nullopt;
+}
+
+std::optional<uid_t> UidOfUserName(const std::string& name) {
+    struct passwd entry {};
+    struct passwd* result = nullptr;
+    if (LookUpAccount([&](char* buffer, size_t size) {
+            return ::getpwnam_r(name.c_str(), &entry, buffer, size, &result);
+        }) &&
+        result)
+        return result->pw_uid;
+    return std::nullopt;
+}
+
+std::optional<std::string> GroupNameOfGid(gid_t gid) {
+    struct group entry {};
+    struct group* result = nullptr;
+    std::optional<std::string> name;
+    if (LookUpAccount([&](char* buffer, size_t size) {
+            const int error = ::getgrgid_r(gid, &entry, buffer, size, &result);
+            if (error == 0 && result)
+                name = result->gr_name;
+            return error;
+        }))
+        return name;
+    return std::nullopt;
+}
+
+std::optional<gid_t> GidOfGroupName(const std::string& name) {
+    struct group entry {};
+    struct group* result = nullptr;
+    if (LookUpAccount([&](char* buffer, size_t size) {
+            return ::getgrnam_r(name.c_str(), &entry, buffer, size, &result);
+        }) &&
+        result)
+        return result->gr_gid;
+    return std::nullopt;
+}
 
 bool GetDotSeparatedVersion(const std::string& text, DotSeparatedVersion& version) {
     version = DotSeparatedVersion{};
@@ -190,10 +239,13 @@ std::string HomeDirectory() {
         return home;
     struct passwd entry {};
     struct passwd* result = nullptr;
-    char buffer[4096];
-    if (::getpwuid_r(::getuid(), &entry, buffer, sizeof buffer, &result) == 0 && result)
-        return result->pw_dir;
-    return "/";
+    std::string home = "/";
+    if (LookUpAccount([&](char* buffer, size_t size) {
+            return ::getpwuid_r(::getuid(), &entry, buffer, size, &result);
+        }) &&
+        result)
+        home = result->pw_dir; // copied while the buffer lives: it points into it
+    return home;
 }
 
 std::string ExpandTildeInPath(const std::string& path) {

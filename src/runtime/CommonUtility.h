@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 // Shared helpers: dotted version strings, the regular-expression test, folder creation,
@@ -44,6 +45,12 @@ uint64_t GetFreeDiskSpaceInBytes(const std::string& path);
 // The user of the desktop session: PKEXEC_UID, else SUDO_USER, else the owner of the
 // process's login session, else the real user. Nothing when no account is found.
 std::optional<std::string> GetUserName();
+
+// Accounts and groups by id and by name; nothing when the system knows none.
+std::optional<std::string> UserNameOfUid(uid_t uid);
+std::optional<uid_t> UidOfUserName(const std::string& name);
+std::optional<std::string> GroupNameOfGid(gid_t gid);
+std::optional<gid_t> GidOfGroupName(const std::string& name);
 
 // The home folder of the process's user ($HOME, else the password database).
 std::string HomeDirectory();

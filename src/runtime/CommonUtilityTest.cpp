@@ -178,4 +178,16 @@ TEST(CommonUtilityTest, KernelIsSupported) {
     EXPECT_TRUE(IsOSVersionSupported());
 }
 
+TEST(CommonUtilityAccounts, LooksUpUsersAndGroupsBothWays) {
+    EXPECT_EQ(UserNameOfUid(0), "root");
+    EXPECT_EQ(UidOfUserName("root"), 0u);
+    EXPECT_EQ(GroupNameOfGid(0), "root");
+    EXPECT_EQ(GidOfGroupName("root"), 0u);
+    EXPECT_EQ(UidOfUserName("no-such-account-here"), std::nullopt);
+    EXPECT_EQ(GidOfGroupName("no-such-group-here"), std::nullopt);
+    // An id that no account has.
+    EXPECT_EQ(UserNameOfUid(4000000000u), std::nullopt);
+    EXPECT_EQ(GroupNameOfGid(4000000000u), std::nullopt);
+}
+
 } // namespace

@@ -3,6 +3,7 @@
 #include "base/FileUtil.h"
 #include "base/Md5.h"
 #include "base/Path.h"
+#include "runtime/CommonUtility.h"
 #include "runtime/LoggerUtility.h"
 #include "system/FileSystem.h"
 #include "update/FileOperationInfo.h"
@@ -11,9 +12,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <grp.h>
 #include <memory>
-#include <pwd.h>
 #include <unistd.h>
 
 namespace {
@@ -30,22 +29,16 @@ bool IsAllDigits(const std::string& text) {
 
 // An account name, or a numeric id when no account has that name.
 std::optional<uid_t> UserIdOf(const std::string& name) {
-    std::vector<char> buffer(16384);
-    passwd entry{};
-    passwd* result = nullptr;
-    if (::getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &result) == 0 && result)
-        return result->pw_uid;
+    if (const auto uid = UidOfUserName(name))
+        return uid;
     if (IsAllDigits(name))
         return static_cast<uid_t>(std::strtoul(name.c_str(), nullptr, 10));
     return std::nullopt;
 }
 
 std::optional<gid_t> GroupIdOf(const std::string& name) {
-    std::vector<char> buffer(16384);
-    group entry{};
-    group* result = nullptr;
-    if (::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &result) == 0 && result)
-        return result->gr_gid;
+    if (const auto gid = GidOfGroupName(name))
+        return gid;
     if (IsAllDigits(name))
         return static_cast<gid_t>(std::strtoul(name.c_str(), nullptr, 10));
     return std::nullopt;
@@ -68,24 +61,6 @@ mode_t ModeFromPermissionText(const std::string& text) {
 } // namespace
 
 FileManager::FileManager() : _fs(&RealFileSystem::instance()) {}
-
-std::optional<std::string> FileManager::UserNameOf(uid_t uid) {
-    std::vector<char> buffer(16384);
-    passwd entry{};
-    passwd* result = nullptr;
-    if (::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &result) != 0 || !result)
-        return std::nullopt;
-    return std::string(result->pw_name);
-}
-
-std::optional<std::string> FileManager::GroupNameOf(gid_t gid) {
-    std::vector<char> buffer(16384);
-    group entry{};
-    group* result = nullptr;
-    if (::getgrgid_r(gid, &entry, buffer.data(), buffer.size(), &result) != 0 || !result)
-        return std::nullopt;
-    return std::string(result->gr_name);
-}
 
 bool FileManager::copyRegularFile(const std::string& source, const std::string& destination,
                                   const struct stat& sourceInfo, bool sync,
@@ -320,8 +295,8 @@ void FileManager::setAttributesOfRecord(const FileOperationInfo& info) const {
     struct stat current {};
     if (!PathExists(path) || ::lstat(path.c_str(), &current) != 0)
         return;
-    const auto oldUser = UserNameOf(current.st_uid);
-    const auto oldGroup = GroupNameOf(current.st_gid);
+    const auto oldUser = UserNameOfUid(current.st_uid);
+    const auto oldGroup = GroupNameOfGid(current.st_gid);
     NSLevelledLog(3, "Old Permission: %o", static_cast<unsigned>(current.st_mode & 07777));
     NSLevelledLog(3, "Old UserID: %@", oldUser);
     NSLevelledLog(3, "Old GroupID: %@", oldGroup);

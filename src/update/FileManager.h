@@ -63,9 +63,6 @@ public:
     // The path with every symbolic link of its existing part resolved; the missing rest is
     // appended as it is.
     static std::string ResolveSymlinksInPath(const std::string& path);
-    // Account names of ids, nothing for an id without an account.
-    static std::optional<std::string> UserNameOf(uid_t uid);
-    static std::optional<std::string> GroupNameOf(gid_t gid);
 
 private:
     [[nodiscard]] bool copyRegularFile(const std::string& source, const std::string& destination,
