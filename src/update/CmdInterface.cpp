@@ -1,5 +1,6 @@
 #include "update/CmdInterface.h"
 
+#include "base/Md5.h"
 #include "base/Path.h"
 #include "patch/Bspatch.h"
 #include "runtime/CommonUtility.h"
@@ -80,14 +81,28 @@ bool CmdInterface::allowsReplace(const std::string& newFile,
 // Dispatch
 
 int32_t CmdInterface::performFileUpdationWithInfo(const FileOperationInfo& info) {
+    const std::string& operation = info.Operation;
     const bool touchWanted = EqualsIgnoringCase(info.Touch, "TRUE");
-    if (_writeUndo && _rollBackHandler) {
-        // A backup that cannot be made is logged by the journal; the change goes on, it
-        // just cannot be undone.
-        (void)_rollBackHandler->backupFileOperation(info);
+    _undoWritten = false;
+    _destinationExisted = PathExistsNoFollow(info.DestinationPath);
+    if (journaling()) {
+        // Every entry keeps what it may change under a name of its own, so that two entries
+        // on one file keep both states. A state that cannot be kept fails the entry before
+        // anything changes.
+        _backupName = nextBackupName(info.DestinationPath, info.ObjectName);
+        FileOperationInfo kept = info;
+        kept.ObjectName = _backupName;
+        if (_rollBackHandler->backupFileOperation(kept) != 0) {
+            NSLevelledLog(3, "Failed to perform \"%@\" file Operation", operation);
+            return 1;
+        }
+    } else {
+        // A replay: what an interrupted change left beside the file goes first.
+        _files.removeTemporaryOf(info.DestinationPath);
+        if (IsKeyword(operation, "RENAME") && !IsAbsentField(info.RenamePath))
+            _files.removeTemporaryOf(info.RenamePath);
     }
 
-    const std::string& operation = info.Operation;
     int32_t result = 0;
     bool touchDone = false;
     if (IsKeyword(operation, "ADD")) {
@@ -105,11 +120,14 @@ int32_t CmdInterface::performFileUpdationWithInfo(const FileOperationInfo& info)
     } else if (IsKeyword(operation, "CHANGEPERM")) {
         NSLevelledLog(3, "TBD");
     } else if (IsKeyword(operation, "CREATELINK")) {
-        NSLevelledLog(3, "Dont care if remove operation failed here.");
-        const bool oldRemoved = _files.removeItem(info.DestinationPath);
-        result = createLinkOperation(info);
-        if (result != 0 && oldRemoved)
-            writeUndoForFileSetOperation(info); // the journal puts the old item back
+        // The journal puts the old item back whatever happens to the link.
+        if (writeUndoForFileSetOperation(info) != 0) {
+            result = 1;
+        } else {
+            NSLevelledLog(3, "Dont care if remove operation failed here.");
+            (void)_files.removeItem(info.DestinationPath);
+            result = createLinkOperation(info);
+        }
     } else if (IsKeyword(operation, "REMOVELINK")) {
         result = removeFileOperation(info);
     } else if (IsKeyword(operation, "TOUCH")) {
@@ -130,32 +148,94 @@ int32_t CmdInterface::performFileUpdationWithInfo(const FileOperationInfo& info)
         }
         NSLevelledLog(3, "Successfully performed touch file Operation");
     }
+    // Owner, group and mode of a file that was there before are journaled before they
+    // change, unless the entry's change has journaled the file already.
+    const bool setsAttributes = !IsAbsentField(info.UserID) || !IsAbsentField(info.GroupID) ||
+                                !IsAbsentField(info.Permission);
+    if (setsAttributes && _destinationExisted && !_undoWritten) {
+        FileOperationInfo attributes = info;
+        attributes.Operation = "CHANGEPERM";
+        if (writeUndoForFileSetOperation(attributes) != 0)
+            return 1;
+    }
     return setAttributeForFile(info);
 }
 
+bool CmdInterface::journaling() const {
+    return _writeUndo && _rollBackHandler;
+}
+
+std::string CmdInterface::nextBackupName(const std::string& path, const std::string& objectName) {
+    const std::string name = IsAbsentField(objectName) || objectName.empty()
+                                 ? LastPathComponent(path)
+                                 : LastPathComponent(objectName);
+    return std::to_string(++_backupCount) + "-" + name;
+}
+
 int32_t CmdInterface::writeUndoForFileSetOperation(const FileOperationInfo& info) {
-    if (_writeUndo && _rollBackHandler) {
-        // The change itself is done; a journal that cannot be written is reported by the
-        // journal and does not undo the change.
-        (void)_rollBackHandler->addUndoFileCommand(info);
-    }
+    if (!journaling() || _undoWritten)
+        return 0;
+    FileOperationInfo undo = info;
+    undo.ObjectName = _backupName;
+    if (!_rollBackHandler->addUndoFileCommand(undo))
+        return 1; // logged by the journal; the change is not made
+    _undoWritten = true;
     return 0;
+}
+
+int32_t CmdInterface::journalRemovalOf(const std::string& path, const FileOperationInfo& info) {
+    if (!journaling())
+        return 0;
+    FileOperationInfo removal = info;
+    removal.Operation = "REMOVE";
+    removal.DestinationPath = path;
+    removal.RenamePath = kAbsentMarker;
+    removal.ObjectName = nextBackupName(path, kAbsentMarker);
+    if (_rollBackHandler->backupFileOperation(removal) != 0 ||
+        !_rollBackHandler->addUndoFileCommand(removal))
+        return 1;
+    return 0;
+}
+
+CmdInterface::Installed CmdInterface::installCopy(const std::string& source,
+                                                  const std::string& destination,
+                                                  const std::string& expected,
+                                                  std::optional<std::string>& checksum) {
+    const std::string temporary = FileManager::TemporaryPathFor(destination);
+    _files.removeTemporaryOf(destination);
+    if (!_files.copyItem(source, temporary, true, true))
+        return Installed::CopyFailed;
+    // Known from the copy itself; read again only when the copy could not tell.
+    struct stat copied {};
+    if (::stat(temporary.c_str(), &copied) == 0)
+        checksum = MD5cksum::rememberedChecksumOfFile(temporary, copied);
+    if (!checksum)
+        checksum = Md5OfFile(temporary);
+    (void)MD5cksum::logChecksumOfFile(destination, checksum);
+    if (!ChecksumMatches(checksum, expected)) {
+        (void)_fs->removeFile(temporary);
+        return Installed::ChecksumFailed;
+    }
+    if (!_files.replaceWith(temporary, destination)) {
+        const int error = errno;
+        (void)_fs->removeFile(temporary);
+        errno = error;
+        return Installed::CopyFailed;
+    }
+    struct stat placed {};
+    if (::stat(destination.c_str(), &placed) == 0)
+        MD5cksum::rememberChecksumOfFile(destination, placed, *checksum);
+    return Installed::Done;
 }
 
 // ---------------------------------------------------------------------------------------
 // File operations
 
 int32_t CmdInterface::addFileOperation(const FileOperationInfo& info) {
-    const std::string source = sourcePath(info);
     const std::string& destination = info.DestinationPath;
-    NSLevelledLog(3, "Copying file \"%@\" to \"%@\" during perform.", source, destination);
-
-    const std::string folder = ParentPath(destination);
-    // Folders made for the new file go again when it cannot be added: nothing journals them.
-    FileManager::MadeFolders made;
-    if (!PathExists(folder)) {
-        (void)_files.createDirectoryAtPath(folder, &made); // a failure shows in the copy below
-    } else if (PathExists(destination)) {
+    if (PathExists(ParentPath(destination)) && PathExists(destination)) {
+        const std::string source = sourcePath(info);
+        NSLevelledLog(3, "Copying file \"%@\" to \"%@\" during perform.", source, destination);
         if (ChecksumMatches(MD5cksum::getMD5cksumOfFile(destination, *_fs), info.AfterPatch)) {
             NSLevelledLog(3, "File to add already exists. Need not add.");
             LogNoNeed(info);
@@ -165,23 +245,36 @@ int32_t CmdInterface::addFileOperation(const FileOperationInfo& info) {
         NSLevelledLog(3, "File copy operation failed.");
         return 1;
     }
-    if (!_files.copyItem(source, destination, false, true)) {
-        NSLevelledLog(3, "File copy operation failed.");
-        _files.removeMadeFolders(made);
+    if (writeUndoForFileSetOperation(info) != 0)
         return 1;
-    }
-    const auto checksum = MD5cksum::getMD5cksumOfFile(destination, *_fs);
-    if (!ChecksumMatches(checksum, info.AfterPatch)) {
+    return addNewFile(info);
+}
+
+int32_t CmdInterface::addNewFile(const FileOperationInfo& info) {
+    const std::string source = sourcePath(info);
+    const std::string& destination = info.DestinationPath;
+    NSLevelledLog(3, "Copying file \"%@\" to \"%@\" during perform.", source, destination);
+    const std::string folder = ParentPath(destination);
+    // Folders made for the new file go again when it cannot be added.
+    FileManager::MadeFolders made;
+    if (!PathExists(folder))
+        (void)_files.createDirectoryAtPath(folder, &made); // a failure shows in the copy below
+    std::optional<std::string> checksum;
+    switch (installCopy(source, destination, info.AfterPatch, checksum)) {
+    case Installed::Done:
+        LogSuccess(info);
+        return 0;
+    case Installed::CopyFailed:
+        NSLevelledLog(3, "File copy operation failed.");
+        break;
+    case Installed::ChecksumFailed:
         NSLevelledLog(3, "CheckSum verification fail for file %@", destination);
         NSLevelledLog(3, "File Checksum \"%@\", checksum from manifest \"%@\".",
                       ChecksumText(checksum), info.AfterPatch);
-        // The copy is in place all the same; journaling it lets the rollback take it away.
-        writeUndoForFileSetOperation(info);
-        return 1;
+        break;
     }
-    writeUndoForFileSetOperation(info);
-    LogSuccess(info);
-    return 0;
+    _files.removeMadeFolders(made);
+    return 1;
 }
 
 int32_t CmdInterface::removeFileOperation(const FileOperationInfo& info) {
@@ -198,13 +291,14 @@ int32_t CmdInterface::removeFileOperation(const FileOperationInfo& info) {
         LogNoNeed(info);
         return 0;
     }
+    if (writeUndoForFileSetOperation(info) != 0)
+        return 1;
     NSLevelledLog(3, "Removing File \"%@\".", destination);
     if (!_files.removeItem(destination)) {
         NSLevelledLog(3, "File remove operation failed.");
         return 1;
     }
     _files.cleanupEmptyParentDir(folder, true, true, _protectedFolders);
-    writeUndoForFileSetOperation(info);
     LogSuccess(info);
     return 0;
 }
@@ -212,21 +306,15 @@ int32_t CmdInterface::removeFileOperation(const FileOperationInfo& info) {
 int32_t CmdInterface::overwriteFileOperation(const FileOperationInfo& info) {
     const std::string& destination = info.DestinationPath;
     NSLevelledLog(3, "Overwriting file \"%@\" ", destination);
-    bool oldRemoved = false;
     if (!PathExists(destination)) {
         NSLevelledLog(3, "Destination file does not exist. Simply adding the new file...");
     } else {
         const auto checksum = MD5cksum::getMD5cksumOfFile(destination, *_fs);
-        if (ChecksumMatches(checksum, info.BeforePatch)) {
-            if (!_files.removeItem(destination)) {
-                NSLevelledLog(3, "File remove operation failed.");
-                return 1;
+        if (!ChecksumMatches(checksum, info.BeforePatch)) {
+            if (ChecksumMatches(checksum, info.AfterPatch)) {
+                LogNoNeed(info);
+                return 0;
             }
-            oldRemoved = true;
-        } else if (ChecksumMatches(checksum, info.AfterPatch)) {
-            LogNoNeed(info);
-            return 0;
-        } else {
             NSLevelledLog(3, "Checksum verification fail for file %@", destination);
             NSLevelledLog(3,
                           "File Checksum \"%@\", preChecksum from manifest \"%@\", postChecksum "
@@ -235,10 +323,12 @@ int32_t CmdInterface::overwriteFileOperation(const FileOperationInfo& info) {
             return 1;
         }
     }
-    return copyForOverwrite(info, oldRemoved);
+    if (writeUndoForFileSetOperation(info) != 0)
+        return 1;
+    return replaceWithNewFile(info);
 }
 
-int32_t CmdInterface::copyForOverwrite(const FileOperationInfo& info, bool oldRemoved) {
+int32_t CmdInterface::replaceWithNewFile(const FileOperationInfo& info) {
     const std::string source = sourcePath(info);
     const std::string& destination = info.DestinationPath;
     const std::string folder = ParentPath(destination);
@@ -246,31 +336,24 @@ int32_t CmdInterface::copyForOverwrite(const FileOperationInfo& info, bool oldRe
     if (!PathExists(folder))
         (void)_files.createDirectoryAtPath(folder, &made); // a failure shows in the copy below
     NSLevelledLog(3, "Copying file \"%@\" to \"%@\" during perform.", source, destination);
-    if (!_files.copyItem(source, destination, false, true)) {
+    std::optional<std::string> checksum;
+    switch (installCopy(source, destination, info.AfterPatch, checksum)) {
+    case Installed::Done:
+        LogSuccess(info);
+        return 0;
+    case Installed::CopyFailed:
         NSLevelledLog(3, "File copy operation failed.");
-        _files.removeMadeFolders(made);
-        // The old file is gone all the same; the journal brings it back.
-        if (oldRemoved)
-            writeUndoForFileSetOperation(info);
-        return 1;
-    }
-    const auto checksum = MD5cksum::getMD5cksumOfFile(destination, *_fs);
-    if (!ChecksumMatches(checksum, info.AfterPatch)) {
-        // The undo entry must match the file as it now is, or its replay would refuse to
-        // put the old file back: journal the checksum the copy really has.
-        FileOperationInfo written = info;
-        written.AfterPatch = ChecksumText(checksum);
-        writeUndoForFileSetOperation(written);
+        break;
+    case Installed::ChecksumFailed:
         NSLevelledLog(3, "Checksum verification fail for file %@", destination);
         NSLevelledLog(3,
                       "File Checksum \"%@\", preChecksum from manifest \"%@\", postChecksum from "
                       "manifest \"%@\".",
                       ChecksumText(checksum), info.BeforePatch, info.AfterPatch);
-        return 1;
+        break;
     }
-    writeUndoForFileSetOperation(info);
-    LogSuccess(info);
-    return 0;
+    _files.removeMadeFolders(made);
+    return 1;
 }
 
 int32_t CmdInterface::blindOverwriteFileOperation(const FileOperationInfo& info) {
@@ -278,6 +361,9 @@ int32_t CmdInterface::blindOverwriteFileOperation(const FileOperationInfo& info)
     const std::string source = sourcePath(info);
     const bool hasOldPath = !IsAbsentField(info.RenamePath) && info.RenamePath != destination;
     NSLevelledLog(3, "Blind Overwriting file \"%@\" ", destination);
+    // The journal's entries are about the destination; the old path has an entry of its own.
+    FileOperationInfo atDestination = info;
+    atDestination.RenamePath = kAbsentMarker;
 
     // The installed file (at the destination, or at the old path when the file moves) is
     // replaced unless it is already the new file or its version is newer.
@@ -294,34 +380,43 @@ int32_t CmdInterface::blindOverwriteFileOperation(const FileOperationInfo& info)
             LogNoNeed(info);
             return 0;
         }
-        if (!_files.removeItem(installed)) {
-            NSLevelledLog(3, "File remove operation failed.");
+        if (installed != destination) {
+            // The file at its old path goes; the new one comes to the destination.
+            if (journalRemovalOf(installed, info) != 0 ||
+                writeUndoForFileSetOperation(atDestination) != 0)
+                return 1;
+            if (!_files.removeItem(installed)) {
+                NSLevelledLog(3, "File remove operation failed.");
+                return 1;
+            }
+        } else if (writeUndoForFileSetOperation(atDestination) != 0) {
             return 1;
         }
-        const int32_t added = addFileOperation(info);
-        // The installed file is gone whatever the addition gave; journal that.
-        writeUndoForFileSetOperation(info);
-        return added;
+        return addNewFile(info);
     };
 
     if (!hasOldPath) {
         if (!PathExists(destination)) {
             NSLevelledLog(3, "Destination file does not exist. Simply adding the new file...");
-            return addFileOperation(info);
+            return addFileOperation(atDestination);
         }
         return replaceInstalled(destination);
     }
 
     const std::string& oldPath = info.RenamePath;
     bool destinationRemoveFailed = false;
-    if (PathExistsNoFollow(destination) && !_files.removeItem(destination)) {
-        NSLevelledLog(3, "File remove operation failed.");
-        destinationRemoveFailed = true;
+    if (PathExistsNoFollow(destination)) {
+        if (writeUndoForFileSetOperation(atDestination) != 0)
+            return 1;
+        if (!_files.removeItem(destination)) {
+            NSLevelledLog(3, "File remove operation failed.");
+            destinationRemoveFailed = true;
+        }
     }
     int32_t result = 0;
     if (!PathExists(oldPath)) {
         NSLevelledLog(3, "Destination file does not exist. Simply adding the new file...");
-        result = addFileOperation(info);
+        result = addFileOperation(atDestination);
     } else {
         result = replaceInstalled(oldPath);
     }
@@ -330,7 +425,7 @@ int32_t CmdInterface::blindOverwriteFileOperation(const FileOperationInfo& info)
 
 int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
     const std::string& fileToPatch = info.DestinationPath;
-    const std::string output = JoinPath(_payloadDir, LastPathComponent(fileToPatch) + ".patched");
+    const std::string output = FileManager::TemporaryPathFor(fileToPatch);
     const std::string patchTool = JoinPath(_resourceDir, "bspatch");
     const std::string patchFile = sourcePath(info);
     NSLevelledLog(3, "PatchTool : %@", patchTool);
@@ -356,9 +451,12 @@ int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
                       ChecksumText(checksum), info.BeforePatch);
         return 1;
     }
+    if (writeUndoForFileSetOperation(info) != 0)
+        return 1;
 
-    // An output left by an earlier run must not pass for this run's result.
-    (void)_files.removeItem(output);
+    // The new file is written beside the old one and renamed over it once it is whole and
+    // checked. A patched program stays a program: it gets the mode of the file it replaces.
+    _files.removeTemporaryOf(fileToPatch);
     std::optional<std::string> patchedChecksum;
     if (!_patchOldFile)
         _patchOldFile = std::make_unique<BspatchOldFile>();
@@ -369,13 +467,13 @@ int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
         errno = ENOMEM;
     }
     if (oldRead)
-        patchedChecksum =
-            ApplyPatchToFile(*_fs, _patchOldFile->bytes(), patchFile, patchTool, output);
+        patchedChecksum = ApplyPatchToFile(*_fs, _patchOldFile->bytes(), patchFile, patchTool,
+                                           output, haveOldMode ? (oldInfo.st_mode & 07777) : 0644);
     else
         NSLevelledLog(3, "%@: %s: %@: %s", patchTool,
                       DescribeBspatchResult(BspatchResult::OldFileUnreadable), fileToPatch,
                       std::strerror(errno));
-    if (!PathExists(output)) {
+    if (!PathExistsNoFollow(output)) {
         NSLevelledLog(3, "Unable to apply patch.");
         return 1;
     }
@@ -383,23 +481,17 @@ int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
         NSLevelledLog(3, "CheckSum after patch operation not validated for file %@", fileToPatch);
         NSLevelledLog(3, "Patched file Checksum \"%@\", checksum from manifest \"%@\".",
                       ChecksumText(patchedChecksum), info.AfterPatch);
+        (void)_fs->removeFile(output);
         return 1;
     }
-    if (!_files.removeItem(fileToPatch)) {
-        NSLevelledLog(3, "Failed to remove the file");
-        return 1;
-    }
-    const bool copied = _files.copyItem(output, fileToPatch, false);
-    if (copied && haveOldMode) {
-        // A patched program stays a program: the new file keeps the mode of the one it
-        // replaces rather than the mode the patch tool gave its output.
-        (void)_fs->setMode(fileToPatch, oldInfo.st_mode & 07777);
-    }
-    writeUndoForFileSetOperation(info);
-    if (!copied) {
+    if (!_files.replaceWith(output, fileToPatch)) {
+        (void)_fs->removeFile(output);
         NSLevelledLog(3, "Fail to copy patched file to \"%@\", fileToPatch.", fileToPatch);
         return 1;
     }
+    struct stat placed {};
+    if (::stat(fileToPatch.c_str(), &placed) == 0)
+        MD5cksum::rememberChecksumOfFile(fileToPatch, placed, *patchedChecksum);
     LogSuccess(info);
     return 0;
 }
@@ -447,6 +539,8 @@ int32_t CmdInterface::renameFileOperation(const FileOperationInfo& info) {
     const std::string oldFolder = ParentPath(fileToRename);
     bool moved = false;
     auto move = [&]() -> bool {
+        if (writeUndoForFileSetOperation(info) != 0)
+            return false;
         const std::string targetFolder = ParentPath(target);
         FileManager::MadeFolders made;
         if (!PathExists(targetFolder))
@@ -464,6 +558,10 @@ int32_t CmdInterface::renameFileOperation(const FileOperationInfo& info) {
         if (!move())
             return 1;
     } else if (!ChecksumMatches(MD5cksum::getMD5cksumOfFile(target, *_fs), info.AfterPatch)) {
+        // What is at the target goes first; the journal puts it back after moving the file
+        // back.
+        if (journalRemovalOf(target, info) != 0)
+            return 1;
         if (!_files.removeItem(target)) {
             NSLevelledLog(3, "File remove operation failed.");
             return 1;
@@ -472,8 +570,6 @@ int32_t CmdInterface::renameFileOperation(const FileOperationInfo& info) {
             return 1;
     }
     // Otherwise the target is already the file: nothing moves and the old file stays.
-    if (moved)
-        writeUndoForFileSetOperation(info);
     const auto targetChecksum = MD5cksum::getMD5cksumOfFile(target, *_fs);
     if (!ChecksumMatches(targetChecksum, info.AfterPatch)) {
         logChecksumFailure(target, targetChecksum);
@@ -491,25 +587,28 @@ int32_t CmdInterface::createLinkOperation(const FileOperationInfo& info) {
     const std::string& location = info.DestinationPath;
     NSLevelledLog(3, "Create link of : %@", content);
     NSLevelledLog(3, "Create link at : %@", location);
+    if (writeUndoForFileSetOperation(info) != 0)
+        return 1;
     const std::string folder = ParentPath(location);
     FileManager::MadeFolders made;
     if (!PathExists(folder))
         (void)_files.createDirectoryAtPath(folder, &made); // a failure shows in the link below
-    if (IsAbsentField(content) || !_fs->symlink(content, location)) {
+    if (IsAbsentField(content) || !_fs->symlink(content, location) ||
+        !_fs->syncFolder(ParentPath(location))) {
         NSLevelledLog(0, "Failed to create the symlink");
         _files.removeMadeFolders(made);
         return 1;
     }
     NSLevelledLog(3, "Link created successfully");
-    writeUndoForFileSetOperation(info);
     LogSuccess(info);
     return 0;
 }
 
 int32_t CmdInterface::touchFileOperation(const FileOperationInfo& info) {
-    if (!_files.touchFile(info.DestinationPath))
+    if (!PathExists(info.DestinationPath))
         return 1;
-    writeUndoForFileSetOperation(info);
+    if (writeUndoForFileSetOperation(info) != 0 || !_files.touchFile(info.DestinationPath))
+        return 1;
     LogSuccess(info);
     return 0;
 }
@@ -528,20 +627,23 @@ int32_t CmdInterface::setAttributeForFile(const FileOperationInfo& info) const {
 int32_t CmdInterface::performDirectoryUpdationWithInfo(const DirectoryOperationInfo& info) {
     if (_writeUndo && _rollBackHandler) {
         // Journaled before the change, so a removal is recorded while the folder still
-        // exists; a journal that cannot be written is reported there.
+        // exists; a journal that cannot be written fails the entry before any change.
         if (IsKeyword(info.Operation, "ADD")) {
-            // Every folder the ADD is about to create is undone, deepest first (the replay
-            // runs entries in order and removes a folder only once it is empty); folders
-            // that exist already are the old tree's and stay.
+            // Every folder the ADD is about to create is undone, outermost first: the replay
+            // runs the entries last first and removes a folder only once it is empty.
+            // Folders that exist already are the old tree's and stay.
+            std::vector<std::string> missing;
             for (std::string level = info.DirectoryBase;
-                 level.size() > 1 && !PathExists(level) && level != ".";
-                 level = ParentPath(level)) {
+                 level.size() > 1 && !PathExists(level) && level != "."; level = ParentPath(level))
+                missing.push_back(level);
+            for (auto level = missing.rbegin(); level != missing.rend(); ++level) {
                 DirectoryOperationInfo created = info;
-                created.DirectoryBase = level;
-                (void)_rollBackHandler->addUndoDirectoryCommand(created);
+                created.DirectoryBase = *level;
+                if (!_rollBackHandler->addUndoDirectoryCommand(created))
+                    return 1;
             }
-        } else {
-            (void)_rollBackHandler->addUndoDirectoryCommand(info);
+        } else if (!_rollBackHandler->addUndoDirectoryCommand(info)) {
+            return 1;
         }
     }
     int32_t result = 0;

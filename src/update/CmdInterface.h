@@ -40,8 +40,10 @@ struct CmdInterfaceOptions {
 // code runs forward and during a rollback; only the sources (the payload folder, or the
 // backup folder when replaying) and the journaling differ.
 //
-// Operations return 0 on success and 1 on the first failed step, leaving what was done;
-// the journal entry of a change is written once the change has happened.
+// Operations return 0 on success and 1 on the first failed step, leaving what was done.
+// Every change is journaled before it is made (the entry on disk first), and new content
+// replaces a file by a rename, never by writing into it, so a run killed at any moment
+// leaves each file old or new and a journal that undoes every change made.
 class CmdInterface {
 public:
     using AllowsReplaceFunction = CmdInterfaceOptions::AllowsReplaceFunction;
@@ -69,9 +71,10 @@ public:
     [[nodiscard]] int32_t overwriteFileOperation(const FileOperationInfo& info);
     [[nodiscard]] int32_t blindOverwriteFileOperation(const FileOperationInfo& info);
     [[nodiscard]] int32_t touchFileOperation(const FileOperationInfo& info);
-    // Journals the inverse of the record when journaling is on; always 0 (a journal that
-    // cannot be written is logged, not fatal).
-    int32_t writeUndoForFileSetOperation(const FileOperationInfo& info);
+    // Journals the inverse of the change about to be made to the record's destination, once
+    // per entry, when journaling is on: 0 when journaled (or not due), 1 when the journal
+    // cannot be written (logged there), and then the change must not be made.
+    [[nodiscard]] int32_t writeUndoForFileSetOperation(const FileOperationInfo& info);
 
     // 0 success, 1 failure.
     [[nodiscard]] int32_t performDirectoryUpdationWithInfo(const DirectoryOperationInfo& info);
@@ -89,7 +92,22 @@ public:
     RollBackHandler* rollBackHandler() const { return _rollBackHandler.get(); }
 
 private:
-    [[nodiscard]] int32_t copyForOverwrite(const FileOperationInfo& info, bool oldRemoved);
+    enum class Installed { Done, CopyFailed, ChecksumFailed };
+    // Copies source beside destination, synced, checks it against expected and renames it
+    // over destination; destination is untouched unless the whole checked copy gets there.
+    // checksum: what the copy has.
+    [[nodiscard]] Installed installCopy(const std::string& source, const std::string& destination,
+                                        const std::string& expected,
+                                        std::optional<std::string>& checksum);
+    // The new file from the payload at the destination (an addition, or the replacement of
+    // a file the journal has kept), with the addition's or the overwrite's log lines.
+    [[nodiscard]] int32_t addNewFile(const FileOperationInfo& info);
+    [[nodiscard]] int32_t replaceWithNewFile(const FileOperationInfo& info);
+    // Keeps what is at path under a backup name of its own and journals putting it back,
+    // before path is removed for the entry. 0, or 1 when it cannot be kept or journaled.
+    [[nodiscard]] int32_t journalRemovalOf(const std::string& path, const FileOperationInfo& info);
+    bool journaling() const;
+    std::string nextBackupName(const std::string& path, const std::string& objectName);
     [[nodiscard]] bool allowsReplace(const std::string& newFile,
                                      const std::string& installedFile) const;
     std::string sourcePath(const FileOperationInfo& info) const;
@@ -104,6 +122,12 @@ private:
     std::unique_ptr<BspatchOldFile> _patchOldFile;
     bool _isRepairMode = false;
     bool _writeUndo = false;
+    // The entry being carried out: its backup's name, whether its undo is journaled, and
+    // whether its destination was there before it began.
+    std::string _backupName;
+    uint64_t _backupCount = 0;
+    bool _undoWritten = false;
+    bool _destinationExisted = false;
     AllowsReplaceFunction _allowsReplace;
     std::vector<std::string> _protectedFolders;
 };

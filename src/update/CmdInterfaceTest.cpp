@@ -160,6 +160,10 @@ struct FileCase {
 };
 
 auto NoJournal = [](Env&) { return std::vector<Entry>{}; };
+// What an entry that only sets attributes on a.txt journals: its owner, group and mode.
+auto AttributesEntry = [](Env& e) {
+    return std::vector<Entry>{{"CHANGEPERM", "a.txt", e.in("a.txt"), X, X, X}};
+};
 auto NoCheck = [](Env&) {};
 
 std::string Success(const std::string& op) {
@@ -244,7 +248,12 @@ std::vector<FileCase> FileCases() {
          [](Env&) {
              return std::vector<std::string>{"File copy operation failed.", Failed("ADD")};
          },
-         [](Env& e) { EXPECT_FALSE(FileExists(e.in("a.txt"))); }, NoJournal, Replay::Restores});
+         [](Env& e) { EXPECT_FALSE(FileExists(e.in("a.txt"))); },
+         // Journaled before the copy was tried.
+         [](Env& e) {
+             return std::vector<Entry>{{"REMOVE", "a.txt", e.in("a.txt"), X, mNew(), X}};
+         },
+         Replay::Restores});
     cases.push_back(
         {"Add_CopyFailsItsChecksumAndIsJournaled", [](Env& e) { e.putPayload("a.txt", kNew); },
          [](Env& e) { return Rec("ADD", "a.txt", e.in("a.txt"), X, mOther()); }, 1,
@@ -416,30 +425,32 @@ std::vector<FileCase> FileCases() {
          [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("a.txt")), kOther); }, NoJournal,
          Replay::Restores});
     cases.push_back(
-        {"Overwrite_DestinationMissingIsAddedButNotJournaled",
+        {"Overwrite_DestinationMissingIsAddedAndJournaled",
          [](Env& e) { e.putPayload("a.txt", kNew); },
          [](Env& e) { return Rec("OVERWRITE", "a.txt", e.in("a.txt"), mOld(), mNew()); }, 0,
          [](Env&) {
              return std::vector<std::string>{
                  "Destination file does not exist. Simply adding the new file...",
-                 "No rollback written as file does not exist.", Success("OVERWRITE")};
+                 Success("OVERWRITE")};
          },
-         [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("a.txt")), kNew); }, NoJournal,
-         Replay::KeepsForward});
+         [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("a.txt")), kNew); },
+         [](Env& e) {
+             return std::vector<Entry>{{"REMOVE", "a.txt", e.in("a.txt"), X, mNew(), mOld()}};
+         },
+         Replay::Restores});
     cases.push_back(
-        {"Overwrite_SourceMissingAfterRemovalIsJournaled",
-         [](Env& e) { e.put(e.in("a.txt"), kOld); },
+        {"Overwrite_SourceMissingLeavesTheFileAlone", [](Env& e) { e.put(e.in("a.txt"), kOld); },
          [](Env& e) { return Rec("OVERWRITE", "a.txt", e.in("a.txt"), mOld(), mNew()); }, 1,
          [](Env&) {
              return std::vector<std::string>{"File copy operation failed.", Failed("OVERWRITE")};
          },
-         [](Env& e) { EXPECT_FALSE(FileExists(e.in("a.txt"))); },
+         [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("a.txt")), kOld); },
          [](Env& e) {
              return std::vector<Entry>{{"OVERWRITE", "a.txt", e.in("a.txt"), X, mNew(), mOld()}};
          },
          Replay::Restores});
     cases.push_back(
-        {"Overwrite_WrongPayloadIsStillRolledBack",
+        {"Overwrite_WrongPayloadLeavesTheFileAlone",
          [](Env& e) {
              e.putPayload("a.txt", kOther);
              e.put(e.in("a.txt"), kOld);
@@ -449,11 +460,10 @@ std::vector<FileCase> FileCases() {
              return std::vector<std::string>{"Checksum verification fail for file " +
                                              e.in("a.txt")};
          },
-         [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("a.txt")), kOther); },
+         // The copy is checked before it takes the file's place.
+         [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("a.txt")), kOld); },
          [](Env& e) {
-             // The entry carries the checksum the copy really has, so the replay finds
-             // the file it expects and puts the old one back.
-             return std::vector<Entry>{{"OVERWRITE", "a.txt", e.in("a.txt"), X, mOther(), mOld()}};
+             return std::vector<Entry>{{"OVERWRITE", "a.txt", e.in("a.txt"), X, mNew(), mOld()}};
          },
          Replay::Restores});
 
@@ -467,8 +477,11 @@ std::vector<FileCase> FileCases() {
                  "Destination file does not exist. Simply adding the new file...",
                  Success("BLINDOVERWRITE")};
          },
-         [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("a.txt")), kNew); }, NoJournal,
-         Replay::KeepsForward});
+         [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("a.txt")), kNew); },
+         [](Env& e) {
+             return std::vector<Entry>{{"REMOVE", "a.txt", e.in("a.txt"), X, mNew(), X}};
+         },
+         Replay::Restores});
     cases.push_back(
         {"Blind_AtAfterPatch",
          [](Env& e) {
@@ -499,9 +512,7 @@ std::vector<FileCase> FileCases() {
              EXPECT_EQ(e.replaceQuestions[0].second, e.in("a.txt"));
          },
          [](Env& e) {
-             // Once by the addition, once by the blind overwrite itself.
-             const Entry entry{"OVERWRITE", "a.txt", e.in("a.txt"), X, mNew(), mOther()};
-             return std::vector<Entry>{entry, entry};
+             return std::vector<Entry>{{"OVERWRITE", "a.txt", e.in("a.txt"), X, mNew(), mOther()}};
          },
          Replay::Restores});
     cases.push_back(
@@ -515,36 +526,43 @@ std::vector<FileCase> FileCases() {
          [](Env&) { return std::vector<std::string>{NoNeed("BLINDOVERWRITE")}; },
          [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("a.txt")), kOther); }, NoJournal,
          Replay::Restores});
-    cases.push_back({"Blind_OldPathReplacedByNewPlace",
-                     [](Env& e) {
-                         e.putPayload("a.txt", kNew);
-                         e.put(e.in("old.txt"), kOther);
-                     },
-                     [](Env& e) {
-                         return Rec("BLINDOVERWRITE", "a.txt", e.in("new.txt"), X, mNew(),
-                                    e.in("old.txt"));
-                     },
-                     0, [](Env&) { return std::vector<std::string>{Success("BLINDOVERWRITE")}; },
-                     [](Env& e) {
-                         EXPECT_FALSE(FileExists(e.in("old.txt")));
-                         EXPECT_EQ(ReadTextFile(e.in("new.txt")), kNew);
-                         ASSERT_EQ(e.replaceQuestions.size(), 1u);
-                         EXPECT_EQ(e.replaceQuestions[0].second, e.in("old.txt"));
-                     },
-                     // Only the destination is backed up: the old place is not journaled.
-                     NoJournal, Replay::KeepsForward});
-    cases.push_back({"Blind_OldPathMissingAddsNewFile", [](Env& e) { e.putPayload("a.txt", kNew); },
-                     [](Env& e) {
-                         return Rec("BLINDOVERWRITE", "a.txt", e.in("new.txt"), X, mNew(),
-                                    e.in("old.txt"));
-                     },
-                     0,
-                     [](Env&) {
-                         return std::vector<std::string>{
-                             "Destination file does not exist. Simply adding the new file..."};
-                     },
-                     [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("new.txt")), kNew); }, NoJournal,
-                     Replay::KeepsForward});
+    cases.push_back(
+        {"Blind_OldPathReplacedByNewPlace",
+         [](Env& e) {
+             e.putPayload("a.txt", kNew);
+             e.put(e.in("old.txt"), kOther);
+         },
+         [](Env& e) {
+             return Rec("BLINDOVERWRITE", "a.txt", e.in("new.txt"), X, mNew(), e.in("old.txt"));
+         },
+         0, [](Env&) { return std::vector<std::string>{Success("BLINDOVERWRITE")}; },
+         [](Env& e) {
+             EXPECT_FALSE(FileExists(e.in("old.txt")));
+             EXPECT_EQ(ReadTextFile(e.in("new.txt")), kNew);
+             ASSERT_EQ(e.replaceQuestions.size(), 1u);
+             EXPECT_EQ(e.replaceQuestions[0].second, e.in("old.txt"));
+         },
+         // The old place is kept and journaled too.
+         [](Env& e) {
+             return std::vector<Entry>{{"ADD", "old.txt", e.in("old.txt"), X, mNew(), mOther()},
+                                       {"REMOVE", "a.txt", e.in("new.txt"), X, mNew(), X}};
+         },
+         Replay::Restores});
+    cases.push_back(
+        {"Blind_OldPathMissingAddsNewFile", [](Env& e) { e.putPayload("a.txt", kNew); },
+         [](Env& e) {
+             return Rec("BLINDOVERWRITE", "a.txt", e.in("new.txt"), X, mNew(), e.in("old.txt"));
+         },
+         0,
+         [](Env&) {
+             return std::vector<std::string>{
+                 "Destination file does not exist. Simply adding the new file..."};
+         },
+         [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("new.txt")), kNew); },
+         [](Env& e) {
+             return std::vector<Entry>{{"REMOVE", "a.txt", e.in("new.txt"), X, mNew(), X}};
+         },
+         Replay::Restores});
     cases.push_back({"Blind_OldPathNewerIsKept",
                      [](Env& e) {
                          e.putPayload("a.txt", kNew);
@@ -573,13 +591,13 @@ std::vector<FileCase> FileCases() {
          [](Env& e) {
              return std::vector<std::string>{
                  "PatchTool : " + e.tools + "/bspatch", "FileToPatch : " + e.in("tool"),
-                 "OutPutFile : " + e.payload + "/tool.patched",
-                 "PatchFile : " + e.payload + "/a.patch", Success("PATCH")};
+                 "OutPutFile : " + e.in(".orvel-new.tool"), "PatchFile : " + e.payload + "/a.patch",
+                 Success("PATCH")};
          },
          [](Env& e) {
              EXPECT_EQ(ReadTextFile(e.in("tool")), kNew);
              EXPECT_EQ(ModeOf(e.in("tool")), 0755u);
-             EXPECT_EQ(ReadTextFile(e.payload + "/tool.patched"), kNew);
+             EXPECT_FALSE(FileExists(e.in(".orvel-new.tool")));
          },
          [](Env& e) {
              return std::vector<Entry>{{"OVERWRITE", "a.patch", e.in("tool"), X, mNew(), mOld()}};
@@ -614,24 +632,27 @@ std::vector<FileCase> FileCases() {
          [](Env& e) { return Rec("PATCH", "a.patch", e.in("tool"), mOld(), mNew()); }, 1,
          [](Env&) { return std::vector<std::string>{"File to patch is not present"}; },
          [](Env& e) { EXPECT_FALSE(FileExists(e.in("tool"))); }, NoJournal, Replay::Restores});
-    cases.push_back({"Patch_CorruptPatch",
-                     [](Env& e) {
-                         e.putPayload("a.patch", "BSDIFF40 but nothing that follows makes sense");
-                         e.put(e.in("tool"), kOld);
-                     },
-                     [](Env& e) { return Rec("PATCH", "a.patch", e.in("tool"), mOld(), mNew()); },
-                     1,
-                     [](Env& e) {
-                         return std::vector<std::string>{
-                             e.tools + "/bspatch: corrupt patch: the header's block lengths "
-                                       "reach past the end of the patch",
-                             "Unable to apply patch."};
-                     },
-                     [](Env& e) {
-                         EXPECT_EQ(ReadTextFile(e.in("tool")), kOld);
-                         EXPECT_FALSE(FileExists(e.payload + "/tool.patched"));
-                     },
-                     NoJournal, Replay::Restores});
+    cases.push_back(
+        {"Patch_CorruptPatch",
+         [](Env& e) {
+             e.putPayload("a.patch", "BSDIFF40 but nothing that follows makes sense");
+             e.put(e.in("tool"), kOld);
+         },
+         [](Env& e) { return Rec("PATCH", "a.patch", e.in("tool"), mOld(), mNew()); }, 1,
+         [](Env& e) {
+             return std::vector<std::string>{
+                 e.tools + "/bspatch: corrupt patch: the header's block lengths "
+                           "reach past the end of the patch",
+                 "Unable to apply patch."};
+         },
+         [](Env& e) {
+             EXPECT_EQ(ReadTextFile(e.in("tool")), kOld);
+             EXPECT_FALSE(FileExists(e.in(".orvel-new.tool")));
+         },
+         [](Env& e) {
+             return std::vector<Entry>{{"OVERWRITE", "a.patch", e.in("tool"), X, mNew(), mOld()}};
+         },
+         Replay::Restores});
     cases.push_back(
         {"Patch_ResultFailsItsChecksum",
          [](Env& e) {
@@ -645,7 +666,14 @@ std::vector<FileCase> FileCases() {
                  "Patched file Checksum \"" + mNew() + "\", checksum from manifest \"" + mOther() +
                      "\"."};
          },
-         [](Env& e) { EXPECT_EQ(ReadTextFile(e.in("tool")), kOld); }, NoJournal, Replay::Restores});
+         [](Env& e) {
+             EXPECT_EQ(ReadTextFile(e.in("tool")), kOld);
+             EXPECT_FALSE(FileExists(e.in(".orvel-new.tool")));
+         },
+         [](Env& e) {
+             return std::vector<Entry>{{"OVERWRITE", "a.patch", e.in("tool"), X, mOther(), mOld()}};
+         },
+         Replay::Restores});
 
     // ---- RENAME (the checksum is the file's, unchanged by the move)
     cases.push_back(
@@ -713,16 +741,13 @@ std::vector<FileCase> FileCases() {
              EXPECT_EQ(ReadTextFile(e.in("b.txt")), kOld);
          },
          [](Env& e) {
+             // The replaced target is kept and journaled first; the replay, last entry
+             // first, moves the file back and then puts the target back.
              return std::vector<Entry>{
+                 {"ADD", "b.txt", e.in("b.txt"), X, mOld(), mOther()},
                  {"RENAME", "a.txt", e.in("b.txt"), e.in("a.txt"), X, mOld()}};
          },
-         Replay::Custom,
-         [](Env& e, int32_t replayed) {
-             // The file moves back; the target it replaced was never backed up.
-             EXPECT_EQ(replayed, 0);
-             EXPECT_EQ(ReadTextFile(e.in("a.txt")), kOld);
-             EXPECT_FALSE(FileExists(e.in("b.txt")));
-         }});
+         Replay::Restores});
     cases.push_back(
         {"Rename_TargetAlreadyRightKeepsBoth",
          [](Env& e) {
@@ -794,7 +819,11 @@ std::vector<FileCase> FileCases() {
          [](Env&) {
              return std::vector<std::string>{"Failed to create the symlink", Failed("CREATELINK")};
          },
-         [](Env& e) { EXPECT_FALSE(FileExists(e.in("link"))); }, NoJournal, Replay::Restores});
+         [](Env& e) { EXPECT_FALSE(FileExists(e.in("link"))); },
+         [](Env& e) {
+             return std::vector<Entry>{{"REMOVE", X, e.in("link"), X, X, X}};
+         },
+         Replay::Restores});
 
     // ---- TOUCH
     cases.push_back(
@@ -825,24 +854,23 @@ std::vector<FileCase> FileCases() {
          NoCheck, NoJournal, Replay::Restores});
 
     // ---- CHANGEPERM, IGNORE and unknown keywords: attributes only
-    cases.push_back({"ChangePerm_SetsModeWhichReplayDoesNotRestore",
-                     [](Env& e) { e.put(e.in("a.txt"), kOld, 0755); },
-                     [](Env& e) {
-                         auto info = Rec("CHANGEPERM", "a.txt", e.in("a.txt"), X, X);
-                         info.Permission = "644";
-                         return info;
-                     },
-                     0,
-                     [](Env&) {
-                         return std::vector<std::string>{"TBD", "Old Permission: 755",
-                                                         "Old UserID: root", "Old GroupID: root"};
-                     },
-                     [](Env& e) { EXPECT_EQ(ModeOf(e.in("a.txt")), 0644u); }, NoJournal,
-                     Replay::Custom,
-                     [](Env& e, int32_t replayed) {
-                         EXPECT_EQ(replayed, 0);
-                         EXPECT_EQ(ModeOf(e.in("a.txt")), 0644u); // modes are not rolled back
-                     }});
+    cases.push_back(
+        {"ChangePerm_SetsModeWhichReplayRestores", [](Env& e) { e.put(e.in("a.txt"), kOld, 0755); },
+         [](Env& e) {
+             auto info = Rec("CHANGEPERM", "a.txt", e.in("a.txt"), X, X);
+             info.Permission = "644";
+             return info;
+         },
+         0,
+         [](Env&) {
+             return std::vector<std::string>{"TBD", "Old Permission: 755", "Old UserID: root",
+                                             "Old GroupID: root"};
+         },
+         [](Env& e) { EXPECT_EQ(ModeOf(e.in("a.txt")), 0644u); }, AttributesEntry, Replay::Custom,
+         [](Env& e, int32_t replayed) {
+             EXPECT_EQ(replayed, 0);
+             EXPECT_EQ(ModeOf(e.in("a.txt")), 0755u);
+         }});
     cases.push_back({"ChangePerm_ZeroLeavesMode", [](Env& e) { e.put(e.in("a.txt"), kOld, 0755); },
                      [](Env& e) {
                          auto info = Rec("CHANGEPERM", "a.txt", e.in("a.txt"), X, X);
@@ -850,7 +878,7 @@ std::vector<FileCase> FileCases() {
                          return info;
                      },
                      0, [](Env&) { return std::vector<std::string>{"TBD"}; },
-                     [](Env& e) { EXPECT_EQ(ModeOf(e.in("a.txt")), 0755u); }, NoJournal,
+                     [](Env& e) { EXPECT_EQ(ModeOf(e.in("a.txt")), 0755u); }, AttributesEntry,
                      Replay::Restores});
     cases.push_back({"ChangePerm_OwnerAndGroupByName", [](Env& e) { e.put(e.in("a.txt"), kOld); },
                      [](Env& e) {
@@ -866,7 +894,14 @@ std::vector<FileCase> FileCases() {
                          EXPECT_EQ(info.st_uid, 65534u);
                          EXPECT_EQ(info.st_gid, 65534u);
                      },
-                     NoJournal, Replay::NotRun});
+                     AttributesEntry, Replay::Custom,
+                     [](Env& e, int32_t replayed) {
+                         EXPECT_EQ(replayed, 0);
+                         struct stat info {};
+                         ASSERT_EQ(::stat(e.in("a.txt").c_str(), &info), 0);
+                         EXPECT_EQ(info.st_uid, ::geteuid());
+                         EXPECT_EQ(info.st_gid, ::getegid());
+                     }});
     cases.push_back(
         {"ChangePerm_UnknownAccountIsLoggedNotFatal", [](Env& e) { e.put(e.in("a.txt"), kOld); },
          [](Env& e) {
@@ -879,7 +914,7 @@ std::vector<FileCase> FileCases() {
              return std::vector<std::string>{"Failed to set owner \"no-such-account-here\" on \"" +
                                              e.in("a.txt") + "\""};
          },
-         NoCheck, NoJournal, Replay::Restores});
+         NoCheck, AttributesEntry, Replay::Restores});
     cases.push_back({"Ignore_DoesNothing", [](Env& e) { e.put(e.in("a.txt"), kOld); },
                      [](Env& e) { return Rec("IGNORE", "a.txt", e.in("a.txt"), X, X); }, 0,
                      [](Env&) { return std::vector<std::string>{"TBD"}; },
@@ -893,7 +928,7 @@ std::vector<FileCase> FileCases() {
              return info;
          },
          0, [](Env&) { return std::vector<std::string>{"Old Permission: 644"}; },
-         [](Env& e) { EXPECT_EQ(ModeOf(e.in("a.txt")), 0600u); }, NoJournal, Replay::NotRun});
+         [](Env& e) { EXPECT_EQ(ModeOf(e.in("a.txt")), 0600u); }, AttributesEntry, Replay::NotRun});
     return cases;
 }
 
@@ -901,6 +936,11 @@ class CmdInterfaceTest : public ::testing::Test {
 protected:
     void SetUp() override { SetENVverbosityLevel("debug"); }
 };
+
+std::string WithoutBackupNumber(const std::string& name) {
+    const size_t dash = name.find('-');
+    return dash == std::string::npos ? name : name.substr(dash + 1);
+}
 
 bool HasLine(const std::vector<std::string>& lines, const std::string& line) {
     for (const auto& l : lines) {
@@ -942,14 +982,20 @@ TEST_F(CmdInterfaceTest, EveryKeywordAndBranchWithItsJournalAndReplay) {
             for (size_t i = 0; i < expected.size(); ++i) {
                 const auto& got = journal.files[i];
                 EXPECT_EQ(got.Operation, expected[i].Operation);
-                EXPECT_EQ(got.ObjectName, expected[i].ObjectName);
+                // Each entry's backup has a name of its own: a number, "-", the file's name.
+                EXPECT_EQ(WithoutBackupNumber(got.ObjectName),
+                          LastPathComponent(expected[i].ObjectName == X
+                                                ? expected[i].DestinationPath
+                                                : expected[i].ObjectName));
                 EXPECT_EQ(got.DestinationPath, expected[i].DestinationPath);
                 EXPECT_EQ(got.RenamePath, expected[i].RenamePath);
                 EXPECT_EQ(got.BeforePatch, expected[i].BeforePatch);
                 EXPECT_EQ(got.AfterPatch, expected[i].AfterPatch);
-                // Owner, group and mode sit outside the level the replay reads.
-                EXPECT_EQ(got.UserID, X);
-                EXPECT_EQ(got.Permission, X);
+                // The replay puts back the owner, group and mode a file had before.
+                if (got.Permission != X) {
+                    EXPECT_EQ(got.UserID, std::to_string(::geteuid()));
+                    EXPECT_NE(got.Permission.find_first_of("01234567"), std::string::npos);
+                }
             }
         }
 
@@ -1126,14 +1172,15 @@ TEST_F(CmdInterfaceTest, DirectoryOperationsWithTheirJournalAndReplay) {
         if (c.journaled) {
             const auto journal = ParseJournal(env.journal(), XmlParseMode::Strict);
             ASSERT_TRUE(journal.parsed);
-            // An ADD journals one entry per folder it creates, the deepest first.
+            // An ADD journals one entry per folder it creates, the outermost first (the
+            // replay runs them last first).
             ASSERT_GE(journal.directories.size(), 1u);
             EXPECT_TRUE(journal.files.empty());
-            EXPECT_EQ(journal.directories[0].Operation, *c.journaled);
-            EXPECT_EQ(journal.directories[0].DirectoryBase, folder);
+            EXPECT_EQ(journal.directories.back().Operation, *c.journaled);
+            EXPECT_EQ(journal.directories.back().DirectoryBase, folder);
             for (size_t i = 1; i < journal.directories.size(); ++i)
-                EXPECT_EQ(journal.directories[i].DirectoryBase,
-                          ParentPath(journal.directories[i - 1].DirectoryBase));
+                EXPECT_EQ(ParentPath(journal.directories[i].DirectoryBase),
+                          journal.directories[i - 1].DirectoryBase);
         } else {
             EXPECT_FALSE(FileExists(env.journal()));
         }
@@ -1452,10 +1499,12 @@ TEST_F(CmdInterfaceTest, FullDiskFailsTheCopyWithoutLeavingAPartialFile) {
     });
     EXPECT_EQ(status, 0);
     EXPECT_FALSE(FileExists(env.in("big.bin")));
-    EXPECT_FALSE(FileExists(env.in("old.bin")));
+    // The new copy never took the old file's place, and nothing is left beside it.
+    EXPECT_EQ(ReadTextFile(env.in("old.bin")), kOld);
+    EXPECT_FALSE(FileExists(FileManager::TemporaryPathFor(env.in("old.bin"))));
+    EXPECT_FALSE(FileExists(FileManager::TemporaryPathFor(env.in("big.bin"))));
     EXPECT_TRUE(log.contains("File copy operation failed."));
     EXPECT_TRUE(log.contains(Failed("ADD")));
-    // The removed file was journaled, and its backup brings it back.
     EXPECT_EQ(ReplayJournal(env.journal(), env.backup, env.tools), 0);
     EXPECT_EQ(ReadTextFile(env.in("old.bin")), kOld);
 }
@@ -1497,11 +1546,12 @@ TEST_F(CmdInterfaceTest, ALargeFileIsPatchedAndItsJournalRestoresIt) {
                                                       Md5OfBytes(old), Md5OfBytes(changed))),
                   0)
             << log.text();
-        EXPECT_TRUE(log.contains("Checksum of file : " + env.payload +
-                                 "/big.bin.patched is : " + Md5OfBytes(changed)));
+        EXPECT_TRUE(
+            log.contains("Checksum of file : " + FileManager::TemporaryPathFor(env.in("big.bin")) +
+                         " is : " + Md5OfBytes(changed)));
     }
     EXPECT_EQ(ReadTextFile(env.in("big.bin")), changed);
-    EXPECT_EQ(ReadTextFile(env.payload + "/big.bin.patched"), changed);
+    EXPECT_FALSE(FileExists(FileManager::TemporaryPathFor(env.in("big.bin"))));
     EXPECT_EQ(ReplayJournal(env.journal(), env.backup, env.tools), 0);
     EXPECT_EQ(ReadTextFile(env.in("big.bin")), old);
 }
@@ -1523,7 +1573,7 @@ TEST_F(CmdInterfaceTest, ALargePatchThatCannotBeWrittenLeavesTheFileAlone) {
         << log.text();
     EXPECT_TRUE(log.contains("Unable to apply patch."));
     EXPECT_EQ(ReadTextFile(env.in("big.bin")), old);
-    EXPECT_FALSE(FileExists(env.payload + "/big.bin.patched"));
+    EXPECT_FALSE(FileExists(FileManager::TemporaryPathFor(env.in("big.bin"))));
 }
 
 TEST_F(CmdInterfaceTest, UnreadableFilesFailTheirChecksum) {
@@ -1548,9 +1598,9 @@ TEST_F(CmdInterfaceTest, UnreadableFilesFailTheirChecksum) {
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_TRUE(log.contains("Failed to get file check sum"));
-    EXPECT_TRUE(log.contains("Checksum verification fail for file " + env.in("locked.txt")));
-    EXPECT_TRUE(log.contains("File copy operation failed.")); // the backup could not be read
+    // The file cannot be kept, so the entry fails before anything changes.
+    EXPECT_TRUE(log.contains("File copy operation failed.")) << log.text();
+    EXPECT_TRUE(log.contains(Failed("OVERWRITE")));
     EXPECT_EQ(ReadTextFile(env.in("locked.txt")), kOld);
 }
 

@@ -127,9 +127,9 @@ inline ParsedJournal ParseJournal(const std::string& path,
 }
 
 // Replays a journal as the manifest processor's rollback does: the backup folder is the
-// payload folder, nothing is journaled, files first and then folders, in the journal's
-// order, stopping at the first failure. 0 when every entry succeeded, 1 otherwise, -1 when
-// the journal cannot be read.
+// payload folder, nothing is journaled, last entry first (folders, then files), stopping at
+// the first failure. 0 when every entry succeeded, 1 otherwise, -1 when the journal cannot
+// be read.
 inline int32_t ReplayJournal(
     const std::string& journalPath, const std::string& backupDir, const std::string& resourceDir,
     const std::vector<std::string>& protectedFolders = PlatformPaths::defaults().protectedFolders) {
@@ -140,12 +140,12 @@ inline int32_t ReplayJournal(
     options.isRepairMode = false;
     options.protectedFolders = protectedFolders;
     CmdInterface replay(backupDir, resourceDir, std::nullopt, options);
-    for (const auto& info : journal.files) {
-        if (replay.performFileUpdationWithInfo(info) != 0)
+    for (auto info = journal.directories.rbegin(); info != journal.directories.rend(); ++info) {
+        if (replay.performDirectoryUpdationWithInfo(*info) != 0)
             return 1;
     }
-    for (const auto& info : journal.directories) {
-        if (replay.performDirectoryUpdationWithInfo(info) != 0)
+    for (auto info = journal.files.rbegin(); info != journal.files.rend(); ++info) {
+        if (replay.performFileUpdationWithInfo(*info) != 0)
             return 1;
     }
     return 0;

@@ -138,6 +138,28 @@ bool FileManager::copyItem(const std::string& source, const std::string& destina
     return copyRegularFile(source, destination, info, sync, rememberChecksum);
 }
 
+std::string FileManager::TemporaryPathFor(const std::string& destination) {
+    std::string name = LastPathComponent(destination);
+    // Within the longest name a folder takes (255 bytes); a shortened name still belongs
+    // to this destination alone while no two names of one folder share their start.
+    constexpr size_t kLongestName = 200;
+    if (name.size() > kLongestName)
+        name = name.substr(0, kLongestName) + "-" + Md5OfBytes(name).substr(0, 8);
+    return JoinPath(ParentPath(destination), ".orvel-new." + name);
+}
+
+bool FileManager::replaceWith(const std::string& temporary, const std::string& destination) const {
+    return _fs->rename(temporary, destination) && _fs->syncFolder(ParentPath(destination));
+}
+
+void FileManager::removeTemporaryOf(const std::string& destination) const {
+    const std::string temporary = TemporaryPathFor(destination);
+    struct stat info {};
+    if (::lstat(temporary.c_str(), &info) == 0 && !S_ISDIR(info.st_mode) &&
+        _fs->removeFile(temporary))
+        NSLevelledLog(3, "Removed \"%@\", left by an interrupted change.", temporary);
+}
+
 bool FileManager::removeItem(const std::string& path) const {
     struct stat info {};
     if (::lstat(path.c_str(), &info) != 0)

@@ -27,6 +27,16 @@ public:
     // again (see MD5cksum::rememberChecksumOfFile).
     [[nodiscard]] bool copyItem(const std::string& source, const std::string& destination,
                                 bool sync, bool rememberChecksum = false) const;
+    // Where new content for destination is written before it takes destination's place: a
+    // hidden name beside it, so that a rename puts it there whole. A run killed meanwhile
+    // leaves it behind; replaying the journal removes it.
+    static std::string TemporaryPathFor(const std::string& destination);
+    // Puts temporary in destination's place in one rename (whatever was there goes), then
+    // syncs the folder so that the change is on disk.
+    [[nodiscard]] bool replaceWith(const std::string& temporary,
+                                   const std::string& destination) const;
+    // Removes what an interrupted change may have left at destination's temporary path.
+    void removeTemporaryOf(const std::string& destination) const;
     // Removes a file, a link (not what it points to) or a folder with all it holds.
     [[nodiscard]] bool removeItem(const std::string& path) const;
     // Renames, or copies and removes across file systems. Fails when the target exists.

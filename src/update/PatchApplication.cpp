@@ -21,8 +21,8 @@ constexpr size_t kPipelinedPatchSize = 1024 * 1024;
 std::optional<std::string> ApplyPatchToFile(FileSystem& fileSystem,
                                             std::span<const uint8_t> oldData,
                                             const std::string& patchFile,
-                                            const std::string& patchTool,
-                                            const std::string& output) {
+                                            const std::string& patchTool, const std::string& output,
+                                            mode_t mode) {
     // The bundle's bspatch tool is linked in: the same code, applied without starting two
     // processes (env and the tool) per patched file, which cost more than the patching
     // itself for the small files most updates change. The output is checksummed as it is
@@ -33,7 +33,7 @@ std::optional<std::string> ApplyPatchToFile(FileSystem& fileSystem,
                       std::strerror(errno));
         return std::nullopt;
     }
-    UniqueFd out = fileSystem.createFile(output, 0666);
+    UniqueFd out = fileSystem.createFile(output, 0600);
     if (!out.valid()) {
         NSLevelledLog(3, "%@: cannot create %@: %s", patchTool, output, std::strerror(errno));
         return std::nullopt;
@@ -74,7 +74,11 @@ std::optional<std::string> ApplyPatchToFile(FileSystem& fileSystem,
     } else if (result == BspatchResult::Success) {
         checksum = digest.finish();
     }
-    if (result == BspatchResult::Success && !fileSystem.close(out)) {
+    // The new file replaces an installed one by a rename: its mode and bytes are on disk
+    // first.
+    if (result == BspatchResult::Success &&
+        (!fileSystem.setModeOfFile(outFd, mode) || !fileSystem.syncFile(outFd, false) ||
+         !fileSystem.close(out))) {
         writeError = errno;
         result = BspatchResult::OutputFailed;
     }

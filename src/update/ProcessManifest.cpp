@@ -226,21 +226,33 @@ std::string ProcessManifest::invokeAction(const XmlNode& rootNode, const std::st
     }
 
     std::string result = kSuccessful;
+    if (isRollback) {
+        // The journal is undone last change first: its folder entries (made last), then
+        // its file entries, each set from its end.
+        if (!directories.empty()) {
+            NSFormatLogWithHeading(1, "ROLLBACK DIRECTORY SET OPERATION");
+            work.workingNodesArray.assign(directories.rbegin(), directories.rend());
+            result = processDirectorySet(work, worker);
+        }
+        if (IsSuccessful(result) && !files.empty()) {
+            NSFormatLogWithHeading(1, "ROLLBACK FILE SET OPERATION");
+            work.workingNodesArray.assign(files.rbegin(), files.rend());
+            result = processFileSet(work, worker);
+        }
+        return result;
+    }
     if (!files.empty()) {
-        NSFormatLogWithHeading(1, isRollback ? "ROLLBACK FILE SET OPERATION"
-                                             : "PERFORMING FILE SET OPERATION");
+        NSFormatLogWithHeading(1, "PERFORMING FILE SET OPERATION");
         work.workingNodesArray = files;
         result = processFileSet(work, worker);
     }
     if (IsSuccessful(result) && !bundleFiles.empty()) {
-        NSFormatLogWithHeading(1, isRollback ? "ROLLBACK BUNDLE SET OPERATION"
-                                             : "PERFORMING BUNDLE SET OPERATION");
+        NSFormatLogWithHeading(1, "PERFORMING BUNDLE SET OPERATION");
         work.workingNodesArray = bundles;
         result = processBundleSet(work, worker);
     }
     if (IsSuccessful(result) && !directories.empty()) {
-        NSFormatLogWithHeading(1, isRollback ? "ROLLBACK DIRECTORY SET OPERATION"
-                                             : "PERFORMING DIRECTORY SET OPERATION");
+        NSFormatLogWithHeading(1, "PERFORMING DIRECTORY SET OPERATION");
         work.workingNodesArray = directories;
         result = processDirectorySet(work, worker);
     }

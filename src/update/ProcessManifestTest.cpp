@@ -291,8 +291,14 @@ TEST_F(ProcessManifestTest, RollbackThatFailsGivesTen) {
     CancellingView view;
     ProgressWindowController controller(view, loop, nullptr);
     view.onValue = [&](int value) {
-        if (value == 3)
-            fs::remove(payload + "/backupDir/keep.txt");
+        if (value != 3)
+            return;
+        // Each backup is named "<number>-<file name>".
+        for (const auto& backup : fs::directory_iterator(payload + "/backupDir")) {
+            const std::string name = backup.path().filename();
+            if (name.size() > 9 && name.compare(name.size() - 9, 9, "-keep.txt") == 0)
+                fs::remove(backup.path());
+        }
     };
     auto failing = entries;
     failing.push_back(FileEntry("ADD", "missing-source", "[INSTALLDIR]/Contents", "nothing-here",

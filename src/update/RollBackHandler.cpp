@@ -47,6 +47,12 @@ bool IsOverwriteFamily(const std::string& operation) {
            EqualsIgnoringCase(operation, "PATCH") || EqualsIgnoringCase(operation, "TOUCH");
 }
 
+// Overwrites that add the file when the destination is missing.
+bool IsAddingOverwrite(const std::string& operation) {
+    return EqualsIgnoringCase(operation, "OVERWRITE") ||
+           EqualsIgnoringCase(operation, "BLINDOVERWRITE");
+}
+
 } // namespace
 
 RollBackHandler::RollBackHandler(std::string backupDir, FileSystem& fileSystem)
@@ -70,14 +76,35 @@ int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info) {
     const std::string folder = ParentPath(backup);
     if (!folder.empty() && folder != _backupDir)
         (void)_files.createDirectoryAtPath(folder); // a failure shows in the copy
-    // The copy is synced before the change it guards is made, so the journal never names a
-    // backup that a crash could lose.
-    // Its checksum, needed by the operation and by the journal entry, is taken on the way.
-    if (!_files.copyItem(destination, backup, true, true)) {
+    if (PathExistsNoFollow(backup) || !keep(destination, entry, backup)) {
         NSLevelledLog(3, "File copy operation failed.");
         return 1;
     }
     return 0;
+}
+
+bool RollBackHandler::keep(const std::string& destination, const struct stat& entry,
+                           const std::string& backup) {
+    // New content never goes into an installed file in place (it replaces the file by a
+    // rename), so a second name for the installed file keeps its content as it is now,
+    // without copying it, where both are on one file system. Its checksum is the file's.
+    bool kept = false;
+    if (S_ISREG(entry.st_mode) && _fs.link(destination, backup)) {
+        kept = true;
+        struct stat linked {};
+        if (::lstat(backup.c_str(), &linked) == 0) {
+            if (const auto known = MD5cksum::rememberedChecksumOfFile(destination, linked))
+                MD5cksum::rememberChecksumOfFile(backup, linked, *known);
+        }
+    } else {
+        // A copy, synced, with its checksum taken on the way. It gets the installed file's
+        // owner and group too, so that the journal entry records them from it.
+        kept = _files.copyItem(destination, backup, true, true);
+        if (kept && !S_ISLNK(entry.st_mode))
+            (void)_fs.setOwner(backup, entry.st_uid, entry.st_gid);
+    }
+    // The backup's name is on disk before the journal names it.
+    return kept && _fs.syncFolder(ParentPath(backup));
 }
 
 // ---------------------------------------------------------------------------------------
@@ -109,6 +136,9 @@ bool RollBackHandler::addUndoFileCommand(const FileOperationInfo& info) {
     } else if (IsOverwriteFamily(operation)) {
         if (backupPresent)
             inverse = "OVERWRITE";
+        else if (IsAddingOverwrite(operation))
+            inverse = "REMOVE"; // the destination was missing: the new file is added
+
     } else if (EqualsIgnoringCase(operation, "RENAME")) {
         if (backupPresent)
             inverse = "RENAME";
@@ -162,7 +192,7 @@ bool RollBackHandler::addUndoFileCommand(const FileOperationInfo& info) {
         entry.GroupID = info.GroupID;
         entry.Permission = info.Permission;
     }
-    return appendFileEntry(fileEntryText(entry));
+    return appendFileEntry(fileEntryText(entry, backupExists));
 }
 
 bool RollBackHandler::addUndoDirectoryCommand(const DirectoryOperationInfo& info) {
@@ -181,7 +211,8 @@ bool RollBackHandler::addUndoDirectoryCommand(const DirectoryOperationInfo& info
     return appendDirectoryEntry(directoryEntryText(entry));
 }
 
-std::string RollBackHandler::fileEntryText(const FileOperationInfo& entry) {
+std::string RollBackHandler::fileEntryText(const FileOperationInfo& entry,
+                                           bool restoresAttributes) {
     std::string out = "    <File>\n";
     AddTextElement(out, 6, "Operation", entry.Operation);
     AddTextElement(out, 6, "ObjectName", entry.ObjectName);
@@ -195,6 +226,15 @@ std::string RollBackHandler::fileEntryText(const FileOperationInfo& entry) {
     AddTextElement(out, 8, "UserID", entry.UserID);
     AddTextElement(out, 8, "GroupID", entry.GroupID);
     AddTextElement(out, 8, "Permission", entry.Permission);
+    if (restoresAttributes) {
+        // Where a manifest keeps the attributes to set: the replay puts back the owner,
+        // group and mode the file had.
+        out += "        <mac>\n";
+        AddTextElement(out, 10, "UserID", entry.UserID);
+        AddTextElement(out, 10, "GroupID", entry.GroupID);
+        AddTextElement(out, 10, "Permission", entry.Permission);
+        out += "        </mac>\n";
+    }
     out += "      </Permissions>\n";
     out += "    </File>\n";
     return out;

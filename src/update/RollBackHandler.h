@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <sys/stat.h>
 
 // The undo journal of a forward run. Before a file is changed its installed copy is kept in
 // the backup folder; after each change an entry describing the inverse change is added to
@@ -32,14 +33,19 @@ public:
     RollBackHandler(const RollBackHandler&) = delete;
     RollBackHandler& operator=(const RollBackHandler&) = delete;
 
-    // Copies the installed destination to the backup folder under ObjectName before it is
-    // changed. 0 when copied or when there is nothing to keep (no destination, a folder); 1
-    // after "File copy operation failed.". An existing backup of that name is never replaced,
-    // so the oldest state of a file is the one kept. Symbolic links are kept as links.
+    // Keeps the installed destination in the backup folder under ObjectName before it is
+    // changed: a second name for the file (a hard link) where the backup folder is on the
+    // same file system, else a synced copy with the file's owner, group and mode. 0 when kept
+    // or when there is nothing to keep (no destination, a folder); 1 after "File copy
+    // operation failed." when it cannot be kept or a backup of that name exists already.
+    // Symbolic links are kept as links. The backup's name is synced to disk.
     [[nodiscard]] int32_t backupFileOperation(const FileOperationInfo& info);
 
-    // Journals the inverse of a completed file change. True when an entry was written or
-    // none was due; false when the journal could not be written (logged).
+    // Journals the inverse of a file change that is about to be made, from the backup
+    // ObjectName names (or its absence): the file's content, owner, group and mode before the
+    // change. The entry is on disk when this returns, so the change may follow. True when an
+    // entry was written or none was due; false when the journal could not be written
+    // (logged).
     [[nodiscard]] bool addUndoFileCommand(const FileOperationInfo& info);
     // Journals the inverse of a directory operation that is about to run. As above.
     [[nodiscard]] bool addUndoDirectoryCommand(const DirectoryOperationInfo& info);
@@ -49,11 +55,16 @@ public:
 
     // The XML text of one journal entry at its place in the document (indented, one line per
     // element, ending in a newline). Only Operation, ObjectName, DestinationPath,
-    // BeforePatch, AfterPatch, RenamePath, UserID, GroupID and Permission are written.
-    static std::string fileEntryText(const FileOperationInfo& entry);
+    // BeforePatch, AfterPatch, RenamePath, UserID, GroupID and Permission are written; with
+    // restoresAttributes the last three go under "mac" as well, where the replay reads the
+    // attributes it sets.
+    static std::string fileEntryText(const FileOperationInfo& entry,
+                                     bool restoresAttributes = false);
     static std::string directoryEntryText(const DirectoryOperationInfo& entry);
 
 private:
+    [[nodiscard]] bool keep(const std::string& destination, const struct stat& entry,
+                            const std::string& backup);
     [[nodiscard]] bool appendFileEntry(const std::string& text);
     [[nodiscard]] bool appendDirectoryEntry(const std::string& text);
     // Writes text at offset over the old tail and syncs it; on failure puts the old tail

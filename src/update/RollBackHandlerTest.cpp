@@ -66,9 +66,10 @@ TEST_F(RollBackHandlerTest, InverseKeywordTable) {
         {"REMOVE", Backup::None, false, std::nullopt},
         {"REMOVE", Backup::Link, false, "CREATELINK"},
         {"OVERWRITE", Backup::File, false, "OVERWRITE"},
-        {"OVERWRITE", Backup::None, false, std::nullopt},
+        // A missing destination is added by an overwrite: the undo removes it.
+        {"OVERWRITE", Backup::None, false, "REMOVE"},
         {"BLINDOVERWRITE", Backup::File, false, "OVERWRITE"},
-        {"BLINDOVERWRITE", Backup::None, false, std::nullopt},
+        {"BLINDOVERWRITE", Backup::None, false, "REMOVE"},
         {"PATCH", Backup::File, false, "OVERWRITE"},
         {"PATCH", Backup::None, false, std::nullopt},
         {"TOUCH", Backup::File, false, "OVERWRITE"},
@@ -151,8 +152,15 @@ TEST_F(RollBackHandlerTest, InverseKeywordTable) {
         EXPECT_EQ(Text(entry, "./Permissions/UserID"), fileBackup ? "65534" : "alice");
         EXPECT_EQ(Text(entry, "./Permissions/GroupID"), fileBackup ? "65534" : "staff");
         EXPECT_EQ(Text(entry, "./Permissions/Permission"), fileBackup ? "640" : "755");
-        // No "mac" level: the replay does not read owner, group or mode back.
-        EXPECT_TRUE(entry.select("./Permissions/mac").empty());
+        // The replay reads owner, group and mode under "mac": the file's own, from its
+        // backup, so that they are put back.
+        if (fileBackup) {
+            EXPECT_EQ(Text(entry, "./Permissions/mac/UserID"), "65534");
+            EXPECT_EQ(Text(entry, "./Permissions/mac/GroupID"), "65534");
+            EXPECT_EQ(Text(entry, "./Permissions/mac/Permission"), "640");
+        } else {
+            EXPECT_TRUE(entry.select("./Permissions/mac").empty());
+        }
     }
 }
 
@@ -441,19 +449,19 @@ TEST_F(RollBackHandlerTest, KilledWhileWritingLeavesEveryCompletedEntry) {
     }
 }
 
-TEST_F(RollBackHandlerTest, MissingBackupFolderIsReportedNotFatal) {
+TEST_F(RollBackHandlerTest, MissingBackupFolderFailsTheChange) {
     LogCapture log;
     RollBackHandler handler(_dir.file("no/such/folder"), RealFileSystem::instance());
     EXPECT_FALSE(handler.addUndoFileCommand(AddEntry(0)));
     EXPECT_NE(log.text().find("Failed to write the rollback journal"), std::string::npos);
-    // The operation that asked for it goes on: CmdInterface ignores the failure.
+    // A change that cannot be journaled (or its file kept) is not made.
     CmdInterface cmd(_dir.path(), _dir.path(), _dir.file("no/such/folder"));
     WriteTextFile(_dir.file("a"), "a");
     FileOperationInfo info;
     info.Operation = "REMOVE";
     info.DestinationPath = _dir.file("a");
-    EXPECT_EQ(cmd.performFileUpdationWithInfo(info), 0);
-    EXPECT_FALSE(FileExists(_dir.file("a")));
+    EXPECT_EQ(cmd.performFileUpdationWithInfo(info), 1);
+    EXPECT_EQ(ReadTextFile(_dir.file("a")), "a");
 }
 
 } // namespace
