@@ -13,6 +13,7 @@ enum class SilentReturnCode : int {
     ApplicationsStillRunning = 8, // applications of the family that must be quit
     CancelledOrRolledBack = 9,    // cancelled, or failed and rolled back
     RollbackFailed = 10,          // failed, and the rollback failed too
+    AnotherPatcherRunning = 11,   // another patcher kept the machine busy past the wait
 };
 
 // The result of a silent run: the return-code file (the table's returnCodeFile, normally

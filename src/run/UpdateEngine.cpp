@@ -10,11 +10,13 @@
 #include "runtime/Environment.h"
 #include "runtime/LoggerUtility.h"
 #include "runtime/MainLoop.h"
+#include "system/FileSystem.h"
 #include "target/InstalledApp.h"
 #include "target/LoadConfigData.h"
 #include "target/LocateInstalledApplication.h"
 #include "target/OrvelCodeFileHandler.h"
 #include "target/ZOTHService.h"
+#include "update/PatcherState.h"
 #include "update/ProcessManifest.h"
 
 #include <cassert>
@@ -27,7 +29,11 @@ UpdateEngine::UpdateEngine(EngineEnvironment environment)
     assert(_environment.reporter && "the engine needs a reporter");
 }
 
-UpdateEngine::~UpdateEngine() = default;
+UpdateEngine::~UpdateEngine() {
+    _stopWaiting = true;
+    if (_lockWaiter.joinable())
+        _lockWaiter.join();
+}
 
 std::string UpdateEngine::modeOfExecution() const {
     if (_isRunningUnderKOR)
@@ -64,12 +70,17 @@ void UpdateEngine::endWithFailure(const char* key, SilentReturnCode silentCode) 
 }
 
 void UpdateEngine::appLaunched() {
-    using Step = bool (UpdateEngine::*)();
+    runSteps();
+}
+
+void UpdateEngine::runSteps(Step from) {
     static constexpr Step kSteps[] = {
         &UpdateEngine::startLog,
         &UpdateEngine::loadConfiguration,
         &UpdateEngine::decideMode,
         &UpdateEngine::applyComboFlag,
+        &UpdateEngine::takeLock,
+        &UpdateEngine::recoverUnfinishedUpdate,
         &UpdateEngine::locateApplication,
         &UpdateEngine::acceptLocatorResult,
         &UpdateEngine::askWelcome,
@@ -77,8 +88,10 @@ void UpdateEngine::appLaunched() {
         &UpdateEngine::checkRunningApplications,
         &UpdateEngine::startUpdate,
     };
+    bool reached = from == nullptr;
     for (const Step step : kSteps) {
-        if (!(this->*step)())
+        reached = reached || step == from;
+        if (reached && !(this->*step)())
             return;
     }
 }
@@ -114,6 +127,110 @@ bool UpdateEngine::decideMode() {
 bool UpdateEngine::applyComboFlag() {
     const auto& combo = config().getComboFlag();
     SetENVcomboFlag(combo && ::strcasecmp(combo->c_str(), "true") == 0);
+    return true;
+}
+
+bool UpdateEngine::takeLock() {
+    _state = std::make_unique<PatcherState>(_environment.paths.patcherStateFolder,
+                                            RealFileSystem::instance());
+    std::string reason;
+    pid_t holder = 0;
+    if (_state->prepare(reason) && _state->tryLock(holder, reason))
+        return true;
+    if (!reason.empty()) {
+        NSLevelledLog(0, "The patcher's state folder %@ cannot be used: %@", _state->folder(),
+                      reason);
+        endWithFailure("Error while updating", SilentReturnCode::CancelledOrRolledBack);
+        return false;
+    }
+    waitForLock(holder);
+    return false;
+}
+
+void UpdateEngine::waitForLock(pid_t holder) {
+    NSLevelledLog(0,
+                  "Another patcher (process %d) is updating this machine; waiting for it to "
+                  "finish",
+                  static_cast<int>(holder));
+    const bool unattended = _isRunningUnderKOR || _isSilentInstall;
+    if (ProgressWindowController* progress =
+            unattended ? nullptr : _environment.progressController) {
+        progress->awakeFromNib();
+        progress->setIndeterminate(true);
+        progress->setTextToDisplay(localized("Waiting for another patcher message"));
+        progress->showWindow();
+    }
+    std::optional<std::chrono::seconds> limit;
+    if (unattended)
+        limit = _environment.unattendedLockWait;
+    // Polled rather than blocked on, so that the wait can end at its limit and when the
+    // engine goes away; the main loop stays free for the progress line.
+    _lockWaiter = std::thread([this, limit] {
+        using Clock = std::chrono::steady_clock;
+        const auto start = Clock::now();
+        auto nextNote = start + std::chrono::seconds(30);
+        while (!_stopWaiting) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            pid_t busyHolder = 0;
+            std::string reason;
+            const bool taken = _state->tryLock(busyHolder, reason);
+            const auto now = Clock::now();
+            const bool timedOut = limit && now - start >= *limit;
+            if (!reason.empty())
+                NSLevelledLog(0, "The patcher's lock cannot be taken: %@", reason);
+            if (taken || !reason.empty() || timedOut) {
+                _environment.loop->post([this, taken] { lockWaitEnded(taken); });
+                return;
+            }
+            if (now >= nextNote) {
+                const auto waited = std::chrono::duration_cast<std::chrono::seconds>(now - start);
+                NSLevelledLog(0, "Still waiting for process %d (%d s)",
+                              static_cast<int>(busyHolder), static_cast<int>(waited.count()));
+                nextNote += std::chrono::seconds(30);
+            }
+        }
+    });
+}
+
+void UpdateEngine::lockWaitEnded(bool taken) {
+    if (_lockWaiter.joinable())
+        _lockWaiter.join();
+    const bool unattended = _isRunningUnderKOR || _isSilentInstall;
+    if (ProgressWindowController* progress = unattended ? nullptr : _environment.progressController)
+        progress->close();
+    if (taken) {
+        NSLevelledLog(0, "The other patcher has finished");
+        runSteps(&UpdateEngine::recoverUnfinishedUpdate);
+        return;
+    }
+    NSLevelledLog(0, "Another patcher is still updating this machine: giving up after %d s",
+                  static_cast<int>(_environment.unattendedLockWait.count()));
+    endWithFailure("Another patcher running message", SilentReturnCode::AnotherPatcherRunning);
+}
+
+ManifestRunEnvironment UpdateEngine::manifestEnvironment() const {
+    ManifestRunEnvironment environment;
+    environment.loop = _environment.loop;
+    environment.paths = _environment.paths;
+    environment.strings = _environment.strings;
+    environment.reporter = _environment.reporter;
+    environment.serviceSettings = _environment.serviceSettings;
+    environment.silent = GetENVsilentFlag();
+    environment.cmdOptions.protectedFolders = _environment.paths.protectedFolders;
+    return environment;
+}
+
+bool UpdateEngine::recoverUnfinishedUpdate() {
+    const ManifestRunEnvironment environment = manifestEnvironment();
+    const RecoveryResult result =
+        RecoverInterruptedUpdate(*_state, [&](const std::string& folder, const std::string& app) {
+            return ProcessManifest::replayJournal(folder, app, environment);
+        });
+    if (result == RecoveryResult::ReplayFailed || result == RecoveryResult::Unreadable) {
+        endWithFailure("Error while updating and rollback failed",
+                       SilentReturnCode::RollbackFailed);
+        return false;
+    }
     return true;
 }
 
@@ -267,19 +384,35 @@ void UpdateEngine::_updateApp(const InstalledApp& app, const std::string& manife
     const std::string workingFolder =
         StringWithFormat(_environment.paths.workingFolderFormat, static_cast<int>(::getpid()));
 
-    ManifestRunEnvironment environment;
-    environment.loop = _environment.loop;
-    environment.paths = _environment.paths;
-    environment.strings = _environment.strings;
-    environment.reporter = _environment.reporter;
-    environment.serviceSettings = _environment.serviceSettings;
+    ManifestRunEnvironment environment = manifestEnvironment();
     environment.history = OrvelCodeFileHandler::getInstance();
-    environment.silent = GetENVsilentFlag();
-    environment.cmdOptions.protectedFolders = _environment.paths.protectedFolders;
+    if (_state) {
+        // On disk before anything changes, so that a run that dies from here on is found and
+        // undone by the next start.
+        PatcherState::Record& record = environment.record;
+        record.pid = ::getpid();
+        record.application = app.path();
+        record.backupFolder = _state->backupFolderFor(app.path());
+        if (!_state->makeBackupFolder(record.backupFolder) || !_state->writeRecord(record)) {
+            NSLevelledLog(0,
+                          "The update cannot start: its backup folder %@ or its record "
+                          "cannot be made",
+                          record.backupFolder);
+            if (progress)
+                progress->close();
+            endWithFailure("Error while updating", SilentReturnCode::CancelledOrRolledBack);
+            return;
+        }
+        NSLevelledLog(3, "Backups and journal in %@", record.backupFolder);
+        environment.state = _state.get();
+    }
+    const std::string backupFolder = environment.record.backupFolder;
     _processManifest = std::make_unique<ProcessManifest>(
         manifestPath, workingFolder, app.path(), resourceDir, _dataLoader, std::move(environment));
     if (!_processManifest->performAction(progress)) {
         // Nothing was started and nothing reported: the run ends here.
+        if (_state && _state->removeRecord())
+            (void)_state->removeBackupFolder(backupFolder);
         if (progress)
             progress->close();
         endEarlyRun();

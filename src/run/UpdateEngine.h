@@ -4,21 +4,26 @@
 #include "runtime/PlatformPaths.h"
 #include "system/ServicesHandler.h"
 
+#include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 
 class InstalledApp;
 class KORInstallerResultsWrapper;
 class LoadConfigData;
 class MainLoop;
+class PatcherState;
 class ProcessManifest;
 class ProgressWindowController;
 class RunningApplications;
 class RunningAppsWindowController;
 class StringTable;
 class UserInterface;
+struct ManifestRunEnvironment;
 enum class LocatorResult : int;
 enum class SilentReturnCode : int;
 
@@ -38,6 +43,9 @@ struct EngineEnvironment {
     // the located path out) so that a run can meet results the locator never gives; none:
     // the locator itself.
     std::function<LocatorResult(LoadConfigData&, bool, std::string&)> locate;
+    // How long a silent or managed run waits for another patcher to finish before it gives
+    // up; a run with a user waits as long as it takes.
+    std::chrono::seconds unattendedLockWait{300};
 };
 
 // Drives one run of the patcher from launch to exit: log, mode, configuration, locating
@@ -73,6 +81,11 @@ private:
     bool loadConfiguration();
     bool decideMode();
     bool applyComboFlag();
+    // Takes the patcher's lock, or waits for it off the main thread (the run goes on from
+    // the next step once it is taken).
+    bool takeLock();
+    // Brings back to a whole version an application whose update did not finish.
+    bool recoverUnfinishedUpdate();
     // Locates and validates the application with the installation database open.
     bool locateApplication();
     bool acceptLocatorResult();
@@ -82,6 +95,12 @@ private:
     // Hands the run over to the manifest processor, which ends it.
     bool startUpdate();
 
+    using Step = bool (UpdateEngine::*)();
+    // The steps from the one named on (all of them without one).
+    void runSteps(Step from = nullptr);
+    void waitForLock(pid_t holder);
+    void lockWaitEnded(bool taken);
+    ManifestRunEnvironment manifestEnvironment() const;
     std::string localized(const std::string& key) const;
     // Logs the localised text of key and reports it as the run's failure, then ends the run.
     void endWithFailure(const char* key, SilentReturnCode silentCode);
@@ -94,6 +113,9 @@ private:
     std::unique_ptr<LoadConfigData> _emptyConfig;
     std::unique_ptr<ProcessManifest> _processManifest;
     std::unique_ptr<RunningApplications> _ownRunningApplications;
+    std::unique_ptr<PatcherState> _state;
+    std::thread _lockWaiter;
+    std::atomic<bool> _stopWaiting{false};
     bool _notDone = true;
     bool _isRunningUnderKOR = false;
     bool _isSilentInstall = false;

@@ -24,6 +24,8 @@ struct PlatformPaths {
 
     // The patcher's own files.
     std::string patchHistoryFolder = "/var/opt/Orvel/Installers/";
+    // Root's own: the lock, the record of the update in progress, its backups and journal.
+    std::string patcherStateFolder = "/var/opt/Orvel/Patcher";
     std::string logFileInHome = ".local/state/Orvel/SoftwareUpdates/OrvelSoftwareUpdate.log";
     std::string installerDataInHome =
         ".local/share/Orvel/Updater/Install/OrvelUpdaterInstallerData.plist";

@@ -199,7 +199,8 @@ bool OrvelCodeFileHandler::createOCPatchFile() {
     return XmlDocument::save(document, ocPatchFilePath, false);
 }
 
-bool OrvelCodeFileHandler::addPatcherEntry(const std::string& manifestPath) {
+bool OrvelCodeFileHandler::addPatcherEntry(const std::string& manifestPath,
+                                           const std::optional<std::string>& saveAs) {
     if (!CanAddressFile(ocPatchFilePath)) {
         NSLevelledLog(0, "Can't create an URL from file path %@.", ocPatchFilePath);
         return false;
@@ -240,8 +241,9 @@ bool OrvelCodeFileHandler::addPatcherEntry(const std::string& manifestPath) {
     // entries alike.
     root.removeIndentation();
     std::string error;
-    if (!XmlDocument::save(history, ocPatchFilePath, true, &error)) {
-        NSLevelledLog(0, "Failed to write Patch file %@: %@", ocPatchFilePath, error);
+    const std::string& target = saveAs ? *saveAs : ocPatchFilePath;
+    if (!XmlDocument::save(history, target, true, &error)) {
+        NSLevelledLog(0, "Failed to write Patch file %@: %@", target, error);
         return false;
     }
     return true;

@@ -60,7 +60,10 @@ public:
     [[nodiscard]] bool createOCPatchFile();
     // Appends an entry for the patch whose manifest is at manifestPath, creating the file
     // when missing; the file is replaced atomically. False (file untouched) on any failure.
-    [[nodiscard]] bool addPatcherEntry(const std::string& manifestPath);
+    // With saveAs the new history is written there instead (synced), and the file itself is
+    // left as it is for the caller to replace.
+    [[nodiscard]] bool addPatcherEntry(const std::string& manifestPath,
+                                       const std::optional<std::string>& saveAs = std::nullopt);
     // Moves the file to the first free "<path>_backup<n>", n from 1; true when moved.
     [[nodiscard]] bool removeOutOfDatePatchFile();
     // Deletes every file with the extension "patch" in the folder and below. False when a

@@ -8,6 +8,7 @@
 #include "report/ProgressWindowController.h"
 #include "report/SilentReturnHandler.h"
 #include "report/ThreadWorker.h"
+#include "runtime/CancelSignals.h"
 #include "runtime/CommonUtility.h"
 #include "runtime/Environment.h"
 #include "runtime/LoggerUtility.h"
@@ -21,6 +22,7 @@
 #include "update/PayloadHandler.h"
 
 #include <chrono>
+#include <cstring>
 #include <sys/stat.h>
 #include <thread>
 
@@ -81,12 +83,30 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
                                  std::string appPath, std::string resourceDir,
                                  LoadConfigData* dataLoader, ManifestRunEnvironment environment)
     : _manifestFile(std::move(manifestFile)), _payloadDir(std::move(payloadDir)),
-      _backupDir(JoinPath(_payloadDir, "backupDir")), _appPath(std::move(appPath)),
-      _resourceDir(std::move(resourceDir)), _dataLoader(dataLoader),
+      _appPath(std::move(appPath)), _resourceDir(std::move(resourceDir)), _dataLoader(dataLoader),
       _environment(std::move(environment)), _isSilentInstall(_environment.silent) {
     totalNodesCount = 0;
     (void)PayloadHandler::extractFile(_resourceDir, _payloadDir, fileSystem());
-    (void)CreateDirectoryAtPath(_backupDir);
+    if (_environment.state) {
+        _backupDir = _environment.record.backupFolder;
+    } else {
+        _backupDir = JoinPath(_payloadDir, "backupDir");
+        (void)CreateDirectoryAtPath(_backupDir);
+    }
+}
+
+ProcessManifest::ProcessManifest(ReplayOnly, std::string backupFolder, std::string appPath,
+                                 ManifestRunEnvironment environment)
+    : _backupDir(std::move(backupFolder)), _appPath(std::move(appPath)), _dataLoader(nullptr),
+      _environment(std::move(environment)), _isSilentInstall(_environment.silent) {}
+
+bool ProcessManifest::replayJournal(const std::string& backupFolder, const std::string& appPath,
+                                    ManifestRunEnvironment environment) {
+    // A replay runs as an install and records nothing.
+    environment.history = nullptr;
+    environment.state = nullptr;
+    ProcessManifest replay(ReplayOnly{}, backupFolder, appPath, std::move(environment));
+    return IsSuccessful(replay.performRollback());
 }
 
 ProcessManifest::~ProcessManifest() {
@@ -146,6 +166,9 @@ bool ProcessManifest::performAction(ProgressWindowController* progress) {
         return false;
     }
     _progressController = progress;
+    // From here on a request to stop (a logout, a shutdown, a service manager) ends the walk
+    // at the next entry and rolls the update back, instead of leaving it half done.
+    CatchCancelSignals();
     auto work = std::make_shared<WorkDictionary>();
     work->rootNode = root;
     work->manifestFile = _manifestFile;
@@ -261,6 +284,13 @@ std::string ProcessManifest::invokeAction(const XmlNode& rootNode, const std::st
 
 bool ProcessManifest::progressStep(ProgressWindowController* progress,
                                    const std::string& workingFile) {
+    if (!_isProcessingRollback) {
+        if (const int signal = ReceivedCancelSignal()) {
+            NSLevelledLog(3, "Signal %d (%@) received: the update is cancelled", signal,
+                          std::string(::strsignal(signal)));
+            return false;
+        }
+    }
     if (!progress)
         return true;
     if (_isProcessingRollback) {
@@ -488,15 +518,8 @@ void ProcessManifest::longTaskFinished(const std::string& result) {
     if (_tw)
         _tw->markAsCancelled();
 
-    if (exitCode == 0) {
-        if (OrvelCodeFileHandler* history = _environment.history) {
-            const int mode = history->getPatcherMode();
-            if ((mode == OrvelCodeFileHandler::kModeInstall ||
-                 mode == OrvelCodeFileHandler::kModeComboPatch) &&
-                !history->addPatcherEntry(_manifestFile))
-                exitCode = 1;
-        }
-    }
+    if (exitCode == 0 && !commit())
+        exitCode = 1;
     (void)OrvelCodeFileHandler::releaseInstance();
     _environment.history = nullptr; // released: the rollback runs as an install
 
@@ -505,6 +528,11 @@ void ProcessManifest::longTaskFinished(const std::string& result) {
         const std::string rollback = performRollback();
         rollbackState = rollback == kSuccessful ? 0 : rollback == kUserCancelled ? 1 : 2;
     }
+    if (exitCode == 0 || rollbackState == 0)
+        forgetUpdate();
+    else if (_environment.state)
+        NSLevelledLog(0, "The journal stays in %@; the next start of a patcher replays it again",
+                      _backupDir);
 
     NSLevelledLog(3, "Restarting the services...");
     if (_serviceHandler)
@@ -523,6 +551,64 @@ void ProcessManifest::longTaskFinished(const std::string& result) {
     if (_environment.reporter)
         (void)_environment.reporter->cleanup();
     _environment.loop->terminate(0);
+}
+
+bool ProcessManifest::commit() {
+    OrvelCodeFileHandler* history = _environment.history;
+    const int mode = history ? history->getPatcherMode() : -1;
+    const bool recordsPatch =
+        mode == OrvelCodeFileHandler::kModeInstall || mode == OrvelCodeFileHandler::kModeComboPatch;
+    PatcherState* state = _environment.state;
+    if (!state)
+        return !recordsPatch || history->addPatcherEntry(_manifestFile);
+
+    PatcherState::Record record = _environment.record;
+    if (!recordsPatch) {
+        record.stage = PatcherState::Stage::Committed;
+        return state->writeRecord(record);
+    }
+    // The new history is made whole beside the old one and the record says where; renaming
+    // it over the old one is then the single step that makes the update permanent.
+    FileSystem& files = fileSystem();
+    const std::string historyFile = history->getOCPatchFilePath();
+    _historyUpdate = historyFile + ".orvel-new";
+    if (PathExistsNoFollow(_historyUpdate))
+        (void)files.removeFile(_historyUpdate);
+    if (!history->addPatcherEntry(_manifestFile, _historyUpdate))
+        return false;
+    if (!files.syncFolder(ParentPath(historyFile))) {
+        NSLevelledLog(0, "Cannot sync the folder of %@: %@", historyFile,
+                      std::string(std::strerror(errno)));
+        return false;
+    }
+    record.stage = PatcherState::Stage::Committing;
+    record.historyFile = historyFile;
+    record.historyUpdate = _historyUpdate;
+    if (!state->writeRecord(record))
+        return false;
+    if (!files.rename(_historyUpdate, historyFile)) {
+        NSLevelledLog(0, "Cannot replace the patch history %@: %@", historyFile,
+                      std::string(std::strerror(errno)));
+        return false;
+    }
+    _historyUpdate.clear();
+    if (!files.syncFolder(ParentPath(historyFile)))
+        NSLevelledLog(0, "Cannot sync the folder of %@: %@", historyFile,
+                      std::string(std::strerror(errno)));
+    return true;
+}
+
+void ProcessManifest::forgetUpdate() {
+    PatcherState* state = _environment.state;
+    if (!state)
+        return;
+    // The record goes first: without it nothing is replayed, so the backups may go in any
+    // order afterwards, and a start-up clears what an interruption leaves of them.
+    if (!state->removeRecord())
+        return;
+    if (!_historyUpdate.empty())
+        (void)fileSystem().removeFile(_historyUpdate);
+    (void)state->removeBackupFolder(_backupDir);
 }
 
 void ProcessManifest::report(int exitCode, int rollbackState) {

@@ -4,6 +4,7 @@
 #include "runtime/PlatformPaths.h"
 #include "system/ServicesHandler.h"
 #include "update/CmdInterface.h"
+#include "update/PatcherState.h"
 
 #include <memory>
 #include <optional>
@@ -49,6 +50,11 @@ struct ManifestRunEnvironment {
     KORInstallerResultsWrapper* reporter = nullptr;
     ServiceControlSettings serviceSettings; // the machine's service manager by default
     CmdInterface::Options cmdOptions;       // the repair flag is filled in by the run
+    // The patcher's state folder, holding the record of this update that the caller has
+    // written; the backup folder is the record's. None: the backup folder is
+    // payloadDir/backupDir and nothing of the run outlives it.
+    PatcherState* state = nullptr;
+    PatcherState::Record record;
 };
 
 // Applies a manifest to the installed application on a background worker: services
@@ -62,7 +68,7 @@ public:
     static constexpr const char* kUserCancelled = "UpdateResult_userCancelled";
 
     // Extracts the payload from resourceDir into payloadDir and makes the backup folder
-    // (payloadDir/backupDir).
+    // (payloadDir/backupDir) unless the environment names one.
     ProcessManifest(std::string manifestFile, std::string payloadDir, std::string appPath,
                     std::string resourceDir, LoadConfigData* dataLoader,
                     ManifestRunEnvironment environment);
@@ -88,6 +94,10 @@ public:
     std::string processDirectorySet(WorkDictionary& work, ThreadWorker* worker);
     // Replays the journal in the backup folder.
     std::string performRollback();
+    // Replays the journal in backupFolder onto the application as a run's rollback does;
+    // for the journal of a run that did not finish. True when it went through.
+    static bool replayJournal(const std::string& backupFolder, const std::string& appPath,
+                              ManifestRunEnvironment environment);
     // On the main thread when the worker ends: history, rollback, services, clean-up,
     // report, end of the run.
     void longTaskFinished(const std::string& result);
@@ -107,6 +117,15 @@ public:
     const std::string& backupDir() const { return _backupDir; }
 
 private:
+    struct ReplayOnly {};
+    ProcessManifest(ReplayOnly, std::string backupFolder, std::string appPath,
+                    ManifestRunEnvironment environment);
+    // Makes a finished update permanent: the patch history entry, and the record's step
+    // past which a start-up no longer rolls the update back. False (logged) when it could
+    // not be made; the update is then rolled back.
+    [[nodiscard]] bool commit();
+    // The update is over, committed or rolled back: its record and backups go.
+    void forgetUpdate();
     // The progress and cancel step of one entry; false when the user cancelled.
     bool progressStep(ProgressWindowController* progress, const std::string& workingFile);
     std::string localized(const std::string& key) const;
@@ -130,4 +149,5 @@ private:
     int currentNodesCount = 0;
     int _exitCode = -1;
     int _rollbackState = -1;
+    std::string _historyUpdate; // the new patch history written beside the old one
 };

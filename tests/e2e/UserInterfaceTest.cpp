@@ -148,6 +148,10 @@ public:
                   RunTool({"mkfs.ext4", "-q", "-F", image}, &output) == 0 &&
                   RunTool({"mount", "-o", "loop", image, _folder}, &output) == 0;
         EXPECT_TRUE(mounted) << output;
+        // A volume whose top others may write to gets no backups of the patcher (they stay
+        // in its state folder), so the first write to it is the first change of the tree.
+        if (mounted)
+            fs::permissions(_folder, fs::perms::group_write, fs::perm_options::add);
     }
     ~StallingVolume() {
         (void)thaw();
