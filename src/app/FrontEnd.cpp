@@ -18,6 +18,7 @@
 #include <QApplication>
 #include <QTimer>
 
+#include <charconv>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
@@ -66,6 +67,13 @@ EngineEnvironment BaseEnvironment(const RunSetting& setting, MainLoop& loop,
     environment.bundle = setting.bundle;
     environment.paths = setting.paths;
     environment.strings = setting.strings;
+    // How long a silent or managed run waits for another patcher, in seconds.
+    if (const char* wait = std::getenv("ORVEL_PATCHER_LOCK_WAIT")) {
+        unsigned long seconds = 0;
+        const auto [end, error] = std::from_chars(wait, wait + std::strlen(wait), seconds);
+        if (error == std::errc() && *end == '\0')
+            environment.unattendedLockWait = std::chrono::seconds(seconds);
+    }
     return environment;
 }
 

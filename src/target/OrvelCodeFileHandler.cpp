@@ -196,7 +196,8 @@ bool OrvelCodeFileHandler::createOCPatchFile() {
     root.setAttribute("ProductFamily", ProductFamily.value_or(""));
     root.setAttribute("tsInstalled", tsInstalled);
     root.setAttribute("tsModified", tsModified);
-    return XmlDocument::save(document, ocPatchFilePath, false);
+    // Whole or not at all: a half-written history would refuse every later entry.
+    return XmlDocument::save(document, ocPatchFilePath, true);
 }
 
 bool OrvelCodeFileHandler::addPatcherEntry(const std::string& manifestPath,

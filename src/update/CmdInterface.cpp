@@ -617,8 +617,9 @@ int32_t CmdInterface::touchFileOperation(const FileOperationInfo& info) {
 // Attributes and touch
 
 int32_t CmdInterface::setAttributeForFile(const FileOperationInfo& info) const {
-    _files.setAttributesOfRecord(info); // each failure is logged there
-    return 0;
+    // Each failure is logged there. One the disk refused fails the entry, so that the
+    // update is rolled back rather than left with half of its attributes.
+    return _files.setAttributesOfRecord(info) ? 0 : 1;
 }
 
 // ---------------------------------------------------------------------------------------

@@ -289,18 +289,22 @@ bool FileManager::setAttribute(const std::string& path, mode_t mode,
     }
     const bool isLink = S_ISLNK(current.st_mode);
     bool ok = true;
+    // A name this machine does not know leaves that attribute as it is (logged); only a
+    // change the disk refuses is a failure.
     if (userName) {
         const auto uid = UserIdOf(*userName);
-        if (!uid || !_fs->setOwner(path, *uid, static_cast<gid_t>(-1))) {
+        const bool set = uid && _fs->setOwner(path, *uid, static_cast<gid_t>(-1));
+        if (!set) {
             NSLevelledLog(0, "Failed to set owner \"%@\" on \"%@\"", *userName, path);
-            ok = false;
+            ok = ok && !uid;
         }
     }
     if (groupName) {
         const auto gid = GroupIdOf(*groupName);
-        if (!gid || !_fs->setOwner(path, static_cast<uid_t>(-1), *gid)) {
+        const bool set = gid && _fs->setOwner(path, static_cast<uid_t>(-1), *gid);
+        if (!set) {
             NSLevelledLog(0, "Failed to set group \"%@\" on \"%@\"", *groupName, path);
-            ok = false;
+            ok = ok && !gid;
         }
     }
     // The mode goes last: changing the owner clears the set-user-ID and set-group-ID bits.
@@ -312,11 +316,11 @@ bool FileManager::setAttribute(const std::string& path, mode_t mode,
     return ok;
 }
 
-void FileManager::setAttributesOfRecord(const FileOperationInfo& info) const {
+bool FileManager::setAttributesOfRecord(const FileOperationInfo& info) const {
     const std::string& path = info.DestinationPath;
     struct stat current {};
     if (!PathExists(path) || ::lstat(path.c_str(), &current) != 0)
-        return;
+        return true;
     const auto oldUser = UserNameOfUid(current.st_uid);
     const auto oldGroup = GroupNameOfGid(current.st_gid);
     NSLevelledLog(3, "Old Permission: %o", static_cast<unsigned>(current.st_mode & 07777));
@@ -328,13 +332,13 @@ void FileManager::setAttributesOfRecord(const FileOperationInfo& info) const {
     const bool userGiven = !IsAbsentField(info.UserID);
     const bool groupGiven = !IsAbsentField(info.GroupID);
     if (mode == 0 && !userGiven && !groupGiven)
-        return;
+        return true;
     // Values the manifest does not give stay as they are.
     const std::optional<std::string> user =
         userGiven ? std::optional(info.UserID) : std::optional<std::string>();
     const std::optional<std::string> group =
         groupGiven ? std::optional(info.GroupID) : std::optional<std::string>();
-    (void)setAttribute(path, mode, user, group); // each failure is logged there
+    return setAttribute(path, mode, user, group); // each failure is logged there
 }
 
 bool FileManager::touchFile(const std::string& path) const {

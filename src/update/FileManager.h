@@ -58,15 +58,16 @@ public:
 
     // Sets the owner and the group by account name (each when given; a number is taken as
     // an id when no account has that name), then the mode (when non-zero). True when every
-    // requested change was made (each failure logged). A symbolic link keeps its mode (links
-    // have none of their own) and gets the owner and group itself.
+    // change the disk was asked for was made (each failure logged; a name unknown to this
+    // machine leaves that attribute as it is and is no failure). A symbolic link keeps its mode
+    // (links have none of their own) and gets the owner and group itself.
     [[nodiscard]] bool setAttribute(const std::string& path, mode_t mode,
                                     const std::optional<std::string>& userName,
                                     const std::optional<std::string>& groupName) const;
     // Applies a manifest record's Permission (octal digits), UserID and GroupID to its
     // existing destination; fields the record leaves out stay as they are. Each change that
-    // cannot be made is logged.
-    void setAttributesOfRecord(const FileOperationInfo& info) const;
+    // cannot be made is logged; false when the disk refused one.
+    [[nodiscard]] bool setAttributesOfRecord(const FileOperationInfo& info) const;
     // Sets the modification time of an existing file to now; false for a missing file.
     [[nodiscard]] bool touchFile(const std::string& path) const;
 

@@ -1,0 +1,285 @@
+// The real PatcherApp cut short from outside: killed at every step that changes a file,
+// failed with a full or broken disk at every such step, stopped by a signal, started twice
+// at once. Whatever happens, the editor ends exactly at 1.0 or exactly at 2.0 (contents,
+// links, modes, owners), and the next start says which.
+//
+// The steps are the process's own system calls, caught by a preloaded library
+// (tests/fault/SyscallFault.c) that kills the process, or fails the call, at the Nth call
+// that changes something below /opt or /var/opt.
+
+#include "E2eSupport.h"
+#include "ManifestText.h"
+#include "TestSupport.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string kStateFolder = "/var/opt/Orvel/Patcher";
+const std::string kSavedApp = "/tmp/e2e/saved-Editor.app";
+const std::string kProbe = "/tmp/e2e/Probe.app";
+
+// Snapshot with the owner and group of every entry.
+std::map<std::string, std::string> OwnedSnapshot(const std::string& root) {
+    auto tree = Snapshot(root);
+    for (auto& [relative, description] : tree) {
+        struct stat info {};
+        ::lstat((root + "/" + relative).c_str(), &info);
+        description += ":" + std::to_string(info.st_uid) + ":" + std::to_string(info.st_gid);
+    }
+    return tree;
+}
+
+std::string PseudoRandomBytes(size_t size, unsigned seed) {
+    std::mt19937 random(seed);
+    std::string bytes(size, '\0');
+    for (char& byte : bytes)
+        byte = static_cast<char>(random() & 0xff);
+    return bytes;
+}
+
+// The editor at 1.0 and its update to 2.0: every kind of file entry, a bundle set, a
+// directory set, a patched file of several megabytes, files owned by another user, an
+// owner change, and `extra` more added, overwritten and removed files. Returns the manifest.
+std::string PrepareLargeUpdate(Scenario& s, int extra) {
+    s.installApplication();
+    s.registerInstallation();
+    auto entries = s.updateEntries();
+    const std::string res = s.app + "/Contents/Resources";
+    const std::string resToken = "[INSTALLDIR]/Editor.app/Contents/Resources";
+
+    // A 3 MB data file whose new version differs here and there.
+    std::string data = PseudoRandomBytes(3 << 20, 7);
+    WriteTextFile(res + "/data.bin", data);
+    for (size_t at = 4096; at < data.size(); at += 300000)
+        data.replace(at, 64, std::string(64, 'x'));
+    WriteTextFile(s.work + "/data.new", data);
+    EXPECT_EQ(
+        RunTool({"bsdiff", res + "/data.bin", s.work + "/data.new", s.payload + "/data.patch"}), 0);
+    entries.push_back({"PATCH", "data.patch", resToken, "data.bin",
+                       Md5OfFile(res + "/data.bin").value_or(""),
+                       Md5OfFile(s.work + "/data.new").value_or("")});
+
+    fs::create_directories(res + "/more");
+    for (int i = 0; i < extra; ++i) {
+        const std::string name = "f" + std::to_string(i) + ".txt";
+        const std::string installed = res + "/more/" + name;
+        const std::string object = "more-" + name;
+        switch (i % 3) {
+        case 0: // added
+            WriteTextFile(s.payload + "/" + object, "added " + name + "\n");
+            entries.push_back({"ADD", object, resToken + "/more", name, "",
+                               Md5OfFile(s.payload + "/" + object).value_or("")});
+            break;
+        case 1: // overwritten; installed with another owner and mode
+            WriteTextFile(installed, "old " + name + "\n");
+            (void)::chown(installed.c_str(), 65534, 65534);
+            (void)::chmod(installed.c_str(), 0640);
+            WriteTextFile(s.payload + "/" + object, "new " + name + "\n");
+            entries.push_back({"OVERWRITE", object, resToken + "/more", name,
+                               Md5OfFile(installed).value_or(""),
+                               Md5OfFile(s.payload + "/" + object).value_or("")});
+            break;
+        default: // removed
+            WriteTextFile(installed, "going " + name + "\n");
+            (void)::chown(installed.c_str(), 65534, 0);
+            entries.push_back({"REMOVE", object, resToken + "/more", name, "", ""});
+            break;
+        }
+    }
+    // An owner and a mode change of a file that keeps its content.
+    WriteTextFile(res + "/owned.txt", "owned\n");
+    const std::string ownerChange =
+        "<File><Operation>CHANGEPERM</Operation><ObjectName>owned.txt</ObjectName>"
+        "<DestinationPath dir=\"" +
+        resToken +
+        "\" defName=\"owned.txt\"/><Permissions><mac><UserID>nobody</UserID>"
+        "<GroupID>nogroup</GroupID><Permission>600</Permission></mac></Permissions></File>\n";
+    std::string manifest = s.manifest(entries);
+    manifest.replace(manifest.find("</FileSet>"), 0, ownerChange);
+    s.assemble(manifest);
+    return manifest;
+}
+
+// A copy of the patcher bundle for another application: a start of it replays what a dead
+// run left and then ends (the application is not found), touching nothing else.
+void MakeProbeBundle(const Scenario& s) {
+    ASSERT_EQ(RunTool({"cp", "-a", s.bundle, kProbe}), 0);
+    const std::string config = kProbe + "/Contents/Resources/config.xml";
+    std::string text = ReadTextFile(config);
+    const auto at = text.find("<AppName>Editor</AppName>");
+    ASSERT_NE(at, std::string::npos);
+    text.replace(at, 25, "<AppName>NoSuchEditor</AppName>");
+    WriteTextFile(config, text);
+}
+
+ChildProcess StartBundle(const Scenario& s, const std::string& bundle,
+                         const std::vector<std::string>& assignments) {
+    std::vector<std::string> env = {"HOME=" + s.home, "LANG=C.UTF-8"};
+    env.insert(env.end(), assignments.begin(), assignments.end());
+    return ChildProcess({bundle + "/Contents/MacOS/PatcherApp", "-Silent"}, CleanEnvironment(env),
+                        s.work + "/patcher-output.txt");
+}
+
+std::optional<int> RunBundle(const Scenario& s, const std::string& bundle,
+                             const std::vector<std::string>& assignments = {}) {
+    ChildProcess patcher = StartBundle(s, bundle, assignments);
+    return patcher.wait(120s);
+}
+
+// Puts the editor back at 1.0 and forgets every trace of earlier runs.
+void ResetInstallation(const Scenario& s) {
+    for (const std::string& path : {s.app, std::string("/opt/.orvel-patcher-backup"),
+                                    std::string("/tmp/OrvelQX3"), s.logFile, s.historyFile})
+        RunTool({"rm", "-rf", path});
+    for (const auto& entry : fs::directory_iterator(kStateFolder))
+        RunTool({"rm", "-rf", entry.path().string()});
+    ASSERT_EQ(RunTool({"cp", "-a", kSavedApp, s.app}), 0);
+}
+
+std::vector<std::string> FaultAssignments(long long at, const std::string& error,
+                                          const std::string& countFile = {}) {
+    std::vector<std::string> env = {
+        std::string("LD_PRELOAD=") + ORVEL_SYSCALL_FAULT, "ORVEL_FAULT_PROGRAM=PatcherApp",
+        "ORVEL_FAULT_PATHS=/opt:/var/opt", "ORVEL_FAULT_AT=" + std::to_string(at)};
+    if (!error.empty())
+        env.push_back("ORVEL_FAULT_ERROR=" + error);
+    if (!countFile.empty())
+        env.push_back("ORVEL_FAULT_COUNT=" + countFile);
+    return env;
+}
+
+long long EnvironmentNumber(const char* name, long long fallback) {
+    const char* value = std::getenv(name);
+    return value && *value ? std::atoll(value) : fallback;
+}
+
+struct SweepCounts {
+    int runs = 0, old = 0, updated = 0, mixed = 0;
+};
+
+enum class Fault { Kill, NoSpace, IoError };
+
+// Every Nth changing call from 1 to the count of a whole run (every stride-th), with the
+// fault; returns what the editor ended as.
+SweepCounts Sweep(Scenario& s, Fault fault, long long calls, long long stride,
+                  const std::map<std::string, std::string>& oldTree,
+                  const std::map<std::string, std::string>& newTree) {
+    SweepCounts counts;
+    const std::string error = fault == Fault::NoSpace   ? "ENOSPC"
+                              : fault == Fault::IoError ? "EIO"
+                                                        : "";
+    for (long long n = EnvironmentNumber("ORVEL_SWEEP_FROM", 1); n <= calls + 1; n += stride) {
+        ResetInstallation(s);
+        ++counts.runs;
+        const auto status = RunBundle(s, s.bundle, FaultAssignments(n, error));
+        std::string where =
+            "call " + std::to_string(n) + " (" + (error.empty() ? "kill" : error) + ")";
+        std::optional<std::string> code = s.returnCode();
+        if (fault == Fault::Kill) {
+            // A reboot in between for every other run: /tmp starts empty.
+            if (n % 2 == 0)
+                RunTool({"rm", "-rf", "/tmp/OrvelQX3"});
+            ::unlink(s.returnCodeFile.c_str());
+            const auto probe = RunBundle(s, kProbe);
+            EXPECT_TRUE(probe && *probe == 0) << where;
+            code = std::nullopt;
+        } else {
+            EXPECT_TRUE(status && *status == 0) << where << "\n" << s.patcherOutput();
+        }
+        const auto tree = OwnedSnapshot(s.app);
+        const bool isOld = tree == oldTree;
+        const bool isNew = tree == newTree;
+        if (isOld)
+            ++counts.old;
+        else if (isNew)
+            ++counts.updated;
+        else
+            ++counts.mixed;
+        EXPECT_TRUE(isOld || isNew) << where << ": the editor is neither 1.0 nor 2.0\n"
+                                    << ReadTextFile(s.logFile);
+        if (fault != Fault::Kill) {
+            // The run itself says which: 9 rolled back, 0 updated.
+            EXPECT_EQ(code,
+                      isNew ? std::optional<std::string>("0") : std::optional<std::string>("9"))
+                << where << "\n"
+                << ReadTextFile(s.logFile);
+        }
+        if (::testing::Test::HasFailure())
+            return counts;
+        // One more run ends at 2.0: it applies the update, or finds it applied.
+        ::unlink(s.returnCodeFile.c_str());
+        const auto last = RunBundle(s, s.bundle);
+        EXPECT_TRUE(last && *last == 0) << where;
+        EXPECT_EQ(s.returnCode(), isNew ? "3" : "0") << where << "\n" << ReadTextFile(s.logFile);
+        EXPECT_EQ(OwnedSnapshot(s.app), newTree) << where;
+        if (::testing::Test::HasFailure())
+            return counts;
+    }
+    return counts;
+}
+
+// The whole sweep over an update with `extra` more files; stride 1 tries every call.
+void RunFaultSweep(int extra, long long stride, const std::vector<Fault>& faults) {
+    Scenario s;
+    PrepareLargeUpdate(s, extra);
+    ASSERT_FALSE(::testing::Test::HasFailure());
+    fs::create_directories(kStateFolder);
+    ASSERT_EQ(RunTool({"cp", "-a", s.app, kSavedApp}), 0);
+    MakeProbeBundle(s);
+    const auto oldTree = OwnedSnapshot(s.app);
+
+    // A whole run, counted: the tree it leaves is 2.0.
+    const std::string countFile = s.work + "/calls.txt";
+    ASSERT_EQ(RunBundle(s, s.bundle, FaultAssignments(0, "", countFile)), 0);
+    ASSERT_EQ(s.returnCode(), "0") << ReadTextFile(s.logFile);
+    const auto newTree = OwnedSnapshot(s.app);
+    ASSERT_NE(oldTree, newTree);
+    const long long calls = std::atoll(ReadTextFile(countFile).c_str());
+    ASSERT_GT(calls, 50);
+
+    for (const Fault fault : faults) {
+        const SweepCounts counts = Sweep(s, fault, calls, stride, oldTree, newTree);
+        const char* name = fault == Fault::Kill      ? "SIGKILL"
+                           : fault == Fault::NoSpace ? "ENOSPC"
+                                                     : "EIO";
+        std::printf("%s over %lld changing calls (every %lld): %d runs: %d old, %d new, %d mixed\n",
+                    name, calls, stride, counts.runs, counts.old, counts.updated, counts.mixed);
+        std::fflush(stdout);
+        EXPECT_EQ(counts.mixed, 0);
+        EXPECT_GT(counts.old, 0);
+        EXPECT_GT(counts.updated, 0);
+        if (::testing::Test::HasFailure())
+            return;
+    }
+}
+
+} // namespace
+
+// Killed at every changing call of an update of about fifty entries, then started again.
+TEST(FaultSweep, KilledAtAnyCallTheEditorIsOldOrNew) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    RunFaultSweep(static_cast<int>(EnvironmentNumber("ORVEL_SWEEP_EXTRA", 36)),
+                  EnvironmentNumber("ORVEL_SWEEP_STRIDE", 1), {Fault::Kill});
+}
+
+// A full disk at every changing call: the run itself rolls back (9) or has finished (0).
+TEST(FaultSweep, NoSpaceAtAnyCallEndsOldWithNineOrNewWithZero) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    RunFaultSweep(static_cast<int>(EnvironmentNumber("ORVEL_SWEEP_EXTRA", 36)),
+                  EnvironmentNumber("ORVEL_SWEEP_STRIDE", 1), {Fault::NoSpace});
+}
+
+// The same with a failing disk.
+TEST(FaultSweep, IoErrorAtAnyCallEndsOldWithNineOrNewWithZero) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    RunFaultSweep(static_cast<int>(EnvironmentNumber("ORVEL_SWEEP_EXTRA", 36)),
+                  EnvironmentNumber("ORVEL_SWEEP_STRIDE", 1), {Fault::IoError});
+}
