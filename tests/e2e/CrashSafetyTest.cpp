@@ -11,6 +11,7 @@
 #include "ManifestText.h"
 #include "TestSupport.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <random>
@@ -226,32 +227,53 @@ SweepCounts Sweep(Scenario& s, Fault fault, long long calls, long long stride,
     return counts;
 }
 
+// The editor at 1.0 with the update's bundle built, a probe bundle, and the trees of 1.0 and
+// 2.0 (the second from a whole run, whose changing calls are counted); the editor is back
+// at 1.0 afterwards.
+struct PreparedUpdate {
+    Scenario s;
+    std::map<std::string, std::string> oldTree, newTree;
+    long long calls = 0;
+
+    explicit PreparedUpdate(int extra) {
+        PrepareLargeUpdate(s, extra);
+        if (::testing::Test::HasFailure())
+            return;
+        fs::create_directories(kStateFolder);
+        EXPECT_EQ(RunTool({"cp", "-a", s.app, kSavedApp}), 0);
+        MakeProbeBundle(s);
+        oldTree = OwnedSnapshot(s.app);
+        const std::string countFile = s.work + "/calls.txt";
+        EXPECT_EQ(RunBundle(s, s.bundle, FaultAssignments(0, "", countFile)), 0);
+        EXPECT_EQ(s.returnCode(), "0") << ReadTextFile(s.logFile);
+        newTree = OwnedSnapshot(s.app);
+        EXPECT_NE(oldTree, newTree);
+        calls = std::atoll(ReadTextFile(countFile).c_str());
+        EXPECT_GT(calls, 50);
+        ResetInstallation(s);
+    }
+
+    long count(const std::string& message) const {
+        const auto lines = s.logLines();
+        return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+            return line.find(message) != std::string::npos;
+        });
+    }
+};
+
 // The whole sweep over an update with `extra` more files; stride 1 tries every call.
 void RunFaultSweep(int extra, long long stride, const std::vector<Fault>& faults) {
-    Scenario s;
-    PrepareLargeUpdate(s, extra);
+    PreparedUpdate update(extra);
     ASSERT_FALSE(::testing::Test::HasFailure());
-    fs::create_directories(kStateFolder);
-    ASSERT_EQ(RunTool({"cp", "-a", s.app, kSavedApp}), 0);
-    MakeProbeBundle(s);
-    const auto oldTree = OwnedSnapshot(s.app);
-
-    // A whole run, counted: the tree it leaves is 2.0.
-    const std::string countFile = s.work + "/calls.txt";
-    ASSERT_EQ(RunBundle(s, s.bundle, FaultAssignments(0, "", countFile)), 0);
-    ASSERT_EQ(s.returnCode(), "0") << ReadTextFile(s.logFile);
-    const auto newTree = OwnedSnapshot(s.app);
-    ASSERT_NE(oldTree, newTree);
-    const long long calls = std::atoll(ReadTextFile(countFile).c_str());
-    ASSERT_GT(calls, 50);
-
     for (const Fault fault : faults) {
-        const SweepCounts counts = Sweep(s, fault, calls, stride, oldTree, newTree);
+        const SweepCounts counts =
+            Sweep(update.s, fault, update.calls, stride, update.oldTree, update.newTree);
         const char* name = fault == Fault::Kill      ? "SIGKILL"
                            : fault == Fault::NoSpace ? "ENOSPC"
                                                      : "EIO";
         std::printf("%s over %lld changing calls (every %lld): %d runs: %d old, %d new, %d mixed\n",
-                    name, calls, stride, counts.runs, counts.old, counts.updated, counts.mixed);
+                    name, update.calls, stride, counts.runs, counts.old, counts.updated,
+                    counts.mixed);
         std::fflush(stdout);
         EXPECT_EQ(counts.mixed, 0);
         EXPECT_GT(counts.old, 0);
@@ -282,4 +304,127 @@ TEST(FaultSweep, IoErrorAtAnyCallEndsOldWithNineOrNewWithZero) {
     ORVEL_E2E_IN_PRIVATE_SYSTEM();
     RunFaultSweep(static_cast<int>(EnvironmentNumber("ORVEL_SWEEP_EXTRA", 36)),
                   EnvironmentNumber("ORVEL_SWEEP_STRIDE", 1), {Fault::IoError});
+}
+
+// Killed half way, the update is rolled back by the next start, which says so and then
+// applies the update; killed after its commit, the next start keeps it and says so.
+TEST(Recovery, TheNextStartSaysWhatItFoundAndWhatItDid) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    PreparedUpdate update(6);
+    ASSERT_FALSE(::testing::Test::HasFailure());
+    Scenario& s = update.s;
+
+    (void)RunBundle(s, s.bundle, FaultAssignments(update.calls / 2, ""));
+    EXPECT_FALSE(s.logContains("Exit code: 0"));
+    ASSERT_TRUE(FileExists(kStateFolder + "/update-in-progress"));
+    ASSERT_EQ(RunBundle(s, s.bundle), 0);
+    EXPECT_EQ(s.returnCode(), "0");
+    EXPECT_EQ(update.count("Found an update of " + s.installDir + " that did not finish: process"),
+              1);
+    EXPECT_EQ(update.count("Rolling it back from the journal in "), 1);
+    EXPECT_EQ(update.count("The unfinished update was rolled back: " + s.installDir +
+                           " is at its old version again"),
+              1);
+    EXPECT_EQ(OwnedSnapshot(s.app), update.newTree);
+    EXPECT_FALSE(FileExists(kStateFolder + "/update-in-progress"));
+    EXPECT_FALSE(FileExists("/opt/.orvel-patcher-backup"));
+
+    // The last changing calls remove the record and then the backups; killed at the last
+    // call that leaves the record, the run had committed.
+    for (long long n = update.calls; n > 0; --n) {
+        ResetInstallation(s);
+        (void)RunBundle(s, s.bundle, FaultAssignments(n, ""));
+        if (FileExists(kStateFolder + "/update-in-progress"))
+            break;
+    }
+    ASSERT_TRUE(FileExists(kStateFolder + "/update-in-progress"));
+    ASSERT_EQ(RunBundle(s, s.bundle), 0);
+    EXPECT_EQ(s.returnCode(), "3");
+    EXPECT_EQ(update.count("That update had been committed: " + s.installDir +
+                           " is at its new version; its journal is discarded"),
+              1);
+    EXPECT_EQ(OwnedSnapshot(s.app), update.newTree);
+    EXPECT_FALSE(FileExists(kStateFolder + "/update-in-progress"));
+}
+
+// SIGTERM, SIGHUP and SIGINT in the middle of the walk cancel the update: rolled back, 9.
+TEST(Signals, TermHupAndIntDuringTheWalkRollBackWithNine) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    PreparedUpdate update(6);
+    ASSERT_FALSE(::testing::Test::HasFailure());
+    Scenario& s = update.s;
+    const std::vector<std::pair<std::string, std::string>> signals = {
+        {"TERM", "Signal 15"}, {"HUP", "Signal 1"}, {"INT", "Signal 2"}};
+    for (const auto& [name, logged] : signals) {
+        SCOPED_TRACE(name);
+        ResetInstallation(s);
+        auto env = FaultAssignments(update.calls / 2, "");
+        env.push_back("ORVEL_FAULT_SIGNAL=" + name);
+        ASSERT_EQ(RunBundle(s, s.bundle, env), 0) << s.patcherOutput();
+        EXPECT_EQ(s.returnCode(), "9");
+        EXPECT_EQ(update.count(logged + " "), 1) << ReadTextFile(s.logFile);
+        EXPECT_EQ(update.count("received: the update is cancelled"), 1);
+        EXPECT_TRUE(s.logContains("Rollback successful"));
+        EXPECT_EQ(OwnedSnapshot(s.app), update.oldTree);
+        EXPECT_FALSE(FileExists(kStateFolder + "/update-in-progress"));
+    }
+}
+
+// Patchers started together on one installation: one applies the update, the others wait
+// for it and then find the editor up to date. Never a mixed tree, never two entries.
+TEST(Concurrency, TwoAndFourPatchersAtOnceNeverMix) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    PreparedUpdate update(6);
+    ASSERT_FALSE(::testing::Test::HasFailure());
+    Scenario& s = update.s;
+    for (const int together : {2, 2, 2, 4, 4}) {
+        SCOPED_TRACE(together);
+        ResetInstallation(s);
+        std::vector<ChildProcess> patchers;
+        for (int i = 0; i < together; ++i)
+            patchers.push_back(StartBundle(s, s.bundle, {}));
+        for (auto& patcher : patchers)
+            EXPECT_EQ(patcher.wait(120s), 0);
+        EXPECT_EQ(OwnedSnapshot(s.app), update.newTree);
+        EXPECT_EQ(update.count("Exit code: 0"), 1) << ReadTextFile(s.logFile);
+        EXPECT_EQ(update.count("App is already up-to-date"), together - 1);
+        const std::string history = ReadTextFile(s.historyFile);
+        size_t entries = 0;
+        for (size_t at = history.find("<Patcher "); at != std::string::npos;
+             at = history.find("<Patcher ", at + 1))
+            ++entries;
+        EXPECT_EQ(entries, 1u);
+        if (::testing::Test::HasFailure())
+            return;
+    }
+}
+
+// While another process holds the lock, a silent run waits, and gives up with 11 after its
+// limit; once the lock is free, it goes on.
+TEST(Lock, ASilentRunWaitsForTheLockAndGivesUpWithEleven) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    PreparedUpdate update(0);
+    ASSERT_FALSE(::testing::Test::HasFailure());
+    Scenario& s = update.s;
+    const std::string lock = kStateFolder + "/patcher.lock";
+    const std::string held = s.work + "/lock-held";
+    ChildProcess holder({"flock", "--close", lock, "sh", "-c", "touch '" + held + "'; sleep 60"},
+                        CleanEnvironment({}));
+    ASSERT_TRUE(WaitUntil([&] { return FileExists(held); }, 10s));
+
+    ASSERT_EQ(RunBundle(s, s.bundle, {"ORVEL_PATCHER_LOCK_WAIT=1"}), 0);
+    EXPECT_EQ(s.returnCode(), "11");
+    EXPECT_EQ(update.count("is updating this machine; waiting for it to finish"), 1);
+    EXPECT_EQ(update.count("Another patcher is still updating this machine: giving up after 1 s"),
+              1);
+    EXPECT_EQ(OwnedSnapshot(s.app), update.oldTree);
+
+    // A run that waits longer goes on once the holder has ended.
+    ChildProcess patcher = StartBundle(s, s.bundle, {"ORVEL_PATCHER_LOCK_WAIT=60"});
+    ASSERT_TRUE(WaitUntil([&] { return update.count("waiting for it to finish") == 2; }, 10s));
+    holder.kill();
+    EXPECT_EQ(patcher.wait(60s), 0);
+    EXPECT_EQ(s.returnCode(), "0");
+    EXPECT_TRUE(s.logContains("The other patcher has finished"));
+    EXPECT_EQ(OwnedSnapshot(s.app), update.newTree);
 }

@@ -8,6 +8,7 @@
 //   ORVEL_FAULT_PATHS     colon-separated folders whose files count (default: all)
 //   ORVEL_FAULT_AT        the call to act on, from 1; 0 or unset: count only
 //   ORVEL_FAULT_ERROR     ENOSPC or EIO: fail the call; unset: SIGKILL
+//   ORVEL_FAULT_SIGNAL    TERM, HUP or INT: send that signal instead and let the call go on
 //   ORVEL_FAULT_COUNT     a file that receives the number of counted calls at exit
 //
 // Calls counted: write, pwrite, writev, sendfile, copy_file_range, ftruncate, fsync,
@@ -38,7 +39,8 @@
 
 static int g_active;
 static long long g_at;
-static int g_error; // 0: SIGKILL
+static int g_error;  // 0: SIGKILL
+static int g_signal; // sent instead of SIGKILL, the call going on
 static atomic_llong g_count;
 static char* g_prefixes[MAX_PREFIXES];
 static size_t g_prefixCount;
@@ -55,10 +57,17 @@ __attribute__((constructor)) static void FaultInit(void) {
         g_error = ENOSPC;
     else if (error && strcmp(error, "EIO") == 0)
         g_error = EIO;
+    const char* signal = getenv("ORVEL_FAULT_SIGNAL");
+    if (signal && strcmp(signal, "TERM") == 0)
+        g_signal = SIGTERM;
+    else if (signal && strcmp(signal, "HUP") == 0)
+        g_signal = SIGHUP;
+    else if (signal && strcmp(signal, "INT") == 0)
+        g_signal = SIGINT;
     const char* paths = getenv("ORVEL_FAULT_PATHS");
     if (paths && *paths) {
         char* copy = strdup(paths);
-        for (char* save = NULL, *part = strtok_r(copy, ":", &save);
+        for (char *save = NULL, *part = strtok_r(copy, ":", &save);
              part && g_prefixCount < MAX_PREFIXES; part = strtok_r(NULL, ":", &save))
             g_prefixes[g_prefixCount++] = part;
     }
@@ -124,6 +133,10 @@ static int Step(int covered) {
     const long long n = atomic_fetch_add(&g_count, 1) + 1;
     if (n != g_at)
         return 0;
+    if (g_signal != 0) {
+        kill(getpid(), g_signal);
+        return 0;
+    }
     if (g_error == 0) {
         kill(getpid(), SIGKILL);
         for (;;)
