@@ -76,8 +76,17 @@ int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info) {
     const std::string folder = ParentPath(backup);
     if (!folder.empty() && folder != _backupDir)
         (void)_files.createDirectoryAtPath(folder); // a failure shows in the copy
-    if (PathExistsNoFollow(backup) || !keep(destination, entry, backup)) {
+    if (PathExistsNoFollow(backup)) {
         NSLevelledLog(3, "File copy operation failed.");
+        NSLevelledLog(0, "Cannot keep \"%@\": the backup \"%@\" exists already", destination,
+                      backup);
+        return 1;
+    }
+    if (!keep(destination, entry, backup)) {
+        const int error = errno;
+        NSLevelledLog(3, "File copy operation failed.");
+        NSLevelledLog(0, "Cannot keep \"%@\" as \"%@\": %@", destination, backup,
+                      std::string(std::strerror(error)));
         return 1;
     }
     return 0;

@@ -47,8 +47,9 @@ std::string PseudoRandomBytes(size_t size, unsigned seed) {
 }
 
 // The editor at 1.0 and its update to 2.0: every kind of file entry, a bundle set, a
-// directory set, a patched file of several megabytes, files owned by another user, an
-// owner change, and `extra` more added, overwritten and removed files. Returns the manifest.
+// directory set, a patched file of several megabytes, a new one of 2 MB, files owned by another
+// user, an owner change, and `extra` more added, overwritten and removed files. Returns the
+// manifest.
 std::string PrepareLargeUpdate(Scenario& s, int extra) {
     s.installApplication();
     s.registerInstallation();
@@ -67,6 +68,11 @@ std::string PrepareLargeUpdate(Scenario& s, int extra) {
     entries.push_back({"PATCH", "data.patch", resToken, "data.bin",
                        Md5OfFile(res + "/data.bin").value_or(""),
                        Md5OfFile(s.work + "/data.new").value_or("")});
+
+    // A new 2 MB file.
+    WriteTextFile(s.payload + "/big.bin", PseudoRandomBytes(2 << 20, 11));
+    entries.push_back({"ADD", "big.bin", resToken, "big.bin", "",
+                       Md5OfFile(s.payload + "/big.bin").value_or("")});
 
     fs::create_directories(res + "/more");
     for (int i = 0; i < extra; ++i) {
@@ -427,4 +433,64 @@ TEST(Lock, ASilentRunWaitsForTheLockAndGivesUpWithEleven) {
     EXPECT_EQ(s.returnCode(), "0");
     EXPECT_TRUE(s.logContains("The other patcher has finished"));
     EXPECT_EQ(OwnedSnapshot(s.app), update.newTree);
+}
+
+namespace {
+
+bool MountSmallTmpfs(const std::string& folder, const std::string& size) {
+    fs::create_directories(folder);
+    const std::string options = "size=" + size + ",mode=0755";
+    return ::mount("tmpfs", folder.c_str(), "tmpfs", 0, options.c_str()) == 0;
+}
+
+// The run ends at 1.0 with 9, and its log names the full disk.
+void ExpectRolledBackForWantOfSpace(PreparedUpdate& update) {
+    Scenario& s = update.s;
+    ASSERT_EQ(RunBundle(s, s.bundle), 0) << s.patcherOutput();
+    EXPECT_EQ(s.returnCode(), "9") << ReadTextFile(s.logFile);
+    EXPECT_GE(update.count("No space left on device"), 1) << ReadTextFile(s.logFile);
+    EXPECT_TRUE(s.logContains("Rollback successful"));
+    EXPECT_EQ(OwnedSnapshot(s.app), update.oldTree);
+    EXPECT_FALSE(FileExists(kStateFolder + "/update-in-progress"));
+}
+
+} // namespace
+
+// The working folder's volume holds less than the payload (a 2 MB new file).
+TEST(FullDisk, AFullTmpLeavesTheEditorOldWithNine) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    PreparedUpdate update(0);
+    ASSERT_FALSE(::testing::Test::HasFailure());
+    ASSERT_TRUE(MountSmallTmpfs("/tmp/OrvelQX3", "1m"));
+    ExpectRolledBackForWantOfSpace(update);
+}
+
+// The backup place (the state folder, as the installation's volume is open to others)
+// cannot hold the copy of the 3 MB data file that the update patches.
+TEST(FullDisk, AFullBackupPlaceLeavesTheEditorOldWithNine) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    PreparedUpdate update(0);
+    ASSERT_FALSE(::testing::Test::HasFailure());
+    fs::permissions("/opt", fs::perms::group_write, fs::perm_options::add);
+    ASSERT_TRUE(MountSmallTmpfs(kStateFolder, "512k"));
+    ::chmod(kStateFolder.c_str(), 0700);
+    ExpectRolledBackForWantOfSpace(update);
+    EXPECT_TRUE(update.s.logContains("Backups and journal in " + kStateFolder + "/backup"));
+}
+
+// The installation's volume has room for the editor and little more: the new data file
+// does not fit beside the old one.
+TEST(FullDisk, AFullInstallationVolumeLeavesTheEditorOldWithNine) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    PreparedUpdate update(0);
+    ASSERT_FALSE(::testing::Test::HasFailure());
+    Scenario& s = update.s;
+    uintmax_t used = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(kSavedApp))
+        if (entry.is_regular_file() && !entry.is_symlink())
+            used += entry.file_size();
+    RunTool({"rm", "-rf", s.app});
+    ASSERT_TRUE(MountSmallTmpfs(s.installDir, std::to_string(used / 1024 + 1600) + "k"));
+    ASSERT_EQ(RunTool({"cp", "-a", kSavedApp, s.app}), 0);
+    ExpectRolledBackForWantOfSpace(update);
 }
