@@ -211,6 +211,18 @@ std::vector<std::string> FaultInjectingFileSystem::callLog() const {
     return _log;
 }
 
+namespace {
+
+// The file behind a descriptor, for the call log.
+std::string PathOfDescriptor(int fd) {
+    char target[PATH_MAX];
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    const ssize_t n = ::readlink(link.c_str(), target, sizeof target - 1);
+    return n > 0 ? std::string(target, static_cast<size_t>(n)) : "fd " + std::to_string(fd);
+}
+
+} // namespace
+
 bool FaultInjectingFileSystem::admit(const std::string& what) {
     const uint64_t number = ++_calls;
     {
@@ -237,23 +249,23 @@ UniqueFd FaultInjectingFileSystem::openForReading(const std::string& path) {
 }
 
 bool FaultInjectingFileSystem::write(int fd, const void* data, size_t size) {
-    return admit("write") && _inner.write(fd, data, size);
+    return admit("write " + PathOfDescriptor(fd)) && _inner.write(fd, data, size);
 }
 
 bool FaultInjectingFileSystem::writeAt(int fd, const void* data, size_t size, uint64_t offset) {
-    return admit("write-at") && _inner.writeAt(fd, data, size, offset);
+    return admit("write-at " + PathOfDescriptor(fd)) && _inner.writeAt(fd, data, size, offset);
 }
 
 bool FaultInjectingFileSystem::copyData(int in, int out, const CopyObserver& observe) {
-    return admit("copy-data") && _inner.copyData(in, out, observe);
+    return admit("copy-data " + PathOfDescriptor(out)) && _inner.copyData(in, out, observe);
 }
 
 bool FaultInjectingFileSystem::truncate(int fd, uint64_t size) {
-    return admit("truncate") && _inner.truncate(fd, size);
+    return admit("truncate " + PathOfDescriptor(fd)) && _inner.truncate(fd, size);
 }
 
 bool FaultInjectingFileSystem::syncFile(int fd, bool metadata) {
-    return admit("sync-file") && _inner.syncFile(fd, metadata);
+    return admit("sync-file " + PathOfDescriptor(fd)) && _inner.syncFile(fd, metadata);
 }
 
 bool FaultInjectingFileSystem::syncFolder(const std::string& path) {
@@ -261,7 +273,7 @@ bool FaultInjectingFileSystem::syncFolder(const std::string& path) {
 }
 
 bool FaultInjectingFileSystem::close(UniqueFd& fd) {
-    if (!admit("close")) {
+    if (!admit("close " + PathOfDescriptor(fd.get()))) {
         const int error = errno;
         fd.reset(); // a failed close still releases the descriptor
         errno = error;
@@ -316,7 +328,7 @@ bool FaultInjectingFileSystem::setMode(const std::string& path, mode_t mode) {
 }
 
 bool FaultInjectingFileSystem::setModeOfFile(int fd, mode_t mode) {
-    return admit("fchmod") && _inner.setModeOfFile(fd, mode);
+    return admit("fchmod " + PathOfDescriptor(fd)) && _inner.setModeOfFile(fd, mode);
 }
 
 bool FaultInjectingFileSystem::setTimes(const std::string& path, const timespec times[2]) {
@@ -324,7 +336,7 @@ bool FaultInjectingFileSystem::setTimes(const std::string& path, const timespec 
 }
 
 bool FaultInjectingFileSystem::setTimesOfFile(int fd, const timespec times[2]) {
-    return admit("futimens") && _inner.setTimesOfFile(fd, times);
+    return admit("futimens " + PathOfDescriptor(fd)) && _inner.setTimesOfFile(fd, times);
 }
 
 std::optional<uint64_t> FaultInjectingFileSystem::freeSpace(const std::string& path) {

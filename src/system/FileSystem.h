@@ -114,7 +114,8 @@ public:
     uint64_t calls() const { return _calls.load(); }
     // True once the chosen call has failed.
     bool failed() const { return _failed.load(); }
-    // The name of each call made so far, in order ("rename /a -> /b").
+    // The name of each call made so far, in order, with the path it changes ("rename /a ->
+    // /b", "sync-file /a" for a descriptor open on /a).
     std::vector<std::string> callLog() const;
 
     UniqueFd createFile(const std::string& path, mode_t mode) override;

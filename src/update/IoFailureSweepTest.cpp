@@ -16,11 +16,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <set>
 #include <sys/stat.h>
 
 namespace fs = std::filesystem;
@@ -286,6 +288,67 @@ TEST_F(IoFailureSweep, EveryFailedCallLeavesTheOldOrTheNewVersion) {
               << triedIo << " with EIO" << std::endl;
     EXPECT_EQ(triedNoSpace, static_cast<int>(counting.calls()) + 1);
     EXPECT_EQ(triedIo, static_cast<int>(counting.calls()) + 1);
+}
+
+// The order in which a run's changes reach the disk, read from the seam's call log: new
+// content is synced before it is renamed over its target, the rename is followed by the
+// sync of its folder, and no change of the installed tree is made while a journal write is
+// not yet synced (each undo entry is on disk before the change that it undoes).
+TEST_F(IoFailureSweep, NewContentAndJournalEntriesAreOnDiskBeforeTheyCount) {
+    FaultInjectingFileSystem recording; // fails nothing
+    {
+        LogCapture log;
+        ASSERT_EQ(RunFromOldVersion(&recording), "0");
+    }
+    const std::vector<std::string> calls = recording.callLog();
+    const std::string journal = payload + "/backupDir/RollBack.xml";
+    const std::set<std::string> writing = {"create", "write", "write-at", "copy-data", "truncate"};
+    const std::set<std::string> changing = {
+        "create", "write", "write-at", "copy-data", "truncate", "mkdir",  "rmdir",   "unlink",
+        "rename", "link",  "symlink",  "chown",     "chmod",    "fchmod", "utimens", "futimens"};
+    std::map<std::string, bool> unsynced; // file -> written since its last sync
+    bool journalUnsynced = false;
+    int journalSyncs = 0, replacements = 0, treeChanges = 0;
+    for (size_t i = 0; i < calls.size(); ++i) {
+        const std::string& call = calls[i];
+        const auto space = call.find(' ');
+        const std::string verb = call.substr(0, space);
+        const std::string path = space == std::string::npos ? "" : call.substr(space + 1);
+        if (changing.count(verb) && path.rfind(app + "/", 0) == 0) {
+            ++treeChanges;
+            EXPECT_FALSE(journalUnsynced) << "call " << i << " (" << call
+                                          << ") changes the tree before the journal is synced";
+        }
+        if (writing.count(verb)) {
+            if (path == journal)
+                journalUnsynced = true;
+            else
+                unsynced[path] = true;
+        } else if (verb == "sync-file") {
+            if (path == journal) {
+                journalUnsynced = false;
+                ++journalSyncs;
+            }
+            unsynced[path] = false;
+        } else if (verb == "rename") {
+            const std::string from = path.substr(0, path.find(" -> "));
+            const std::string to = path.substr(path.find(" -> ") + 4);
+            if (from.find("/.orvel-new.") == std::string::npos)
+                continue;
+            ++replacements;
+            EXPECT_FALSE(unsynced[from])
+                << "call " << i << " (" << call << ") renames content that is not synced";
+            const std::string folderSync = "sync-folder " + fs::path(to).parent_path().string();
+            EXPECT_NE(std::find(calls.begin() + static_cast<long>(i), calls.end(), folderSync),
+                      calls.end())
+                << "call " << i << " (" << call << ") is never followed by " << folderSync;
+        }
+    }
+    EXPECT_FALSE(journalUnsynced);
+    // Every kind of replacement took part: added, overwritten, patched, the bundle's file.
+    EXPECT_GE(replacements, 10);
+    EXPECT_GE(journalSyncs, static_cast<int>(entryCount) - 2);
+    EXPECT_GT(treeChanges, replacements);
 }
 
 } // namespace
