@@ -194,7 +194,7 @@ bool PatcherState::writeRecord(const Record& record) {
     for (const std::string* value :
          {&record.application, &record.backupFolder, &record.historyFile, &record.historyUpdate}) {
         if (value->find('\n') != std::string::npos) {
-            NSLevelledLog(0, "Cannot record a path with a line break: %@", *value);
+            NSLevelledLog(0, "Cannot record a path with a line break in it");
             errno = EINVAL;
             return false;
         }
