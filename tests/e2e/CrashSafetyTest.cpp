@@ -271,6 +271,9 @@ struct PreparedUpdate {
 void RunFaultSweep(int extra, long long stride, const std::vector<Fault>& faults) {
     PreparedUpdate update(extra);
     ASSERT_FALSE(::testing::Test::HasFailure());
+    // A number of runs asked for spreads them evenly over the calls.
+    if (const long long runs = EnvironmentNumber("ORVEL_SWEEP_RUNS", 0); runs > 0)
+        stride = std::max(1LL, update.calls / runs);
     for (const Fault fault : faults) {
         const SweepCounts counts =
             Sweep(update.s, fault, update.calls, stride, update.oldTree, update.newTree);
