@@ -1,5 +1,6 @@
 #include "run/UpdateEngine.h"
 
+#include "base/Path.h"
 #include "base/StringTable.h"
 #include "report/KORInstallerResultsWrapper.h"
 #include "report/ProgressWindowController.h"
@@ -11,6 +12,7 @@
 #include "runtime/LoggerUtility.h"
 #include "runtime/MainLoop.h"
 #include "system/FileSystem.h"
+#include "target/DirTokenResolver.h"
 #include "target/InstalledApp.h"
 #include "target/LoadConfigData.h"
 #include "target/LocateInstalledApplication.h"
@@ -222,10 +224,23 @@ ManifestRunEnvironment UpdateEngine::manifestEnvironment() const {
 
 bool UpdateEngine::recoverUnfinishedUpdate() {
     const ManifestRunEnvironment environment = manifestEnvironment();
-    const RecoveryResult result =
-        RecoverInterruptedUpdate(*_state, [&](const std::string& folder, const std::string& app) {
-            return ProcessManifest::replayJournal(folder, app, environment);
-        });
+    const auto replay = [&](const std::string& folder, const std::string& app) {
+        return ProcessManifest::replayJournal(folder, app, environment);
+    };
+    const auto restart = [&](const std::string& folder, const std::vector<std::string>& services) {
+        const XmlNode manifest = ProcessManifest::getRootNodeOfXMLGivenPath(
+            JoinPath(folder, PatcherState::kManifestCopyName));
+        const DirTokenResolver resolver(_environment.paths);
+        ServicesHandler handler(
+            manifest, std::string(),
+            [&resolver](const std::string& path) {
+                return resolver.expandDirectoryTokenForPath(path, std::nullopt);
+            },
+            _environment.serviceSettings);
+        for (const std::string& service : services)
+            (void)handler.start(service);
+    };
+    const RecoveryResult result = RecoverInterruptedUpdate(*_state, replay, restart);
     if (result == RecoveryResult::ReplayFailed || result == RecoveryResult::Unreadable) {
         endWithFailure("Error while updating and rollback failed",
                        SilentReturnCode::RollbackFailed);

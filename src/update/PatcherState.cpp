@@ -173,6 +173,8 @@ std::optional<PatcherState::Record> PatcherState::readRecord(std::string& reason
             record.historyFile = value;
         } else if (key == "historyUpdate") {
             record.historyUpdate = value;
+        } else if (key == "service") {
+            record.stoppedServices.push_back(value);
         }
     }
     const bool committing = record.stage == Stage::Committing;
@@ -191,8 +193,13 @@ bool PatcherState::writeRecord(const Record& record) {
     if (record.stage == Stage::Committing)
         text +=
             "historyFile=" + record.historyFile + "\nhistoryUpdate=" + record.historyUpdate + "\n";
-    for (const std::string* value :
-         {&record.application, &record.backupFolder, &record.historyFile, &record.historyUpdate}) {
+    std::vector<const std::string*> values = {&record.application, &record.backupFolder,
+                                              &record.historyFile, &record.historyUpdate};
+    for (const std::string& service : record.stoppedServices) {
+        text += "service=" + service + "\n";
+        values.push_back(&service);
+    }
+    for (const std::string* value : values) {
         if (value->find('\n') != std::string::npos) {
             NSLevelledLog(0, "Cannot record a path with a line break in it");
             errno = EINVAL;
@@ -275,7 +282,23 @@ bool PatcherState::removeBackupFolder(const std::string& path) {
     return true;
 }
 
-RecoveryResult RecoverInterruptedUpdate(PatcherState& state, const JournalReplay& replay) {
+namespace {
+
+void RestartStoppedServices(const PatcherState::Record& record,
+                            const ServiceRestart& restartServices) {
+    if (record.stoppedServices.empty())
+        return;
+    std::string names;
+    for (const std::string& service : record.stoppedServices)
+        names += (names.empty() ? "" : ", ") + service;
+    NSLevelledLog(0, "Starting the services that update had stopped: %@", names);
+    restartServices(record.backupFolder, record.stoppedServices);
+}
+
+} // namespace
+
+RecoveryResult RecoverInterruptedUpdate(PatcherState& state, const JournalReplay& replay,
+                                        const ServiceRestart& restartServices) {
     std::string reason;
     auto record = state.readRecord(reason);
     if (!record) {
@@ -313,6 +336,7 @@ RecoveryResult RecoverInterruptedUpdate(PatcherState& state, const JournalReplay
                       "That update had been committed: %@ is at its new version; its "
                       "journal is discarded",
                       record->application);
+        RestartStoppedServices(*record, restartServices);
         if (state.removeRecord())
             (void)state.removeBackupFolder(record->backupFolder);
         return RecoveryResult::RolledOn;
@@ -328,6 +352,7 @@ RecoveryResult RecoverInterruptedUpdate(PatcherState& state, const JournalReplay
     }
     NSLevelledLog(0, "The unfinished update was rolled back: %@ is at its old version again",
                   record->application);
+    RestartStoppedServices(*record, restartServices);
     if (state.removeRecord())
         (void)state.removeBackupFolder(record->backupFolder);
     return RecoveryResult::RolledBack;

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 class FileSystem;
 
@@ -27,6 +28,7 @@ public:
     static constexpr const char* kRecordName = "update-in-progress";
     static constexpr const char* kBackupName = "backup";
     static constexpr const char* kForeignBackupName = ".orvel-patcher-backup";
+    static constexpr const char* kManifestCopyName = "Manifest.xml";
 
     // How far an update got; the record's "state".
     enum class Stage {
@@ -43,6 +45,8 @@ public:
         Stage stage = Stage::Running;
         std::string historyFile;   // Committing only
         std::string historyUpdate; // Committing only
+        // The services the run stopped, to be started again when it cannot do it itself.
+        std::vector<std::string> stoppedServices;
     };
 
     // Every change to the record and to the backup folder goes through fileSystem.
@@ -100,6 +104,13 @@ enum class RecoveryResult {
 using JournalReplay =
     std::function<bool(const std::string& backupFolder, const std::string& application)>;
 
+// Starts again services that a run stopped; the run's manifest is kept in its backup
+// folder as kManifestCopyName.
+using ServiceRestart =
+    std::function<void(const std::string& backupFolder, const std::vector<std::string>& services)>;
+
 // Finds the record of a run that did not finish and brings its application back to a
-// whole version, logging what it found and what it did. Called with the lock held.
-RecoveryResult RecoverInterruptedUpdate(PatcherState& state, const JournalReplay& replay);
+// whole version, logging what it found and what it did, and starts the services that run
+// had stopped. Called with the lock held.
+RecoveryResult RecoverInterruptedUpdate(PatcherState& state, const JournalReplay& replay,
+                                        const ServiceRestart& restartServices);

@@ -157,6 +157,12 @@ struct ReplayCall {
     int calls = 0;
     std::string backupFolder, application;
     bool result = true;
+    std::vector<std::string> restarted;
+    ServiceRestart restart() {
+        return [this](const std::string&, const std::vector<std::string>& services) {
+            restarted = services;
+        };
+    }
     JournalReplay replay() {
         return [this](const std::string& folder, const std::string& app) {
             ++calls;
@@ -171,19 +177,25 @@ TEST_F(PatcherStateTest, NothingToRecoverWithoutARecord) {
     std::string reason;
     ASSERT_TRUE(state.prepare(reason));
     ReplayCall replay;
-    EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay()), RecoveryResult::NothingToRecover);
+    EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay(), replay.restart()),
+              RecoveryResult::NothingToRecover);
     EXPECT_EQ(replay.calls, 0);
 }
 
 TEST_F(PatcherStateTest, ARunningUpdateIsReplayedAndForgotten) {
     std::string reason;
     ASSERT_TRUE(state.prepare(reason));
-    const auto record = runningRecord();
+    auto record = runningRecord();
+    record.stoppedServices = {"orvel-indexer", "orvel-sync"};
     ASSERT_TRUE(state.makeBackupFolder(record.backupFolder));
     ASSERT_TRUE(state.writeRecord(record));
     ReplayCall replay;
     LogCapture log;
-    EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay()), RecoveryResult::RolledBack);
+    EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay(), replay.restart()),
+              RecoveryResult::RolledBack);
+    EXPECT_EQ(replay.restarted, record.stoppedServices);
+    EXPECT_TRUE(log.contains("Starting the services that update had stopped: orvel-indexer, "
+                             "orvel-sync"));
     EXPECT_EQ(replay.calls, 1);
     EXPECT_EQ(replay.backupFolder, record.backupFolder);
     EXPECT_EQ(replay.application, record.application);
@@ -206,7 +218,8 @@ TEST_F(PatcherStateTest, AReplayThatFailsKeepsTheRecordAndTheJournal) {
     ReplayCall replay;
     replay.result = false;
     LogCapture log;
-    EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay()), RecoveryResult::ReplayFailed);
+    EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay(), replay.restart()),
+              RecoveryResult::ReplayFailed);
     EXPECT_TRUE(fs::exists(state.recordPath()));
     EXPECT_TRUE(fs::exists(record.backupFolder + "/RollBack.xml"));
     EXPECT_NE(log.text().find("could not be rolled back; its journal stays in " +
@@ -226,7 +239,8 @@ TEST_F(PatcherStateTest, ACommitCutShortBeforeTheHistoryRenameIsRolledBack) {
     ASSERT_TRUE(state.writeRecord(record));
     ReplayCall replay;
     LogCapture log;
-    EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay()), RecoveryResult::RolledBack);
+    EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay(), replay.restart()),
+              RecoveryResult::RolledBack);
     EXPECT_EQ(replay.calls, 1);
     EXPECT_FALSE(fs::exists(record.historyUpdate));
     EXPECT_FALSE(fs::exists(state.recordPath()));
@@ -245,7 +259,8 @@ TEST_F(PatcherStateTest, ACommitPastTheHistoryRenameIsKept) {
         ASSERT_TRUE(state.writeRecord(record));
         ReplayCall replay;
         LogCapture log;
-        EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay()), RecoveryResult::RolledOn);
+        EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay(), replay.restart()),
+                  RecoveryResult::RolledOn);
         EXPECT_EQ(replay.calls, 0);
         EXPECT_FALSE(fs::exists(state.recordPath()));
         EXPECT_FALSE(fs::exists(record.backupFolder));
@@ -260,7 +275,8 @@ TEST_F(PatcherStateTest, AnUnreadableRecordIsKeptAndStopsTheRun) {
     WriteTextFile(state.recordPath(), "garbage");
     ReplayCall replay;
     LogCapture log;
-    EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay()), RecoveryResult::Unreadable);
+    EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay(), replay.restart()),
+              RecoveryResult::Unreadable);
     EXPECT_EQ(replay.calls, 0);
     EXPECT_TRUE(fs::exists(state.recordPath()));
     EXPECT_NE(log.text().find("no update runs until it is gone"), std::string::npos);

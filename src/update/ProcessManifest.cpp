@@ -18,6 +18,7 @@
 #include "target/LoadConfigData.h"
 #include "target/OrvelCodeFileHandler.h"
 #include "update/ChecksumPrefetcher.h"
+#include "update/FileManager.h"
 #include "update/MD5cksum.h"
 #include "update/PayloadHandler.h"
 
@@ -203,7 +204,23 @@ std::string ProcessManifest::performUpdate(WorkDictionary& work, ThreadWorker* w
             return resolver.expandDirectoryTokenForPath(path, std::nullopt);
         },
         _environment.serviceSettings);
+    if (_environment.state) {
+        // Should the run die with services stopped, the next start finds which ones, and
+        // how to start them, in the record and in this copy of the manifest.
+        const FileManager files(fileSystem());
+        if (!files.copyItem(work.manifestFile,
+                            JoinPath(_backupDir, PatcherState::kManifestCopyName), true)) {
+            NSLevelledLog(0, "Cannot keep a copy of the manifest in %@: %@", _backupDir,
+                          std::string(std::strerror(errno)));
+            return kPermanentError;
+        }
+    }
     _serviceHandler->stopServices();
+    if (_environment.state && !_serviceHandler->restartServices().empty()) {
+        _environment.record.stoppedServices = _serviceHandler->restartServices();
+        if (!_environment.state->writeRecord(_environment.record))
+            return kPermanentError;
+    }
     return invokeAction(work.rootNode, work.appPath, work.payloadDir, work.resourceDir,
                         work.backupDir, work.progress, false, worker);
 }
