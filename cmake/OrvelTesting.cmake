@@ -1,5 +1,8 @@
-# orvel_add_test(NAME SOURCES file... LIBS lib... [LABELS label...] [TIMEOUT seconds])
-# Builds one GoogleTest executable and registers each of its tests with CTest.
+# orvel_add_test(NAME SOURCES file... LIBS lib... [LABELS label...] [TIMEOUT seconds]
+#                [COST n])
+# Builds one GoogleTest executable and registers each of its tests with CTest. A COST makes
+# a parallel ctest start the tests early (for long ones, so that they do not end a run
+# alone).
 include_guard(GLOBAL)
 
 if(ORVEL_BUILD_TESTS)
@@ -11,7 +14,7 @@ function(orvel_add_test name)
   if(NOT ORVEL_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  cmake_parse_arguments(T "" "TIMEOUT;COST" "SOURCES;LIBS;LABELS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
   if(NOT T_TIMEOUT)
@@ -20,6 +23,9 @@ function(orvel_add_test name)
   set(properties TIMEOUT ${T_TIMEOUT})
   if(T_LABELS)
     list(APPEND properties LABELS "${T_LABELS}")
+  endif()
+  if(T_COST)
+    list(APPEND properties COST ${T_COST})
   endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
 endfunction()

@@ -18,6 +18,7 @@
 #include "target/LocateInstalledApplication.h"
 #include "target/OrvelCodeFileHandler.h"
 #include "target/ZOTHService.h"
+#include "update/FileManager.h"
 #include "update/PatcherState.h"
 #include "update/ProcessManifest.h"
 
@@ -240,11 +241,21 @@ bool UpdateEngine::recoverUnfinishedUpdate() {
         for (const std::string& service : services)
             (void)handler.start(service);
     };
+    std::string reason;
+    const auto unfinished = _state->readRecord(reason);
     const RecoveryResult result = RecoverInterruptedUpdate(*_state, replay, restart);
     if (result == RecoveryResult::ReplayFailed || result == RecoveryResult::Unreadable) {
         endWithFailure("Error while updating and rollback failed",
                        SilentReturnCode::RollbackFailed);
         return false;
+    }
+    if (unfinished) {
+        // What the dead run unpacked is of no use any more.
+        const std::string working = StringWithFormat(_environment.paths.workingFolderFormat,
+                                                     static_cast<int>(unfinished->pid));
+        if (PathExistsNoFollow(working) && FileManager().removeItem(working))
+            NSLevelledLog(0, "Removed the working folder %@ of process %d", working,
+                          static_cast<int>(unfinished->pid));
     }
     return true;
 }

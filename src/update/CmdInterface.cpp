@@ -247,15 +247,15 @@ int32_t CmdInterface::addFileOperation(const FileOperationInfo& info) {
     }
     if (writeUndoForFileSetOperation(info) != 0)
         return 1;
-    return addNewFile(info);
+    return installNewFile(info, false);
 }
 
-int32_t CmdInterface::addNewFile(const FileOperationInfo& info) {
+int32_t CmdInterface::installNewFile(const FileOperationInfo& info, bool replacing) {
     const std::string source = sourcePath(info);
     const std::string& destination = info.DestinationPath;
     NSLevelledLog(3, "Copying file \"%@\" to \"%@\" during perform.", source, destination);
     const std::string folder = ParentPath(destination);
-    // Folders made for the new file go again when it cannot be added.
+    // Folders made for the new file go again when it cannot be put in place.
     FileManager::MadeFolders made;
     if (!PathExists(folder))
         (void)_files.createDirectoryAtPath(folder, &made); // a failure shows in the copy below
@@ -268,9 +268,17 @@ int32_t CmdInterface::addNewFile(const FileOperationInfo& info) {
         NSLevelledLog(3, "File copy operation failed.");
         break;
     case Installed::ChecksumFailed:
-        NSLevelledLog(3, "CheckSum verification fail for file %@", destination);
-        NSLevelledLog(3, "File Checksum \"%@\", checksum from manifest \"%@\".",
-                      ChecksumText(checksum), info.AfterPatch);
+        if (replacing) {
+            NSLevelledLog(3, "Checksum verification fail for file %@", destination);
+            NSLevelledLog(3,
+                          "File Checksum \"%@\", preChecksum from manifest \"%@\", postChecksum "
+                          "from manifest \"%@\".",
+                          ChecksumText(checksum), info.BeforePatch, info.AfterPatch);
+        } else {
+            NSLevelledLog(3, "CheckSum verification fail for file %@", destination);
+            NSLevelledLog(3, "File Checksum \"%@\", checksum from manifest \"%@\".",
+                          ChecksumText(checksum), info.AfterPatch);
+        }
         break;
     }
     _files.removeMadeFolders(made);
@@ -325,35 +333,7 @@ int32_t CmdInterface::overwriteFileOperation(const FileOperationInfo& info) {
     }
     if (writeUndoForFileSetOperation(info) != 0)
         return 1;
-    return replaceWithNewFile(info);
-}
-
-int32_t CmdInterface::replaceWithNewFile(const FileOperationInfo& info) {
-    const std::string source = sourcePath(info);
-    const std::string& destination = info.DestinationPath;
-    const std::string folder = ParentPath(destination);
-    FileManager::MadeFolders made;
-    if (!PathExists(folder))
-        (void)_files.createDirectoryAtPath(folder, &made); // a failure shows in the copy below
-    NSLevelledLog(3, "Copying file \"%@\" to \"%@\" during perform.", source, destination);
-    std::optional<std::string> checksum;
-    switch (installCopy(source, destination, info.AfterPatch, checksum)) {
-    case Installed::Done:
-        LogSuccess(info);
-        return 0;
-    case Installed::CopyFailed:
-        NSLevelledLog(3, "File copy operation failed.");
-        break;
-    case Installed::ChecksumFailed:
-        NSLevelledLog(3, "Checksum verification fail for file %@", destination);
-        NSLevelledLog(3,
-                      "File Checksum \"%@\", preChecksum from manifest \"%@\", postChecksum from "
-                      "manifest \"%@\".",
-                      ChecksumText(checksum), info.BeforePatch, info.AfterPatch);
-        break;
-    }
-    _files.removeMadeFolders(made);
-    return 1;
+    return installNewFile(info, true);
 }
 
 int32_t CmdInterface::blindOverwriteFileOperation(const FileOperationInfo& info) {
@@ -392,7 +372,7 @@ int32_t CmdInterface::blindOverwriteFileOperation(const FileOperationInfo& info)
         } else if (writeUndoForFileSetOperation(atDestination) != 0) {
             return 1;
         }
-        return addNewFile(info);
+        return installNewFile(info, false);
     };
 
     if (!hasOldPath) {

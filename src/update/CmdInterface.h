@@ -101,8 +101,7 @@ private:
                                         std::optional<std::string>& checksum);
     // The new file from the payload at the destination (an addition, or the replacement of
     // a file the journal has kept), with the addition's or the overwrite's log lines.
-    [[nodiscard]] int32_t addNewFile(const FileOperationInfo& info);
-    [[nodiscard]] int32_t replaceWithNewFile(const FileOperationInfo& info);
+    [[nodiscard]] int32_t installNewFile(const FileOperationInfo& info, bool replacing);
     // Keeps what is at path under a backup name of its own and journals putting it back,
     // before path is removed for the entry. 0, or 1 when it cannot be kept or journaled.
     [[nodiscard]] int32_t journalRemovalOf(const std::string& path, const FileOperationInfo& info);

@@ -31,6 +31,12 @@ protected:
         return record;
     }
 
+    // The state of a run that died: its backup folder and its record.
+    void leaveBehind(const PatcherState::Record& record) {
+        ASSERT_TRUE(state.makeBackupFolder(record.backupFolder));
+        ASSERT_TRUE(state.writeRecord(record));
+    }
+
     TempDir temp;
     std::string folder = temp.file("var/Patcher");
     PatcherState state{folder, RealFileSystem::instance()};
@@ -187,8 +193,7 @@ TEST_F(PatcherStateTest, ARunningUpdateIsReplayedAndForgotten) {
     ASSERT_TRUE(state.prepare(reason));
     auto record = runningRecord();
     record.stoppedServices = {"orvel-indexer", "orvel-sync"};
-    ASSERT_TRUE(state.makeBackupFolder(record.backupFolder));
-    ASSERT_TRUE(state.writeRecord(record));
+    leaveBehind(record);
     ReplayCall replay;
     LogCapture log;
     EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay(), replay.restart()),
@@ -235,8 +240,7 @@ TEST_F(PatcherStateTest, ACommitCutShortBeforeTheHistoryRenameIsRolledBack) {
     record.historyFile = temp.file("history.patch");
     record.historyUpdate = temp.file("history.patch.orvel-new");
     WriteTextFile(record.historyUpdate, "<PBSHistory/>");
-    ASSERT_TRUE(state.makeBackupFolder(record.backupFolder));
-    ASSERT_TRUE(state.writeRecord(record));
+    leaveBehind(record);
     ReplayCall replay;
     LogCapture log;
     EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay(), replay.restart()),
@@ -255,8 +259,7 @@ TEST_F(PatcherStateTest, ACommitPastTheHistoryRenameIsKept) {
         record.stage = stage;
         record.historyFile = temp.file("history.patch");
         record.historyUpdate = temp.file("history.patch.orvel-new"); // renamed already
-        ASSERT_TRUE(state.makeBackupFolder(record.backupFolder));
-        ASSERT_TRUE(state.writeRecord(record));
+        leaveBehind(record);
         ReplayCall replay;
         LogCapture log;
         EXPECT_EQ(RecoverInterruptedUpdate(state, replay.replay(), replay.restart()),

@@ -25,7 +25,8 @@ namespace {
 
 const std::string kStateFolder = "/var/opt/Orvel/Patcher";
 const std::string kSavedApp = "/tmp/e2e/saved-Editor.app";
-const std::string kProbe = "/tmp/e2e/Probe.app";
+// Outside /tmp, which a reboot empties.
+const std::string kProbe = "/usr/local/share/e2e-probe/Probe.app";
 
 // Snapshot with the owner and group of every entry.
 std::map<std::string, std::string> OwnedSnapshot(const std::string& root) {
@@ -118,6 +119,7 @@ std::string PrepareLargeUpdate(Scenario& s, int extra) {
 // A copy of the patcher bundle for another application: a start of it replays what a dead
 // run left and then ends (the application is not found), touching nothing else.
 void MakeProbeBundle(const Scenario& s) {
+    fs::create_directories(fs::path(kProbe).parent_path());
     ASSERT_EQ(RunTool({"cp", "-a", s.bundle, kProbe}), 0);
     const std::string config = kProbe + "/Contents/Resources/config.xml";
     std::string text = ReadTextFile(config);
@@ -131,8 +133,11 @@ ChildProcess StartBundle(const Scenario& s, const std::string& bundle,
                          const std::vector<std::string>& assignments) {
     std::vector<std::string> env = {"HOME=" + s.home, "LANG=C.UTF-8"};
     env.insert(env.end(), assignments.begin(), assignments.end());
+    // The probe may run while /tmp is a fresh one.
+    const std::string output =
+        bundle == kProbe ? s.home + "/probe-output.txt" : s.work + "/patcher-output.txt";
     return ChildProcess({bundle + "/Contents/MacOS/PatcherApp", "-Silent"}, CleanEnvironment(env),
-                        s.work + "/patcher-output.txt");
+                        output);
 }
 
 std::optional<int> RunBundle(const Scenario& s, const std::string& bundle,
@@ -191,12 +196,18 @@ SweepCounts Sweep(Scenario& s, Fault fault, long long calls, long long stride,
             "call " + std::to_string(n) + " (" + (error.empty() ? "kill" : error) + ")";
         std::optional<std::string> code = s.returnCode();
         if (fault == Fault::Kill) {
-            // A reboot in between for every other run: /tmp starts empty.
-            if (n % 2 == 0)
-                RunTool({"rm", "-rf", "/tmp/OrvelQX3"});
+            // A reboot in between for every other run: the next start sees a fresh, empty
+            // /tmp (a tmpfs over the old one, taken away again after it).
+            const bool reboot = n % 2 == 0;
+            if (reboot) {
+                EXPECT_EQ(::mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777"), 0) << where;
+            }
             ::unlink(s.returnCodeFile.c_str());
             const auto probe = RunBundle(s, kProbe);
             EXPECT_TRUE(probe && *probe == 0) << where;
+            if (reboot) {
+                EXPECT_EQ(::umount2("/tmp", MNT_DETACH), 0) << where;
+            }
             code = std::nullopt;
         } else {
             EXPECT_TRUE(status && *status == 0) << where << "\n" << s.patcherOutput();
@@ -337,6 +348,10 @@ TEST(Recovery, TheNextStartSaysWhatItFoundAndWhatItDid) {
     EXPECT_EQ(OwnedSnapshot(s.app), update.newTree);
     EXPECT_FALSE(FileExists(kStateFolder + "/update-in-progress"));
     EXPECT_FALSE(FileExists("/opt/.orvel-patcher-backup"));
+    // The dead run's working folder is gone too; only the return code is left.
+    EXPECT_EQ(update.count("Removed the working folder /tmp/OrvelQX3/PatcherApp_"), 1);
+    for (const auto& entry : fs::directory_iterator("/tmp/OrvelQX3"))
+        EXPECT_EQ(entry.path().filename(), "retVal");
 
     // The last changing calls remove the record and then the backups; killed at the last
     // call that leaves the record, the run had committed.
@@ -496,4 +511,46 @@ TEST(FullDisk, AFullInstallationVolumeLeavesTheEditorOldWithNine) {
     ASSERT_TRUE(MountSmallTmpfs(s.installDir, std::to_string(used / 1024 + 1600) + "k"));
     ASSERT_EQ(RunTool({"cp", "-a", kSavedApp, s.app}), 0);
     ExpectRolledBackForWantOfSpace(update);
+}
+
+// A run killed in its walk leaves the service it stopped stopped; the next start rolls the
+// editor back and starts the service again.
+TEST(Recovery, TheServiceAnUnfinishedUpdateStoppedIsStartedAgain) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    static const std::string kService = "orvel-crash-indexer";
+    Scenario s;
+    ASSERT_TRUE(WriteSleeperInitScript(kService));
+    std::string output;
+    ASSERT_EQ(RunTool({"/usr/sbin/service", kService, "start"}, &output), 0) << output;
+    ASSERT_TRUE(WaitUntil([] { return ProcessAlive(ServicePid(kService)); }, 10s));
+    WriteTextFile("/tmp/authTokenData", std::string(32, 'a'));
+    s.installApplication();
+    s.registerInstallation();
+    const auto entries = s.updateEntries();
+    s.assemble(s.manifest(entries, true, true,
+                          "<ServiceSet><Service><ServiceName>" + kService +
+                              "</ServiceName><FilePath>/etc/init.d/" + kService +
+                              "</FilePath><Operation>start</Operation></Service></ServiceSet>\n"));
+    fs::create_directories(kStateFolder);
+    ASSERT_EQ(RunTool({"cp", "-a", s.app, kSavedApp}), 0);
+    MakeProbeBundle(s);
+    const auto oldTree = OwnedSnapshot(s.app);
+
+    const std::string countFile = s.work + "/calls.txt";
+    ASSERT_EQ(RunBundle(s, s.bundle, FaultAssignments(0, "", countFile)), 0);
+    ASSERT_EQ(s.returnCode(), "0");
+    const long long calls = std::atoll(ReadTextFile(countFile).c_str());
+    ResetInstallation(s);
+    ASSERT_TRUE(ProcessAlive(ServicePid(kService)));
+
+    // Killed in the middle of its walk, with the service stopped.
+    (void)RunBundle(s, s.bundle, FaultAssignments(calls * 2 / 3, ""));
+    ASSERT_TRUE(s.logContains("Successfully stopped."));
+    ASSERT_FALSE(s.logContains("Long task finished"));
+    EXPECT_TRUE(WaitUntil([] { return !ProcessAlive(ServicePid(kService)); }, 10s));
+
+    ASSERT_EQ(RunBundle(s, kProbe), 0);
+    EXPECT_TRUE(s.logContains("Starting the services that update had stopped: " + kService));
+    EXPECT_TRUE(WaitUntil([] { return ProcessAlive(ServicePid(kService)); }, 10s));
+    EXPECT_EQ(OwnedSnapshot(s.app), oldTree);
 }

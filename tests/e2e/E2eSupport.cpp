@@ -279,6 +279,20 @@ std::map<std::string, std::string> Snapshot(const std::string& root) {
     return tree;
 }
 
+pid_t ServicePid(const std::string& service) {
+    const std::string pidFile = "/var/run/" + service + ".pid";
+    return FileExists(pidFile) ? static_cast<pid_t>(std::atol(ReadTextFile(pidFile).c_str())) : 0;
+}
+
+bool ProcessAlive(pid_t pid) {
+    if (pid <= 0 || ::kill(pid, 0) != 0)
+        return false;
+    // A daemon that ended but is not reaped yet is no longer running.
+    const std::string stat = ReadTextFile("/proc/" + std::to_string(pid) + "/stat");
+    const auto close = stat.rfind(')');
+    return close != std::string::npos && stat.size() > close + 2 && stat[close + 2] != 'Z';
+}
+
 std::string HeadingLine(const std::string& text) {
     return " " + text + " ";
 }

@@ -152,3 +152,8 @@ private:
 };
 
 std::string HeadingLine(const std::string& text);
+
+// The process number in "/var/run/<service>.pid", 0 when there is none.
+pid_t ServicePid(const std::string& service);
+// True while the process runs (not ended, not a zombie).
+bool ProcessAlive(pid_t pid);

@@ -9,30 +9,15 @@
 namespace {
 
 const std::string kService = "orvel-e2e-indexer";
-const std::string kPidFile = "/var/run/" + kService + ".pid";
-
-// An init script that runs "sleep" as the service's daemon with start-stop-daemon.
-pid_t ServicePid() {
-    return FileExists(kPidFile) ? static_cast<pid_t>(std::atol(ReadTextFile(kPidFile).c_str())) : 0;
-}
-
-bool Alive(pid_t pid) {
-    if (pid <= 0 || ::kill(pid, 0) != 0)
-        return false;
-    // A daemon that ended but is not reaped yet is no longer running.
-    const std::string stat = ReadTextFile("/proc/" + std::to_string(pid) + "/stat");
-    const auto close = stat.rfind(')');
-    return close != std::string::npos && stat.size() > close + 2 && stat[close + 2] != 'Z';
-}
-
 TEST(ServiceSet, ServiceIsStoppedBeforeTheFirstFileAndRestartedAfterTheLast) {
     ORVEL_E2E_IN_PRIVATE_SYSTEM();
     Scenario s;
     ASSERT_TRUE(WriteSleeperInitScript(kService));
     std::string output;
     ASSERT_EQ(RunTool({"/usr/sbin/service", kService, "start"}, &output), 0) << output;
-    ASSERT_TRUE(WaitUntil([] { return Alive(ServicePid()); }, std::chrono::seconds(10)));
-    const pid_t before = ServicePid();
+    ASSERT_TRUE(
+        WaitUntil([] { return ProcessAlive(ServicePid(kService)); }, std::chrono::seconds(10)));
+    const pid_t before = ServicePid(kService);
 
     // The launching party hands over its authorization, without which the patcher reads no
     // job list and controls no service.
@@ -49,9 +34,9 @@ TEST(ServiceSet, ServiceIsStoppedBeforeTheFirstFileAndRestartedAfterTheLast) {
     EXPECT_EQ(ReadTextFile(s.app + "/Contents/Resources/keep.txt"), "version two\n");
 
     // The old daemon was stopped; a new one runs.
-    EXPECT_FALSE(Alive(before));
-    EXPECT_TRUE(Alive(ServicePid()));
-    EXPECT_NE(ServicePid(), before);
+    EXPECT_FALSE(ProcessAlive(before));
+    EXPECT_TRUE(ProcessAlive(ServicePid(kService)));
+    EXPECT_NE(ServicePid(kService), before);
 
     const long stopping = s.logIndex(HeadingLine("STOPPING THE REQUIRED SERVICES"), true);
     const long stopped = s.logIndex("Successfully stopped.");

@@ -220,54 +220,45 @@ int futimens(int fd, const struct timespec times[2]) {
     return REAL(futimens)(fd, times);
 }
 
+// The mode argument of open and openat, present only when the call may create a file.
+#define TAKE_MODE(flags, mode)                                                                     \
+    do {                                                                                           \
+        if ((flags) & (O_CREAT | O_TMPFILE)) {                                                     \
+            va_list args;                                                                          \
+            va_start(args, flags);                                                                 \
+            mode = va_arg(args, mode_t);                                                           \
+            va_end(args);                                                                          \
+        }                                                                                          \
+    } while (0)
+
 static int Creates(int flags) {
     return (flags & (O_CREAT | O_TRUNC)) != 0;
 }
 
 int open(const char* path, int flags, ...) {
     mode_t mode = 0;
-    if (flags & (O_CREAT | O_TMPFILE)) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, mode_t);
-        va_end(args);
-    }
+    TAKE_MODE(flags, mode);
     if (Step(g_active && Creates(flags) && CoveredAt(AT_FDCWD, path)))
         return -1;
     return REAL(open)(path, flags, mode);
 }
 int open64(const char* path, int flags, ...) {
     mode_t mode = 0;
-    if (flags & (O_CREAT | O_TMPFILE)) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, mode_t);
-        va_end(args);
-    }
+    TAKE_MODE(flags, mode);
     if (Step(g_active && Creates(flags) && CoveredAt(AT_FDCWD, path)))
         return -1;
     return REAL(open64)(path, flags, mode);
 }
 int openat(int dirfd, const char* path, int flags, ...) {
     mode_t mode = 0;
-    if (flags & (O_CREAT | O_TMPFILE)) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, mode_t);
-        va_end(args);
-    }
+    TAKE_MODE(flags, mode);
     if (Step(g_active && Creates(flags) && CoveredAt(dirfd, path)))
         return -1;
     return REAL(openat)(dirfd, path, flags, mode);
 }
 int openat64(int dirfd, const char* path, int flags, ...) {
     mode_t mode = 0;
-    if (flags & (O_CREAT | O_TMPFILE)) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, mode_t);
-        va_end(args);
-    }
+    TAKE_MODE(flags, mode);
     if (Step(g_active && Creates(flags) && CoveredAt(dirfd, path)))
         return -1;
     return REAL(openat64)(dirfd, path, flags, mode);
