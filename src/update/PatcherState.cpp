@@ -12,6 +12,7 @@
 #include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace {
@@ -234,21 +235,39 @@ bool PatcherState::removeRecord() {
     return _fs.syncFolder(_folder);
 }
 
+namespace {
+
+// The mount a path is on: its file system and, for bind mounts of one file system, which
+// of them (a hard link never crosses from one mount to another).
+struct MountIdentity {
+    dev_t device = 0;
+    uint64_t mount = 0;
+    bool operator==(const MountIdentity&) const = default;
+};
+
+std::optional<MountIdentity> MountOf(const std::string& path) {
+    struct statx info {};
+    if (::statx(AT_FDCWD, path.c_str(), 0, STATX_BASIC_STATS | STATX_MNT_ID, &info) != 0)
+        return std::nullopt;
+    MountIdentity identity;
+    identity.device = makedev(info.stx_dev_major, info.stx_dev_minor);
+    identity.mount = (info.stx_mask & STATX_MNT_ID) ? info.stx_mnt_id : 0;
+    return identity;
+}
+
+} // namespace
+
 std::string PatcherState::backupFolderFor(const std::string& application) const {
     const std::string own = JoinPath(_folder, kBackupName);
-    struct stat stateInfo {
-    }, appInfo{};
-    if (::stat(_folder.c_str(), &stateInfo) != 0 || ::stat(application.c_str(), &appInfo) != 0 ||
-        stateInfo.st_dev == appInfo.st_dev)
+    const auto stateMount = MountOf(_folder);
+    const auto appMount = MountOf(application);
+    if (!stateMount || !appMount || *stateMount == *appMount)
         return own;
-    // The top of the application's file system: the last folder up from it on the same
-    // device.
+    // The top of the application's mount: the last folder up from it on the same mount.
     std::string top = application;
     for (;;) {
         const std::string parent = ParentPath(top);
-        struct stat parentInfo {};
-        if (parent.empty() || parent == top || ::stat(parent.c_str(), &parentInfo) != 0 ||
-            parentInfo.st_dev != appInfo.st_dev)
+        if (parent.empty() || parent == top || MountOf(parent) != appMount)
             break;
         top = parent;
     }

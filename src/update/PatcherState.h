@@ -19,9 +19,9 @@ class FileSystem;
 //   its commit got. A record found by a patcher that holds the lock belongs to a run that
 //   ended without finishing (killed, power cut); that run's journal is replayed or, when
 //   its commit went through, discarded.
-// - "backup", the backup folder of an update, unless the application lives on another file
-//   system: then the backup folder is ".orvel-patcher-backup" at the top of that file
-//   system, so that keeping a file about to be replaced costs a hard link, not a copy.
+// - "backup", the backup folder of an update, unless the application lives on another
+//   mount: then the backup folder is ".orvel-patcher-backup" at the top of that mount, so
+//   that keeping a file about to be replaced costs a hard link, not a copy.
 class PatcherState {
 public:
     static constexpr const char* kLockName = "patcher.lock";
@@ -75,8 +75,9 @@ public:
     [[nodiscard]] bool writeRecord(const Record& record);
     [[nodiscard]] bool removeRecord();
 
-    // Where an update of application keeps its backups: on the application's file system
-    // where the state folder is not and the top of that file system is root's alone.
+    // Where an update of application keeps its backups: on the application's mount where
+    // the state folder is on another one (another file system, or another bind mount of
+    // it) and the top of that mount is root's alone.
     std::string backupFolderFor(const std::string& application) const;
     // A new, empty backup folder at path (0700); what an earlier run left there is removed.
     [[nodiscard]] bool makeBackupFolder(const std::string& path);

@@ -100,10 +100,15 @@ bool RollBackHandler::keep(const std::string& destination, const struct stat& en
     bool kept = false;
     if (S_ISREG(entry.st_mode) && _fs.link(destination, backup)) {
         kept = true;
+        // The new name changes the file's change time, not its content: a checksum known
+        // from before the link holds for both names afterwards, so that neither is read
+        // again for it.
         struct stat linked {};
         if (::lstat(backup.c_str(), &linked) == 0) {
-            if (const auto known = MD5cksum::rememberedChecksumOfFile(destination, linked))
+            if (const auto known = MD5cksum::rememberedChecksumOfFile(destination, entry)) {
                 MD5cksum::rememberChecksumOfFile(backup, linked, *known);
+                MD5cksum::rememberChecksumOfFile(destination, linked, *known);
+            }
         }
     } else {
         // A copy, synced, with its checksum taken on the way. It gets the installed file's
