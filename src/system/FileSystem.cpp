@@ -113,6 +113,11 @@ bool RealFileSystem::close(UniqueFd& fd) {
     return ::close(fd.release()) == 0;
 }
 
+bool RealFileSystem::syncFileSystem(const std::string& path) {
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    return fd.valid() && ::syncfs(fd.get()) == 0;
+}
+
 bool RealFileSystem::makeFolder(const std::string& path, mode_t mode) {
     return ::mkdir(path.c_str(), mode) == 0;
 }
@@ -270,6 +275,10 @@ bool FaultInjectingFileSystem::syncFile(int fd, bool metadata) {
 
 bool FaultInjectingFileSystem::syncFolder(const std::string& path) {
     return admit("sync-folder " + path) && _inner.syncFolder(path);
+}
+
+bool FaultInjectingFileSystem::syncFileSystem(const std::string& path) {
+    return admit("sync-filesystem " + path) && _inner.syncFileSystem(path);
 }
 
 bool FaultInjectingFileSystem::close(UniqueFd& fd) {

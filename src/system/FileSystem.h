@@ -41,6 +41,8 @@ public:
     [[nodiscard]] virtual bool syncFile(int fd, bool metadata) = 0;
     // The folder's entries (creations, renames, removals in it) on disk.
     [[nodiscard]] virtual bool syncFolder(const std::string& path) = 0;
+    // Everything written to the file system that holds path on disk (syncfs).
+    [[nodiscard]] virtual bool syncFileSystem(const std::string& path) = 0;
     // Closes the descriptor; false when the last writes could not be completed.
     [[nodiscard]] virtual bool close(UniqueFd& fd) = 0;
 
@@ -84,6 +86,7 @@ public:
     bool truncate(int fd, uint64_t size) override;
     bool syncFile(int fd, bool metadata) override;
     bool syncFolder(const std::string& path) override;
+    bool syncFileSystem(const std::string& path) override;
     bool close(UniqueFd& fd) override;
     bool makeFolder(const std::string& path, mode_t mode) override;
     bool removeFolder(const std::string& path) override;
@@ -127,6 +130,7 @@ public:
     bool truncate(int fd, uint64_t size) override;
     bool syncFile(int fd, bool metadata) override;
     bool syncFolder(const std::string& path) override;
+    bool syncFileSystem(const std::string& path) override;
     bool close(UniqueFd& fd) override;
     bool makeFolder(const std::string& path, mode_t mode) override;
     bool removeFolder(const std::string& path) override;

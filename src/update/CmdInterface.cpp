@@ -85,6 +85,9 @@ int32_t CmdInterface::performFileUpdationWithInfo(const FileOperationInfo& info)
     const bool touchWanted = EqualsIgnoringCase(info.Touch, "TRUE");
     _undoWritten = false;
     _destinationExisted = PathExistsNoFollow(info.DestinationPath);
+    _files.noteChangeAt(info.DestinationPath);
+    if (!IsAbsentField(info.RenamePath))
+        _files.noteChangeAt(info.RenamePath);
     if (journaling()) {
         // Every entry keeps what it may change under a name of its own, so that two entries
         // on one file keep both states. A state that cannot be kept fails the entry before
@@ -606,6 +609,7 @@ int32_t CmdInterface::setAttributeForFile(const FileOperationInfo& info) const {
 // Directories
 
 int32_t CmdInterface::performDirectoryUpdationWithInfo(const DirectoryOperationInfo& info) {
+    _files.noteChangeAt(info.DirectoryBase);
     if (_writeUndo && _rollBackHandler) {
         // Journaled before the change, so a removal is recorded while the folder still
         // exists; a journal that cannot be written fails the entry before any change.

@@ -149,7 +149,38 @@ std::string FileManager::TemporaryPathFor(const std::string& destination) {
 }
 
 bool FileManager::replaceWith(const std::string& temporary, const std::string& destination) const {
-    return _fs->rename(temporary, destination) && _fs->syncFolder(ParentPath(destination));
+    noteChangeAt(destination);
+    return _fs->rename(temporary, destination);
+}
+
+void FileManager::noteChangeAt(const std::string& path) const {
+    if (path.empty() || path.front() != '/')
+        return; // not a place (a link's content, an absent field)
+    // The nearest folder that exists: the change happens on its file system.
+    for (std::string folder = ParentPath(path); !folder.empty(); folder = ParentPath(folder)) {
+        struct stat info {};
+        if (::stat(folder.c_str(), &info) == 0) {
+            _changedFileSystems.emplace(info.st_dev, folder);
+            return;
+        }
+        if (folder == "/" || folder == ".")
+            return;
+    }
+}
+
+bool FileManager::syncChangedFileSystems() const {
+    while (!_changedFileSystems.empty()) {
+        const auto first = _changedFileSystems.begin();
+        // The folder noted may be gone since (a folder the update made and its rollback
+        // removed): the nearest one left is on the same file system, up to its top.
+        std::string folder = first->second;
+        while (!PathExists(folder) && ParentPath(folder) != folder && !ParentPath(folder).empty())
+            folder = ParentPath(folder);
+        if (!_fs->syncFileSystem(folder))
+            return false;
+        _changedFileSystems.erase(first);
+    }
+    return true;
 }
 
 void FileManager::removeTemporaryOf(const std::string& destination) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
@@ -31,10 +32,18 @@ public:
     // hidden name beside it, so that a rename puts it there whole. A run killed meanwhile
     // leaves it behind; replaying the journal removes it.
     static std::string TemporaryPathFor(const std::string& destination);
-    // Puts temporary in destination's place in one rename (whatever was there goes), then
-    // syncs the folder so that the change is on disk.
+    // Puts temporary in destination's place in one rename (whatever was there goes). The
+    // rename reaches the disk with the rest of the changes (syncChangedFileSystems): until
+    // then a crash may forget it, which leaves the old content that the journal puts back
+    // anyway.
     [[nodiscard]] bool replaceWith(const std::string& temporary,
                                    const std::string& destination) const;
+    // Notes that changes are about to be made at path (a file or folder, existing or not).
+    void noteChangeAt(const std::string& path) const;
+    // Syncs each file system that holds a noted change, once (syncfs): every change made
+    // there, names, contents and attributes, is then on disk. False (errno set) at the
+    // first that cannot be synced.
+    [[nodiscard]] bool syncChangedFileSystems() const;
     // Removes what an interrupted change may have left at destination's temporary path.
     void removeTemporaryOf(const std::string& destination) const;
     // Removes a file, a link (not what it points to) or a folder with all it holds.
@@ -81,4 +90,6 @@ private:
                                        bool rememberChecksum) const;
 
     FileSystem* _fs;
+    // One existing folder on each file system with noted changes.
+    mutable std::map<dev_t, std::string> _changedFileSystems;
 };

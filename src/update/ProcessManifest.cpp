@@ -266,6 +266,16 @@ std::string ProcessManifest::invokeAction(const XmlNode& rootNode, const std::st
     }
 
     std::string result = kSuccessful;
+    // Every change on disk before the sets count as done (before the commit of an update,
+    // before a replayed journal is let go).
+    auto syncReplacements = [&] {
+        if (IsSuccessful(result) && !cmdInterface.fileManager().syncChangedFileSystems()) {
+            NSLevelledLog(0, "Cannot sync the changes to the disk: %@",
+                          std::string(std::strerror(errno)));
+            result = kPermanentError;
+        }
+        return result;
+    };
     if (isRollback) {
         // The journal is undone last change first: its folder entries (made last), then
         // its file entries, each set from its end.
@@ -279,7 +289,7 @@ std::string ProcessManifest::invokeAction(const XmlNode& rootNode, const std::st
             work.workingNodesArray.assign(files.rbegin(), files.rend());
             result = processFileSet(work, worker);
         }
-        return result;
+        return syncReplacements();
     }
     if (!files.empty()) {
         NSFormatLogWithHeading(1, "PERFORMING FILE SET OPERATION");
@@ -296,7 +306,7 @@ std::string ProcessManifest::invokeAction(const XmlNode& rootNode, const std::st
         work.workingNodesArray = directories;
         result = processDirectorySet(work, worker);
     }
-    return result;
+    return syncReplacements();
 }
 
 bool ProcessManifest::progressStep(ProgressWindowController* progress,
