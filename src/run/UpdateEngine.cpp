@@ -241,9 +241,8 @@ bool UpdateEngine::recoverUnfinishedUpdate() {
         for (const std::string& service : services)
             (void)handler.start(service);
     };
-    std::string reason;
-    const auto unfinished = _state->readRecord(reason);
-    const RecoveryResult result = RecoverInterruptedUpdate(*_state, replay, restart);
+    std::optional<PatcherState::Record> unfinished;
+    const RecoveryResult result = RecoverInterruptedUpdate(*_state, replay, restart, &unfinished);
     if (result == RecoveryResult::ReplayFailed || result == RecoveryResult::Unreadable) {
         endWithFailure("Error while updating and rollback failed",
                        SilentReturnCode::RollbackFailed);

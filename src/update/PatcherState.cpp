@@ -317,9 +317,12 @@ void RestartStoppedServices(const PatcherState::Record& record,
 } // namespace
 
 RecoveryResult RecoverInterruptedUpdate(PatcherState& state, const JournalReplay& replay,
-                                        const ServiceRestart& restartServices) {
+                                        const ServiceRestart& restartServices,
+                                        std::optional<PatcherState::Record>* found) {
     std::string reason;
     auto record = state.readRecord(reason);
+    if (found)
+        *found = record;
     if (!record) {
         if (reason.empty())
             return RecoveryResult::NothingToRecover;

@@ -112,6 +112,8 @@ using ServiceRestart =
 
 // Finds the record of a run that did not finish and brings its application back to a
 // whole version, logging what it found and what it did, and starts the services that run
-// had stopped. Called with the lock held.
+// had stopped. Called with the lock held. The record found, if any, is handed back through
+// found.
 RecoveryResult RecoverInterruptedUpdate(PatcherState& state, const JournalReplay& replay,
-                                        const ServiceRestart& restartServices);
+                                        const ServiceRestart& restartServices,
+                                        std::optional<PatcherState::Record>* found = nullptr);

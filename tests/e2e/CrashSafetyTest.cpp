@@ -519,18 +519,12 @@ TEST(Recovery, TheServiceAnUnfinishedUpdateStoppedIsStartedAgain) {
     ORVEL_E2E_IN_PRIVATE_SYSTEM();
     static const std::string kService = "orvel-crash-indexer";
     Scenario s;
-    ASSERT_TRUE(WriteSleeperInitScript(kService));
-    std::string output;
-    ASSERT_EQ(RunTool({"/usr/sbin/service", kService, "start"}, &output), 0) << output;
-    ASSERT_TRUE(WaitUntil([] { return ProcessAlive(ServicePid(kService)); }, 10s));
+    ASSERT_TRUE(StartSleeperService(kService));
     WriteTextFile("/tmp/authTokenData", std::string(32, 'a'));
     s.installApplication();
     s.registerInstallation();
     const auto entries = s.updateEntries();
-    s.assemble(s.manifest(entries, true, true,
-                          "<ServiceSet><Service><ServiceName>" + kService +
-                              "</ServiceName><FilePath>/etc/init.d/" + kService +
-                              "</FilePath><Operation>start</Operation></Service></ServiceSet>\n"));
+    s.assemble(s.manifest(entries, true, true, ServiceSetXml(kService)));
     fs::create_directories(kStateFolder);
     ASSERT_EQ(RunTool({"cp", "-a", s.app, kSavedApp}), 0);
     MakeProbeBundle(s);

@@ -293,6 +293,21 @@ bool ProcessAlive(pid_t pid) {
     return close != std::string::npos && stat.size() > close + 2 && stat[close + 2] != 'Z';
 }
 
+bool StartSleeperService(const std::string& service) {
+    std::string output;
+    if (!WriteSleeperInitScript(service) ||
+        RunTool({"/usr/sbin/service", service, "start"}, &output) != 0) {
+        ADD_FAILURE() << "cannot start " << service << ": " << output;
+        return false;
+    }
+    return WaitUntil([&] { return ProcessAlive(ServicePid(service)); }, std::chrono::seconds(10));
+}
+
+std::string ServiceSetXml(const std::string& service) {
+    return "<ServiceSet><Service><ServiceName>" + service + "</ServiceName><FilePath>/etc/init.d/" +
+           service + "</FilePath><Operation>start</Operation></Service></ServiceSet>\n";
+}
+
 std::string HeadingLine(const std::string& text) {
     return " " + text + " ";
 }

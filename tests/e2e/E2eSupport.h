@@ -157,3 +157,7 @@ std::string HeadingLine(const std::string& text);
 pid_t ServicePid(const std::string& service);
 // True while the process runs (not ended, not a zombie).
 bool ProcessAlive(pid_t pid);
+// A SysV service whose daemon is "sleep", installed and started; true once it runs.
+bool StartSleeperService(const std::string& service);
+// A manifest's ServiceSet naming that service, to be started again after the update.
+std::string ServiceSetXml(const std::string& service);

@@ -12,11 +12,7 @@ const std::string kService = "orvel-e2e-indexer";
 TEST(ServiceSet, ServiceIsStoppedBeforeTheFirstFileAndRestartedAfterTheLast) {
     ORVEL_E2E_IN_PRIVATE_SYSTEM();
     Scenario s;
-    ASSERT_TRUE(WriteSleeperInitScript(kService));
-    std::string output;
-    ASSERT_EQ(RunTool({"/usr/sbin/service", kService, "start"}, &output), 0) << output;
-    ASSERT_TRUE(
-        WaitUntil([] { return ProcessAlive(ServicePid(kService)); }, std::chrono::seconds(10)));
+    ASSERT_TRUE(StartSleeperService(kService));
     const pid_t before = ServicePid(kService);
 
     // The launching party hands over its authorization, without which the patcher reads no
@@ -25,10 +21,7 @@ TEST(ServiceSet, ServiceIsStoppedBeforeTheFirstFileAndRestartedAfterTheLast) {
     s.installApplication();
     s.registerInstallation();
     const auto entries = s.updateEntries();
-    s.assemble(s.manifest(entries, true, true,
-                          "<ServiceSet><Service><ServiceName>" + kService +
-                              "</ServiceName><FilePath>/etc/init.d/" + kService +
-                              "</FilePath><Operation>start</Operation></Service></ServiceSet>\n"));
+    s.assemble(s.manifest(entries, true, true, ServiceSetXml(kService)));
     ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
     EXPECT_EQ(s.returnCode(), "0");
     EXPECT_EQ(ReadTextFile(s.app + "/Contents/Resources/keep.txt"), "version two\n");
