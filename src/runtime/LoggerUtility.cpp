@@ -4,11 +4,13 @@
 #include "base/Path.h"
 #include "runtime/CommonUtility.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
+#include <pthread.h>
 #include <strings.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -21,6 +23,36 @@ constexpr std::string_view kSeparators[] = {
     "-----------------------------------------------------------------",
     ".................................................................",
 };
+
+// The process and thread ids of the prefix, asked of the kernel once (a line costs one
+// system call, its write); a forked child asks again.
+std::atomic<pid_t> gProcessId{0};
+thread_local pid_t tThreadId = 0;
+thread_local pid_t tThreadIdOfProcess = 0;
+
+void ForgetProcessId() {
+    gProcessId.store(0, std::memory_order_relaxed);
+}
+
+pid_t ProcessId() {
+    static const bool watching = ::pthread_atfork(nullptr, nullptr, ForgetProcessId) == 0;
+    (void)watching;
+    pid_t known = gProcessId.load(std::memory_order_relaxed);
+    if (known == 0) {
+        known = ::getpid();
+        gProcessId.store(known, std::memory_order_relaxed);
+    }
+    return known;
+}
+
+pid_t ThreadId() {
+    const pid_t process = ProcessId();
+    if (tThreadId == 0 || tThreadIdOfProcess != process) {
+        tThreadId = static_cast<pid_t>(::syscall(SYS_gettid));
+        tThreadIdOfProcess = process;
+    }
+    return tThreadId;
+}
 
 } // namespace
 
@@ -72,7 +104,7 @@ void NSLog(std::string_view message) {
                   local.tm_min, local.tm_sec, static_cast<long long>(millis));
     std::string line = stamp;
     line += program_invocation_short_name;
-    line += "[" + std::to_string(::getpid()) + ":" + std::to_string(::syscall(SYS_gettid)) + "] ";
+    line += "[" + std::to_string(ProcessId()) + ":" + std::to_string(ThreadId()) + "] ";
     line += message;
     if (line.back() != '\n')
         line += '\n';

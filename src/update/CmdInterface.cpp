@@ -10,6 +10,7 @@
 #include "update/PatchApplication.h"
 #include "update/RollBackHandler.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -40,6 +41,11 @@ void LogNoNeed(const FileOperationInfo& info) {
 void LogSuccess(const FileOperationInfo& info) {
     NSLevelledLog(3, "Successfully performed \"%@\" file Operation", info.Operation);
 }
+
+// A group waits for one sync at most this many entries, or this much new content, so that
+// neither the sync nor the room the new files take beside the old ones grows without end.
+constexpr size_t kGroupEntries = 256;
+constexpr uint64_t kGroupBytes = 64ull << 20;
 
 } // namespace
 
@@ -81,6 +87,129 @@ bool CmdInterface::allowsReplace(const std::string& newFile,
 // Dispatch
 
 int32_t CmdInterface::performFileUpdationWithInfo(const FileOperationInfo& info) {
+    bool prepare = false;
+    if (_grouping && journaling() && groupable(info)) {
+        // An entry on a path the group changes sees the group's changes made first; then it
+        // may start a group of its own, if its folder is still there.
+        if (touchesGroup(info.DestinationPath) && finishGroup() != 0)
+            return 1;
+        prepare = FolderExists(ParentPath(info.DestinationPath));
+    }
+    if (!prepare && finishGroup() != 0)
+        return 1;
+    _preparing = prepare;
+    _entry = PreparedEntry{info.Operation, {}, {}, 0};
+    if (_rollBackHandler) {
+        _rollBackHandler->setDeferredSync(prepare);
+        if (prepare) // the group's sync covers the journal's file system too
+            _files.noteChangeAt(_rollBackHandler->rollBackFilePath());
+    }
+    const int32_t result = performEntry(info);
+    _preparing = false;
+    if (_rollBackHandler)
+        _rollBackHandler->setDeferredSync(false);
+    if (!prepare)
+        return result;
+    if (result != 0) {
+        for (const std::string& temporary : _entry.temporaries)
+            (void)_fs->removeFile(temporary);
+        return result;
+    }
+    if (_entry.changes.empty())
+        return 0; // nothing to change: nothing waits
+    for (const std::string& path : {info.DestinationPath, info.RenamePath}) {
+        if (!IsAbsentField(path))
+            _groupPaths.insert(std::upper_bound(_groupPaths.begin(), _groupPaths.end(), path),
+                               path);
+    }
+    _groupBytes += _entry.bytes;
+    _group.push_back(std::move(_entry));
+    if (_group.size() >= kGroupEntries || _groupBytes >= kGroupBytes)
+        return finishGroup();
+    return 0;
+}
+
+bool CmdInterface::groupable(const FileOperationInfo& info) {
+    const std::string& operation = info.Operation;
+    if (!IsKeyword(operation, "ADD") && !IsKeyword(operation, "REMOVE") &&
+        !IsKeyword(operation, "OVERWRITE") && !IsKeyword(operation, "PATCH") &&
+        !IsKeyword(operation, "BLINDOVERWRITE"))
+        return false;
+    // A move changes two places; new content for a folder that must be made first (checked
+    // by the caller) needs a change of its own before it can be written.
+    return IsAbsentField(info.RenamePath) || info.RenamePath == info.DestinationPath;
+}
+
+bool CmdInterface::touchesGroup(const std::string& path) const {
+    // The path itself, something inside it, or a folder that holds it.
+    if (std::binary_search(_groupPaths.begin(), _groupPaths.end(), path))
+        return true;
+    const std::string inside = path + "/";
+    const auto next = std::lower_bound(_groupPaths.begin(), _groupPaths.end(), inside);
+    if (next != _groupPaths.end() && next->compare(0, inside.size(), inside) == 0)
+        return true;
+    for (std::string folder = ParentPath(path); !folder.empty();) {
+        if (std::binary_search(_groupPaths.begin(), _groupPaths.end(), folder))
+            return true;
+        const std::string up = ParentPath(folder);
+        if (up == folder)
+            break;
+        folder = up;
+    }
+    return false;
+}
+
+bool CmdInterface::change(std::function<bool()> make) {
+    if (!_preparing)
+        return make();
+    _entry.changes.push_back(std::move(make));
+    return true;
+}
+
+int32_t CmdInterface::finishGroup() {
+    if (_group.empty())
+        return 0;
+    // One sync for the whole group: every journal entry, backup and new file written for
+    // it is on disk before the first of its changes is made.
+    if (!_files.syncChangedFileSystems()) {
+        NSLevelledLog(0, "Cannot sync the changes to the disk: %@",
+                      std::string(std::strerror(errno)));
+        dropGroup();
+        return 1;
+    }
+    std::vector<PreparedEntry> group = std::move(_group);
+    _group.clear();
+    _groupPaths.clear();
+    _groupBytes = 0;
+    for (size_t index = 0; index < group.size(); ++index) {
+        for (const auto& make : group[index].changes) {
+            if (make())
+                continue;
+            NSLevelledLog(3, "Failed to perform \"%@\" file Operation", group[index].operation);
+            for (size_t rest = index; rest < group.size(); ++rest) {
+                for (const std::string& temporary : group[rest].temporaries)
+                    (void)_fs->removeFile(temporary); // gone already where it was placed
+            }
+            return 1;
+        }
+    }
+    return 0;
+}
+
+void CmdInterface::dropGroup() {
+    if (_group.empty())
+        return;
+    NSLevelledLog(3, "%d prepared changes not made", static_cast<int>(_group.size()));
+    for (const PreparedEntry& entry : _group) {
+        for (const std::string& temporary : entry.temporaries)
+            (void)_fs->removeFile(temporary);
+    }
+    _group.clear();
+    _groupPaths.clear();
+    _groupBytes = 0;
+}
+
+int32_t CmdInterface::performEntry(const FileOperationInfo& info) {
     const std::string& operation = info.Operation;
     const bool touchWanted = EqualsIgnoringCase(info.Touch, "TRUE");
     _undoWritten = false;
@@ -145,11 +274,16 @@ int32_t CmdInterface::performFileUpdationWithInfo(const FileOperationInfo& info)
         return result;
     }
     if (touchWanted && !touchDone) {
-        if (!_files.touchFile(info.DestinationPath)) {
-            NSLevelledLog(3, "Failed to perform touch file Operation");
+        const bool touched = change([this, destination = info.DestinationPath] {
+            if (!_files.touchFile(destination)) {
+                NSLevelledLog(3, "Failed to perform touch file Operation");
+                return false;
+            }
+            NSLevelledLog(3, "Successfully performed touch file Operation");
+            return true;
+        });
+        if (!touched)
             return 1;
-        }
-        NSLevelledLog(3, "Successfully performed touch file Operation");
     }
     // Owner, group and mode of a file that was there before are journaled before they
     // change, unless the entry's change has journaled the file already.
@@ -161,7 +295,9 @@ int32_t CmdInterface::performFileUpdationWithInfo(const FileOperationInfo& info)
         if (writeUndoForFileSetOperation(attributes) != 0)
             return 1;
     }
-    return setAttributeForFile(info);
+    if (!setsAttributes)
+        return 0;
+    return change([this, info] { return setAttributeForFile(info) == 0; }) ? 0 : 1;
 }
 
 bool CmdInterface::journaling() const {
@@ -206,12 +342,16 @@ CmdInterface::Installed CmdInterface::installCopy(const std::string& source,
                                                   std::optional<std::string>& checksum) {
     const std::string temporary = FileManager::TemporaryPathFor(destination);
     _files.removeTemporaryOf(destination);
-    if (!_files.copyItem(source, temporary, true, true))
+    if (!_files.copyItem(source, temporary, !_preparing, true))
         return Installed::CopyFailed;
     // Known from the copy itself; read again only when the copy could not tell.
     struct stat copied {};
-    if (::stat(temporary.c_str(), &copied) == 0)
+    if (::stat(temporary.c_str(), &copied) == 0) {
         checksum = MD5cksum::rememberedChecksumOfFile(temporary, copied);
+        _entry.bytes += static_cast<uint64_t>(copied.st_size);
+    }
+    if (_preparing)
+        _entry.temporaries.push_back(temporary);
     if (!checksum)
         checksum = Md5OfFile(temporary);
     (void)MD5cksum::logChecksumOfFile(destination, checksum);
@@ -219,16 +359,20 @@ CmdInterface::Installed CmdInterface::installCopy(const std::string& source,
         (void)_fs->removeFile(temporary);
         return Installed::ChecksumFailed;
     }
-    if (!_files.replaceWith(temporary, destination)) {
-        const int error = errno;
-        (void)_fs->removeFile(temporary);
-        errno = error;
-        return Installed::CopyFailed;
-    }
-    struct stat placed {};
-    if (::stat(destination.c_str(), &placed) == 0)
-        MD5cksum::rememberChecksumOfFile(destination, placed, *checksum);
-    return Installed::Done;
+    const bool placed = change([this, temporary, destination, known = *checksum] {
+        if (!_files.replaceWith(temporary, destination)) {
+            const int error = errno;
+            (void)_fs->removeFile(temporary);
+            errno = error;
+            NSLevelledLog(3, "File copy operation failed.");
+            return false;
+        }
+        struct stat info {};
+        if (::stat(destination.c_str(), &info) == 0)
+            MD5cksum::rememberChecksumOfFile(destination, info, known);
+        return true;
+    });
+    return placed ? Installed::Done : Installed::Placing;
 }
 
 // ---------------------------------------------------------------------------------------
@@ -265,8 +409,14 @@ int32_t CmdInterface::installNewFile(const FileOperationInfo& info, bool replaci
     std::optional<std::string> checksum;
     switch (installCopy(source, destination, info.AfterPatch, checksum)) {
     case Installed::Done:
-        LogSuccess(info);
-        return 0;
+        return change([info] {
+            LogSuccess(info);
+            return true;
+        })
+                   ? 0
+                   : 1;
+    case Installed::Placing:
+        break; // logged where the placing failed
     case Installed::CopyFailed:
         NSLevelledLog(3, "File copy operation failed.");
         break;
@@ -304,14 +454,18 @@ int32_t CmdInterface::removeFileOperation(const FileOperationInfo& info) {
     }
     if (writeUndoForFileSetOperation(info) != 0)
         return 1;
-    NSLevelledLog(3, "Removing File \"%@\".", destination);
-    if (!_files.removeItem(destination)) {
-        NSLevelledLog(3, "File remove operation failed.");
-        return 1;
-    }
-    _files.cleanupEmptyParentDir(folder, true, true, _protectedFolders);
-    LogSuccess(info);
-    return 0;
+    return change([this, info, folder] {
+        NSLevelledLog(3, "Removing File \"%@\".", info.DestinationPath);
+        if (!_files.removeItem(info.DestinationPath)) {
+            NSLevelledLog(3, "File remove operation failed.");
+            return false;
+        }
+        _files.cleanupEmptyParentDir(folder, true, true, _protectedFolders);
+        LogSuccess(info);
+        return true;
+    })
+               ? 0
+               : 1;
 }
 
 int32_t CmdInterface::overwriteFileOperation(const FileOperationInfo& info) {
@@ -450,15 +604,21 @@ int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
         errno = ENOMEM;
     }
     if (oldRead)
-        patchedChecksum = ApplyPatchToFile(*_fs, _patchOldFile->bytes(), patchFile, patchTool,
-                                           output, haveOldMode ? (oldInfo.st_mode & 07777) : 0644);
+        patchedChecksum =
+            ApplyPatchToFile(*_fs, _patchOldFile->bytes(), patchFile, patchTool, output,
+                             haveOldMode ? (oldInfo.st_mode & 07777) : 0644, !_preparing);
     else
         NSLevelledLog(3, "%@: %s: %@: %s", patchTool,
                       DescribeBspatchResult(BspatchResult::OldFileUnreadable), fileToPatch,
                       std::strerror(errno));
-    if (!PathExistsNoFollow(output)) {
+    struct stat written {};
+    if (::lstat(output.c_str(), &written) != 0) {
         NSLevelledLog(3, "Unable to apply patch.");
         return 1;
+    }
+    if (_preparing) {
+        _entry.temporaries.push_back(output);
+        _entry.bytes += static_cast<uint64_t>(written.st_size);
     }
     if (!ChecksumMatches(patchedChecksum, info.AfterPatch)) {
         NSLevelledLog(3, "CheckSum after patch operation not validated for file %@", fileToPatch);
@@ -467,16 +627,21 @@ int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
         (void)_fs->removeFile(output);
         return 1;
     }
-    if (!_files.replaceWith(output, fileToPatch)) {
-        (void)_fs->removeFile(output);
-        NSLevelledLog(3, "Fail to copy patched file to \"%@\", fileToPatch.", fileToPatch);
-        return 1;
-    }
-    struct stat placed {};
-    if (::stat(fileToPatch.c_str(), &placed) == 0)
-        MD5cksum::rememberChecksumOfFile(fileToPatch, placed, *patchedChecksum);
-    LogSuccess(info);
-    return 0;
+    return change([this, info, output, known = *patchedChecksum] {
+        const std::string& fileToPatch = info.DestinationPath;
+        if (!_files.replaceWith(output, fileToPatch)) {
+            (void)_fs->removeFile(output);
+            NSLevelledLog(3, "Fail to copy patched file to \"%@\", fileToPatch.", fileToPatch);
+            return false;
+        }
+        struct stat placed {};
+        if (::stat(fileToPatch.c_str(), &placed) == 0)
+            MD5cksum::rememberChecksumOfFile(fileToPatch, placed, known);
+        LogSuccess(info);
+        return true;
+    })
+               ? 0
+               : 1;
 }
 
 int32_t CmdInterface::renameFileOperation(const FileOperationInfo& info) {
@@ -609,6 +774,8 @@ int32_t CmdInterface::setAttributeForFile(const FileOperationInfo& info) const {
 // Directories
 
 int32_t CmdInterface::performDirectoryUpdationWithInfo(const DirectoryOperationInfo& info) {
+    if (finishGroup() != 0)
+        return 1;
     _files.noteChangeAt(info.DirectoryBase);
     if (_writeUndo && _rollBackHandler) {
         // Journaled before the change, so a removal is recorded while the folder still

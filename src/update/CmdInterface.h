@@ -59,6 +59,21 @@ public:
     CmdInterface& operator=(const CmdInterface&) = delete;
 
     void setWriteUndo(bool writeUndo) { _writeUndo = writeUndo; }
+    // Grouped changes (for a forward run that journals): the entries that add, replace or
+    // remove one file in an existing folder are prepared one after the other (checked, kept,
+    // journaled, new content written beside the target) without a sync of their own, and
+    // their changes wait. One sync of the file systems then makes the whole group durable,
+    // after which the changes are made in the order of their entries. An entry that does
+    // more (a move, a link, new folders) or touches a path of the waiting group finishes the
+    // group first and runs on its own, synced step by step. Off: every entry is made at once.
+    void setGroupedChanges(bool grouped) { _grouping = grouped; }
+    // Syncs, then makes the waiting changes: 0, or 1 at the first that cannot be made (logged;
+    // the rest are dropped). The caller finishes the group before the run counts as done.
+    [[nodiscard]] int32_t finishGroup();
+    // Forgets the waiting changes, with the new content written for them: none of them was
+    // made, and the journal's entries for them undo nothing.
+    void dropGroup();
+    size_t waitingChanges() const { return _group.size(); }
     // Replays with the backups as sources and without journaling.
     void setUndoEnvironment();
 
@@ -92,10 +107,11 @@ public:
     RollBackHandler* rollBackHandler() const { return _rollBackHandler.get(); }
 
 private:
-    enum class Installed { Done, CopyFailed, ChecksumFailed };
+    // Placing: the checked copy could not be renamed into place (logged).
+    enum class Installed { Done, CopyFailed, ChecksumFailed, Placing };
     // Copies source beside destination, synced, checks it against expected and renames it
-    // over destination; destination is untouched unless the whole checked copy gets there.
-    // checksum: what the copy has.
+    // over destination (a change: grouped or at once); destination is untouched unless the
+    // whole checked copy gets there. checksum: what the copy has.
     [[nodiscard]] Installed installCopy(const std::string& source, const std::string& destination,
                                         const std::string& expected,
                                         std::optional<std::string>& checksum);
@@ -105,7 +121,15 @@ private:
     // Keeps what is at path under a backup name of its own and journals putting it back,
     // before path is removed for the entry. 0, or 1 when it cannot be kept or journaled.
     [[nodiscard]] int32_t journalRemovalOf(const std::string& path, const FileOperationInfo& info);
+    [[nodiscard]] int32_t performEntry(const FileOperationInfo& info);
     bool journaling() const;
+    // Makes a change now, or, while an entry is being prepared for the group, after the
+    // group's sync (then true at once; a failure shows at finishGroup).
+    [[nodiscard]] bool change(std::function<bool()> make);
+    // An entry of a kind that may be prepared for the group: an addition, replacement or
+    // removal of one file.
+    static bool groupable(const FileOperationInfo& info);
+    bool touchesGroup(const std::string& path) const;
     std::string nextBackupName(const std::string& path, const std::string& objectName);
     [[nodiscard]] bool allowsReplace(const std::string& newFile,
                                      const std::string& installedFile) const;
@@ -127,6 +151,19 @@ private:
     uint64_t _backupCount = 0;
     bool _undoWritten = false;
     bool _destinationExisted = false;
+    // The group: entries prepared and their changes, waiting for one sync.
+    struct PreparedEntry {
+        std::string operation;
+        std::vector<std::function<bool()>> changes;
+        std::vector<std::string> temporaries; // new content written for them
+        uint64_t bytes = 0;
+    };
+    bool _grouping = false;
+    bool _preparing = false; // the entry running is prepared for the group
+    PreparedEntry _entry;
+    std::vector<PreparedEntry> _group;
+    std::vector<std::string> _groupPaths; // sorted: what the waiting changes touch
+    uint64_t _groupBytes = 0;
     AllowsReplaceFunction _allowsReplace;
     std::vector<std::string> _protectedFolders;
 };

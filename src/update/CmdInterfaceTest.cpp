@@ -6,6 +6,7 @@
 #include "TestSupport.h"
 #include "base/Md5.h"
 #include "runtime/Environment.h"
+#include "system/FileSystem.h"
 #include "update/RollBackHandler.h"
 
 #include <gtest/gtest.h>
@@ -1605,3 +1606,187 @@ TEST_F(CmdInterfaceTest, UnreadableFilesFailTheirChecksum) {
 }
 
 } // namespace
+
+// ---- Grouped changes: prepared entries wait for one sync, then are made in order
+
+namespace {
+
+long IndexOf(const std::vector<std::string>& calls,
+             const std::function<bool(const std::string&)>& match) {
+    const auto found = std::find_if(calls.begin(), calls.end(), match);
+    return found == calls.end() ? -1 : static_cast<long>(found - calls.begin());
+}
+
+bool StartsWith(const std::string& text, const std::string& start) {
+    return text.rfind(start, 0) == 0;
+}
+
+} // namespace
+
+TEST_F(CmdInterfaceTest, GroupedEntriesWaitForOneSyncThenAreMadeInOrder) {
+    Env e;
+    const Scenario s = MakeScenario(e);
+    const auto before = e.tree();
+    FaultInjectingFileSystem recording; // fails nothing
+    CmdInterface::Options options = e.options();
+    options.fileSystem = &recording;
+    LogCapture log;
+    CmdInterface cmd(e.payload, e.tools, e.backup, options);
+    cmd.setGroupedChanges(true);
+
+    // An overwrite, a removal and a patch, each of one file in a folder that exists: all
+    // three are prepared, none is made.
+    ASSERT_EQ(cmd.performFileUpdationWithInfo(s.files[0]), 0); // OVERWRITE keep/overwrite.txt
+    ASSERT_EQ(cmd.performFileUpdationWithInfo(s.files[2]), 0); // REMOVE remove.txt
+    ASSERT_EQ(cmd.performFileUpdationWithInfo(s.files[4]), 0); // PATCH program
+    EXPECT_EQ(cmd.waitingChanges(), 3u);
+    EXPECT_EQ(ReadTextFile(e.in("keep/overwrite.txt")), kOld);
+    EXPECT_EQ(ReadTextFile(e.in("remove.txt")), kOld);
+    EXPECT_EQ(ReadTextFile(e.in("program")), kOld);
+    EXPECT_EQ(ReadTextFile(e.in("keep/.orvel-new.overwrite.txt")), kNew);
+    EXPECT_EQ(ReadTextFile(e.in(".orvel-new.program")), kNew);
+    EXPECT_FALSE(log.contains("Successfully performed"));
+
+    // An addition into folders that do not exist yet runs on its own: the group is made
+    // first.
+    ASSERT_EQ(cmd.performFileUpdationWithInfo(s.files[1]), 0); // ADD New/Folder/added.txt
+    EXPECT_EQ(cmd.waitingChanges(), 0u);
+    EXPECT_EQ(ReadTextFile(e.in("keep/overwrite.txt")), kNew);
+    EXPECT_FALSE(PathExistsNoFollow(e.in("remove.txt")));
+    EXPECT_EQ(ReadTextFile(e.in("program")), kNew);
+    EXPECT_EQ(ModeOf(e.in("program")), 0755u);
+    EXPECT_EQ(ReadTextFile(e.in("New/Folder/added.txt")), kNew);
+    EXPECT_FALSE(PathExistsNoFollow(e.in("keep/.orvel-new.overwrite.txt")));
+
+    // In the calls: the group's journal entries were written without a sync each, one sync
+    // of the file system came before the first of its renames, and the changes were made
+    // in the order of their entries.
+    const auto calls = recording.callLog();
+    const long sync =
+        IndexOf(calls, [](const std::string& c) { return StartsWith(c, "sync-filesystem "); });
+    const long firstRename = IndexOf(calls, [](const std::string& c) {
+        return StartsWith(c, "rename ") && c.find("/.orvel-new.") != std::string::npos;
+    });
+    ASSERT_GE(sync, 0);
+    ASSERT_GE(firstRename, 0);
+    EXPECT_LT(sync, firstRename);
+    const long journalSync =
+        IndexOf(calls, [&](const std::string& c) { return c == "sync-file " + e.journal(); });
+    EXPECT_TRUE(journalSync == -1 || journalSync > sync)
+        << "the grouped entries are synced by the group's sync, not one by one";
+    const long overwritten = IndexOf(calls, [&](const std::string& c) {
+        return StartsWith(c, "rename ") &&
+               c.find(" -> " + e.in("keep/overwrite.txt")) != std::string::npos;
+    });
+    const long removed =
+        IndexOf(calls, [&](const std::string& c) { return c == "unlink " + e.in("remove.txt"); });
+    const long patched = IndexOf(calls, [&](const std::string& c) {
+        return StartsWith(c, "rename ") && c.find(" -> " + e.in("program")) != std::string::npos;
+    });
+    EXPECT_LT(sync, overwritten);
+    EXPECT_LT(overwritten, removed);
+    EXPECT_LT(removed, patched);
+    const auto lines = log.lines();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& line) {
+                                return line.find("Successfully performed") != std::string::npos;
+                            }),
+              4);
+
+    // The journal undoes all of it.
+    EXPECT_EQ(ReplayJournal(e.journal(), e.backup, e.tools), 0) << log.text();
+    EXPECT_EQ(e.tree(), before);
+}
+
+TEST_F(CmdInterfaceTest, AnEntryOnAWaitingPathMakesTheGroupFirst) {
+    Env e;
+    e.put(e.in("a.txt"), kOld);
+    e.putPayload("a.txt", kNew);
+    LogCapture log;
+    CmdInterface cmd(e.payload, e.tools, e.backup, e.options());
+    cmd.setGroupedChanges(true);
+    ASSERT_EQ(
+        cmd.performFileUpdationWithInfo(Rec("OVERWRITE", "a.txt", e.in("a.txt"), mOld(), mNew())),
+        0);
+    EXPECT_EQ(cmd.waitingChanges(), 1u);
+    EXPECT_EQ(ReadTextFile(e.in("a.txt")), kOld);
+    // The removal of the same file must see it replaced: the overwrite is made first, then
+    // the removal waits in a group of its own.
+    ASSERT_EQ(cmd.performFileUpdationWithInfo(Rec("REMOVE", "a.txt", e.in("a.txt"), X, X)), 0);
+    EXPECT_EQ(cmd.waitingChanges(), 1u);
+    EXPECT_EQ(ReadTextFile(e.in("a.txt")), kNew);
+    ASSERT_EQ(cmd.finishGroup(), 0);
+    EXPECT_FALSE(PathExistsNoFollow(e.in("a.txt")));
+    // Something inside a waiting path counts too.
+    e.put(e.in("Folder/b.txt"), kOld);
+    ASSERT_EQ(cmd.performFileUpdationWithInfo(Rec("REMOVE", "Folder", e.in("Folder"), X, X)), 0);
+    EXPECT_EQ(cmd.waitingChanges(), 1u);
+    ASSERT_EQ(cmd.performFileUpdationWithInfo(Rec("REMOVE", "b.txt", e.in("Folder/b.txt"), X, X)),
+              0);
+    EXPECT_FALSE(PathExistsNoFollow(e.in("Folder")));
+    EXPECT_EQ(cmd.waitingChanges(), 0u);
+}
+
+TEST_F(CmdInterfaceTest, ADroppedGroupChangesNothingAndLeavesNoNewContent) {
+    Env e;
+    const Scenario s = MakeScenario(e);
+    const auto before = e.tree();
+    LogCapture log;
+    {
+        CmdInterface cmd(e.payload, e.tools, e.backup, e.options());
+        cmd.setGroupedChanges(true);
+        ASSERT_EQ(cmd.performFileUpdationWithInfo(s.files[0]), 0);
+        ASSERT_EQ(cmd.performFileUpdationWithInfo(s.files[2]), 0);
+        ASSERT_EQ(cmd.performFileUpdationWithInfo(s.files[4]), 0);
+        ASSERT_EQ(cmd.waitingChanges(), 3u);
+        cmd.dropGroup();
+        EXPECT_EQ(cmd.waitingChanges(), 0u);
+        EXPECT_EQ(cmd.finishGroup(), 0); // nothing left to make
+    }
+    EXPECT_TRUE(log.contains("3 prepared changes not made"));
+    EXPECT_FALSE(log.contains("Successfully performed"));
+    // Only the journal and the backups were written; the replay finds nothing to undo.
+    EXPECT_EQ(e.tree(), before);
+    EXPECT_EQ(ReplayJournal(e.journal(), e.backup, e.tools), 0) << log.text();
+    EXPECT_EQ(e.tree(), before);
+}
+
+TEST_F(CmdInterfaceTest, AGroupWhoseSyncFailsIsDroppedAndFailsItsEntry) {
+    Env e;
+    const Scenario s = MakeScenario(e);
+    const auto before = e.tree();
+    // Count the calls of a group of two and its finish, then fail the sync.
+    uint64_t syncCall = 0;
+    {
+        Env probe;
+        const Scenario p = MakeScenario(probe);
+        FaultInjectingFileSystem counting;
+        CmdInterface::Options options = probe.options();
+        options.fileSystem = &counting;
+        LogCapture log;
+        CmdInterface cmd(probe.payload, probe.tools, probe.backup, options);
+        cmd.setGroupedChanges(true);
+        ASSERT_EQ(cmd.performFileUpdationWithInfo(p.files[0]), 0);
+        ASSERT_EQ(cmd.performFileUpdationWithInfo(p.files[2]), 0);
+        const auto calls = counting.callLog();
+        ASSERT_EQ(cmd.finishGroup(), 0);
+        const auto after = counting.callLog();
+        syncCall = static_cast<uint64_t>(calls.size()) + 1;
+        ASSERT_TRUE(StartsWith(after.at(calls.size()), "sync-filesystem "))
+            << after.at(calls.size());
+    }
+    FaultInjectingFileSystem faulty;
+    CmdInterface::Options options = e.options();
+    options.fileSystem = &faulty;
+    LogCapture log;
+    CmdInterface cmd(e.payload, e.tools, e.backup, options);
+    cmd.setGroupedChanges(true);
+    faulty.failCall(syncCall, EIO);
+    ASSERT_EQ(cmd.performFileUpdationWithInfo(s.files[0]), 0);
+    ASSERT_EQ(cmd.performFileUpdationWithInfo(s.files[2]), 0);
+    EXPECT_EQ(cmd.finishGroup(), 1);
+    EXPECT_TRUE(faulty.failed());
+    EXPECT_TRUE(log.contains("Cannot sync the changes to the disk: Input/output error"));
+    EXPECT_TRUE(log.contains("2 prepared changes not made"));
+    EXPECT_EQ(e.tree(), before);
+}

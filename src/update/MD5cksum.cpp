@@ -20,19 +20,40 @@ bool SameTime(const timespec& a, const timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-// The files whose checksums are known without reading them: a list, newest first, and an
-// index of it by path.
+// The files whose checksums are known without reading them: a list, newest first, and
+// indexes of it by path and by file (device and inode), so that a file known under one of
+// its names (a backup's hard link) is known under the others.
 struct RememberedChecksum {
     std::string path;
     struct stat identity;
     std::string digest;
 };
+struct FileKey {
+    dev_t device;
+    ino_t inode;
+    bool operator==(const FileKey&) const = default;
+};
+struct FileKeyHash {
+    size_t operator()(const FileKey& key) const {
+        return std::hash<uint64_t>()(static_cast<uint64_t>(key.inode) * 0x9E3779B97F4A7C15ull ^
+                                     static_cast<uint64_t>(key.device));
+    }
+};
+using RememberedEntry = std::list<RememberedChecksum>::iterator;
 std::mutex gRememberedMutex;
 std::list<RememberedChecksum> gRemembered;
-std::unordered_map<std::string, std::list<RememberedChecksum>::iterator> gRememberedByPath;
+std::unordered_map<std::string, RememberedEntry> gRememberedByPath;
+std::unordered_map<FileKey, RememberedEntry, FileKeyHash> gRememberedByFile;
 
-void ForgetLocked(std::list<RememberedChecksum>::iterator entry) {
+FileKey KeyOf(const struct stat& info) {
+    return {info.st_dev, info.st_ino};
+}
+
+void ForgetLocked(RememberedEntry entry) {
     gRememberedByPath.erase(entry->path);
+    if (const auto byFile = gRememberedByFile.find(KeyOf(entry->identity));
+        byFile != gRememberedByFile.end() && byFile->second == entry)
+        gRememberedByFile.erase(byFile);
     gRemembered.erase(entry);
 }
 
@@ -41,14 +62,17 @@ void ForgetLocked(std::list<RememberedChecksum>::iterator entry) {
 std::optional<std::string> MD5cksum::rememberedChecksumOfFile(const std::string& path,
                                                               const struct stat& current) {
     const std::lock_guard lock(gRememberedMutex);
-    const auto found = gRememberedByPath.find(path);
-    if (found == gRememberedByPath.end())
-        return std::nullopt;
-    if (!MD5cksum::sameFileState(found->second->identity, current)) {
+    if (const auto found = gRememberedByPath.find(path); found != gRememberedByPath.end()) {
+        if (MD5cksum::sameFileState(found->second->identity, current))
+            return found->second->digest;
         ForgetLocked(found->second); // changed since: read it again
-        return std::nullopt;
     }
-    return found->second->digest;
+    // The same file, unchanged, known under another of its names.
+    if (const auto found = gRememberedByFile.find(KeyOf(current));
+        found != gRememberedByFile.end() &&
+        MD5cksum::sameFileState(found->second->identity, current))
+        return found->second->digest;
+    return std::nullopt;
 }
 
 bool MD5cksum::sameFileState(const struct stat& a, const struct stat& b) {
@@ -65,6 +89,7 @@ void MD5cksum::rememberChecksumOfFile(const std::string& path, const struct stat
         ForgetLocked(found->second);
     gRemembered.push_front(RememberedChecksum{path, identity, digest});
     gRememberedByPath.emplace(path, gRemembered.begin());
+    gRememberedByFile.insert_or_assign(KeyOf(identity), gRemembered.begin());
     if (gRemembered.size() > kRememberedFiles)
         ForgetLocked(std::prev(gRemembered.end()));
 }
@@ -119,5 +144,13 @@ std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::
     if (!fd.valid())
         return logChecksumOfFile(*path, std::nullopt);
     ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-    return logChecksumOfFile(*path, Md5OfDescriptor(fd.get()));
+    const auto digest = Md5OfDescriptor(fd.get());
+    // Read once: asked again (for its backup's name too) while it stays as it was, the file
+    // is answered from memory.
+    struct stat before {
+    }, after{};
+    if (digest && ::fstat(fd.get(), &after) == 0 && ::stat(path->c_str(), &before) == 0 &&
+        sameFileState(info, after) && sameFileState(before, after))
+        rememberChecksumOfFile(*path, after, *digest);
+    return logChecksumOfFile(*path, digest);
 }

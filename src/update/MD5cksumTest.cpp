@@ -106,9 +106,32 @@ TEST_F(MD5cksumTest, OnlyTheLastFewFilesAreRemembered) {
         ASSERT_EQ(::stat(paths.back().c_str(), &info), 0);
         MD5cksum::rememberChecksumOfFile(paths.back(), info, "remembered");
     }
-    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(paths.front()), Md5sum(paths.front()));
     for (size_t i = 1; i < paths.size(); ++i)
         EXPECT_EQ(MD5cksum::getMD5cksumOfFile(paths[i]), "remembered") << paths[i];
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(paths.front()), Md5sum(paths.front()));
+}
+
+TEST_F(MD5cksumTest, AFileReadOnceIsKnownUnderEachOfItsNames) {
+    const std::string file = _dir.file("installed");
+    const std::string backup = _dir.file("backup");
+    WriteTextFile(file, "installed content\n");
+    ASSERT_EQ(::link(file.c_str(), backup.c_str()), 0);
+    struct stat info {};
+    ASSERT_EQ(::stat(file.c_str(), &info), 0);
+    MD5cksum::rememberChecksumOfFile(file, info, "remembered");
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(backup), "remembered");
+    // Read once, then answered from memory under both names.
+    const std::string other = _dir.file("other");
+    const std::string otherLink = _dir.file("other-link");
+    WriteTextFile(other, "other content\n");
+    ASSERT_EQ(::link(other.c_str(), otherLink.c_str()), 0);
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(other), Md5sum(other));
+    ASSERT_EQ(::stat(other.c_str(), &info), 0);
+    EXPECT_EQ(MD5cksum::rememberedChecksumOfFile(other, info), Md5sum(other));
+    EXPECT_EQ(MD5cksum::rememberedChecksumOfFile(otherLink, info), Md5sum(other));
+    // A change through either name is seen.
+    WriteTextFile(otherLink, "changed, and longer than before\n");
+    EXPECT_EQ(MD5cksum::getMD5cksumOfFile(other), Md5sum(otherLink));
 }
 
 TEST_F(MD5cksumTest, FollowsSymbolicLinks) {

@@ -22,7 +22,7 @@ std::optional<std::string> ApplyPatchToFile(FileSystem& fileSystem,
                                             std::span<const uint8_t> oldData,
                                             const std::string& patchFile,
                                             const std::string& patchTool, const std::string& output,
-                                            mode_t mode) {
+                                            mode_t mode, bool sync) {
     // The bundle's bspatch tool is linked in: the same code, applied without starting two
     // processes (env and the tool) per patched file, which cost more than the patching
     // itself for the small files most updates change. The output is checksummed as it is
@@ -77,7 +77,7 @@ std::optional<std::string> ApplyPatchToFile(FileSystem& fileSystem,
     // The new file replaces an installed one by a rename: its mode and bytes are on disk
     // first.
     if (result == BspatchResult::Success &&
-        (!fileSystem.setModeOfFile(outFd, mode) || !fileSystem.syncFile(outFd, false) ||
+        (!fileSystem.setModeOfFile(outFd, mode) || (sync && !fileSystem.syncFile(outFd, false)) ||
          !fileSystem.close(out))) {
         writeError = errno;
         result = BspatchResult::OutputFailed;

@@ -339,6 +339,14 @@ bool ProcessManifest::progressStep(ProgressWindowController* progress,
 
 std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* /*worker*/) {
     ChecksumPrefetcher prefetcher(filesToChecksumAhead(work));
+    // Entries are prepared in groups that one sync makes durable; a set left early (a failure,
+    // a cancel) drops the changes still waiting, which the journal's replay then finds unmade.
+    CmdInterface& commands = *work.cmdInterface;
+    commands.setGroupedChanges(true);
+    struct DropWaiting {
+        CmdInterface& commands;
+        ~DropWaiting() { commands.dropGroup(); }
+    } dropWaiting{commands};
     int index = 0;
     for (const XmlNode& node : work.workingNodesArray) {
         prefetcher.entryStarting(static_cast<size_t>(index));
@@ -392,13 +400,13 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
         if (!progressStep(work.progress, workingFile))
             return kUserCancelled;
 
-        const int32_t status = work.cmdInterface->performFileUpdationWithInfo(info);
+        const int32_t status = commands.performFileUpdationWithInfo(info);
         if (status == 1)
             return kPermanentError;
         if (status != 0)
             break;
     }
-    return kSuccessful;
+    return commands.finishGroup() == 0 ? kSuccessful : kPermanentError;
 }
 
 std::vector<std::vector<std::string>>

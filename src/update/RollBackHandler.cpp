@@ -113,12 +113,12 @@ bool RollBackHandler::keep(const std::string& destination, const struct stat& en
     } else {
         // A copy, synced, with its checksum taken on the way. It gets the installed file's
         // owner and group too, so that the journal entry records them from it.
-        kept = _files.copyItem(destination, backup, true, true);
+        kept = _files.copyItem(destination, backup, !_deferSync, true);
         if (kept && !S_ISLNK(entry.st_mode))
             (void)_fs.setOwner(backup, entry.st_uid, entry.st_gid);
     }
     // The backup's name is on disk before the journal names it.
-    return kept && _fs.syncFolder(ParentPath(backup));
+    return kept && (_deferSync || _fs.syncFolder(ParentPath(backup)));
 }
 
 // ---------------------------------------------------------------------------------------
@@ -361,7 +361,8 @@ bool RollBackHandler::writeAt(uint64_t offset, const std::string& text, uint64_t
     // process killed at any moment leaves either the old or the new document; the sync
     // makes the entry durable before the next change is made.
     const int fd = _journalFd.get();
-    if (_fs.writeAt(fd, text.data(), text.size(), offset) && _fs.syncFile(fd, false))
+    if (_fs.writeAt(fd, text.data(), text.size(), offset) &&
+        (_deferSync || _fs.syncFile(fd, false)))
         return true;
     const int error = errno;
 

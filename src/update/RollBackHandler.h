@@ -35,20 +35,27 @@ public:
 
     // Keeps the installed destination in the backup folder under ObjectName before it is
     // changed: a second name for the file (a hard link) where the backup folder is on the
-    // same file system, else a synced copy with the file's owner, group and mode. 0 when kept
+    // same file system, else a copy with the file's owner, group and mode. 0 when kept
     // or when there is nothing to keep (no destination, a folder); 1 after "File copy
     // operation failed." when it cannot be kept or a backup of that name exists already.
-    // Symbolic links are kept as links. The backup's name is synced to disk.
+    // Symbolic links are kept as links. The backup (its name, a copy's bytes) is synced to
+    // disk, unless syncs are deferred.
     [[nodiscard]] int32_t backupFileOperation(const FileOperationInfo& info);
 
     // Journals the inverse of a file change that is about to be made, from the backup
     // ObjectName names (or its absence): the file's content, owner, group and mode before the
-    // change. The entry is on disk when this returns, so the change may follow. True when an
+    // change. The entry is on disk when this returns (with deferred syncs: after the caller's
+    // sync), so the change may follow. True when an
     // entry was written or none was due; false when the journal could not be written
     // (logged).
     [[nodiscard]] bool addUndoFileCommand(const FileOperationInfo& info);
     // Journals the inverse of a directory operation that is about to run. As above.
     [[nodiscard]] bool addUndoDirectoryCommand(const DirectoryOperationInfo& info);
+
+    // With deferred syncs, entries and backups are written without syncs of their own: the
+    // caller syncs their file system (FileManager::syncChangedFileSystems) before it makes
+    // any of the changes they cover, so that one sync serves a whole group of entries.
+    void setDeferredSync(bool deferred) { _deferSync = deferred; }
 
     const std::string& rollBackFilePath() const { return rollBackFile; }
     const std::string& backupDir() const { return _backupDir; }
@@ -82,6 +89,7 @@ private:
     FileManager _files;
     UniqueFd _journalFd;
     bool _started = false;
+    bool _deferSync = false;
     // Layout of the file: header, file section, directory section, closing root tag.
     uint64_t _fileSectionStart = 0; // where "<FileSet" begins
     uint64_t _fileEntriesEnd = 0;   // end of the last File entry

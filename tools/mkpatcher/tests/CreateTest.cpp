@@ -260,7 +260,7 @@ TEST_F(CreateTest, ModifiedOldVersionFailsItsChecksumsAndIsRolledBack) {
         LogCapture log;
         EXPECT_EQ(Apply(), "9") << log.text();
         EXPECT_TRUE(log.contains("Rollback successful"));
-        EXPECT_EQ(SnapshotTree(app, TreeDetail::ContentsAndModes), before);
+        EXPECT_EQ(SnapshotTree(app, TreeDetail::ContentsAndModes), before) << log.text();
     }
 }
 
