@@ -6,13 +6,17 @@
 #include <algorithm>
 #include <bzlib.h>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -21,6 +25,10 @@ namespace {
 constexpr size_t kInputBufferSize = 64 * 1024;
 constexpr size_t kChunkSize = 64 * 1024;
 constexpr size_t kOutputBufferSize = 256 * 1024;
+// A new file at least this large has its diff block decompressed on a second thread.
+constexpr int64_t kDecompressAheadSize = 1 << 20;
+constexpr size_t kAheadSlotSize = 256 * 1024;
+constexpr size_t kAheadSlots = 4;
 
 class Fd {
 public:
@@ -117,6 +125,22 @@ public:
         return true;
     }
 
+    // Up to size bytes into out: how many (fewer only where the stream ends), or nothing when
+    // the block is damaged or cannot be read.
+    [[nodiscard]] std::optional<size_t> readSome(uint8_t* out, size_t size) {
+        size_t total = 0;
+        while (total < size && !_ended) {
+            const auto piece = static_cast<unsigned>(std::min<size_t>(size - total, 1u << 30));
+            _stream.next_out = reinterpret_cast<char*>(out + total);
+            _stream.avail_out = piece;
+            if (!step())
+                return std::nullopt;
+            total += piece - _stream.avail_out;
+        }
+        return total;
+    }
+    bool ended() const { return _ended; }
+
     // True when the compressed stream ends here (its checksums verified) and nothing follows
     // it inside the block.
     [[nodiscard]] bool atEnd() {
@@ -163,6 +187,131 @@ private:
     bz_stream _stream{};
     bool _initialized = false;
     bool _ended = false;
+};
+
+// A block read as BlockReader reads it, but, when asked to, decompressed on a thread of its
+// own a few buffers ahead of the reader: the diff block is most of a patch's bzip2 work, and
+// the reader meanwhile adds and writes on its own processor.
+class AheadBlockReader {
+public:
+    AheadBlockReader(int fd, uint64_t begin, uint64_t end, bool ahead)
+        : _reader(fd, begin, end), _ahead(ahead) {}
+    ~AheadBlockReader() {
+        if (_thread.joinable()) {
+            {
+                const std::lock_guard lock(_mutex);
+                _stop = true;
+            }
+            _changed.notify_all();
+            _thread.join();
+        }
+    }
+    AheadBlockReader(const AheadBlockReader&) = delete;
+    AheadBlockReader& operator=(const AheadBlockReader&) = delete;
+
+    [[nodiscard]] bool init() {
+        if (!_reader.init())
+            return false;
+        if (_ahead) {
+            try {
+                for (auto& slot : _slots)
+                    slot.bytes = std::make_unique_for_overwrite<uint8_t[]>(kAheadSlotSize);
+                _thread = std::thread([this] { run(); });
+            } catch (const std::exception&) {
+                _ahead = false; // no memory or no thread: decompress while reading
+            }
+        }
+        return true;
+    }
+
+    [[nodiscard]] bool read(uint8_t* out, size_t size) {
+        if (!_ahead)
+            return _reader.read(out, size);
+        while (size > 0) {
+            Slot* slot = nullptr;
+            {
+                std::unique_lock lock(_mutex);
+                _changed.wait(lock, [&] { return _filled > 0 || _finished; });
+                if (_filled == 0)
+                    return false; // the block ended early or is damaged
+                slot = &_slots[_readSlot];
+            }
+            const size_t piece = std::min(size, slot->size - _readOffset);
+            std::memcpy(out, slot->bytes.get() + _readOffset, piece);
+            out += piece;
+            size -= piece;
+            _readOffset += piece;
+            if (_readOffset == slot->size) {
+                _readOffset = 0;
+                _readSlot = (_readSlot + 1) % kAheadSlots;
+                {
+                    const std::lock_guard lock(_mutex);
+                    --_filled;
+                }
+                _changed.notify_all();
+            }
+        }
+        return true;
+    }
+
+    [[nodiscard]] bool atEnd() {
+        if (!_ahead)
+            return _reader.atEnd();
+        std::unique_lock lock(_mutex);
+        _changed.wait(lock, [&] { return _filled > 0 || _finished; });
+        return _filled == 0 && _endsCleanly;
+    }
+
+private:
+    struct Slot {
+        std::unique_ptr<uint8_t[]> bytes;
+        size_t size = 0;
+    };
+
+    void run() {
+        size_t writeSlot = 0;
+        for (;;) {
+            {
+                std::unique_lock lock(_mutex);
+                _changed.wait(lock, [&] { return _filled < kAheadSlots || _stop; });
+                if (_stop)
+                    return;
+            }
+            // The slot is the writer's alone until it is counted as filled.
+            Slot& slot = _slots[writeSlot];
+            const auto produced = _reader.readSome(slot.bytes.get(), kAheadSlotSize);
+            const bool ended = produced && _reader.ended();
+            const bool clean = ended && _reader.atEnd();
+            {
+                const std::lock_guard lock(_mutex);
+                if (produced && *produced > 0) {
+                    slot.size = *produced;
+                    ++_filled;
+                    writeSlot = (writeSlot + 1) % kAheadSlots;
+                }
+                if (!produced || ended) {
+                    _finished = true;
+                    _endsCleanly = clean;
+                }
+            }
+            _changed.notify_all();
+            if (!produced || ended)
+                return;
+        }
+    }
+
+    BlockReader _reader;
+    bool _ahead;
+    std::thread _thread;
+    std::mutex _mutex;
+    std::condition_variable _changed;
+    Slot _slots[kAheadSlots];
+    size_t _filled = 0;     // slots written and not yet read
+    size_t _readSlot = 0;   // the reader's slot
+    size_t _readOffset = 0; // the reader's place in it
+    bool _finished = false; // the writer is done: the stream ended, or failed
+    bool _endsCleanly = false;
+    bool _stop = false;
 };
 
 // Collects small writes into large ones.
@@ -274,7 +423,7 @@ BspatchResult Apply(std::span<const uint8_t> oldData, int patchFd, const Bspatch
     const uint64_t extraBegin = diffBegin + diffLength;
 
     BlockReader control(patchFd, kBsdiffHeaderSize, diffBegin);
-    BlockReader diff(patchFd, diffBegin, extraBegin);
+    AheadBlockReader diff(patchFd, diffBegin, extraBegin, header->newSize >= kDecompressAheadSize);
     BlockReader extra(patchFd, extraBegin, patchSize);
     if (!control.init() || !diff.init() || !extra.init())
         return Fail(detail, BspatchResult::OutOfMemory, "no memory for the bzip2 decompressors");

@@ -609,3 +609,59 @@ TEST(BspatchTest, MemoryStaysWithinOldSizePlusAConstant) {
 }
 
 } // namespace
+
+// New files of a megabyte and more have their diff block decompressed on a second thread:
+// the same bytes, and the same failures, as when it is decompressed while reading.
+TEST(BspatchTest, LargeFilesGiveTheSameResultsWithTheDiffBlockDecompressedAhead) {
+    Fixture f;
+    constexpr size_t kSize = 3 << 20;
+    const Bytes oldData = RandomBytes(kSize, 5);
+    Bytes delta(kSize, 0);
+    for (size_t i = 0; i < delta.size(); i += 4093)
+        delta[i] = static_cast<uint8_t>(i / 4093 + 1);
+    Bytes newData = oldData;
+    for (size_t i = 0; i < kSize; ++i)
+        newData[i] = static_cast<uint8_t>(newData[i] + delta[i]);
+    const Bytes tail = Text("and a tail from the extra block");
+    newData.insert(newData.end(), tail.begin(), tail.end());
+    WriteBytes(f.oldPath, oldData);
+    const auto size = static_cast<int64_t>(kSize);
+    const auto newSize = static_cast<int64_t>(newData.size());
+
+    struct Case {
+        const char* name;
+        Bytes patch;
+        BspatchResult expected;
+    };
+    Bytes shortDelta(delta.begin(), delta.end() - 1);
+    Bytes longDelta = delta;
+    longDelta.push_back(7);
+    Bytes damagedDiff = Bzip2(delta);
+    damagedDiff[damagedDiff.size() / 2] ^= 0x55;
+    const std::vector<Case> cases = {
+        {"good", MakePatch({{size, static_cast<int64_t>(tail.size()), 0}}, delta, tail, newSize),
+         BspatchResult::Success},
+        {"diff block too short",
+         MakePatch({{size, static_cast<int64_t>(tail.size()), 0}}, shortDelta, tail, newSize),
+         BspatchResult::CorruptPatch},
+        {"unused diff bytes",
+         MakePatch({{size, static_cast<int64_t>(tail.size()), 0}}, longDelta, tail, newSize),
+         BspatchResult::CorruptPatch},
+        {"damaged diff block",
+         BuildPatch(Bzip2(ControlBytes({{size, static_cast<int64_t>(tail.size()), 0}})),
+                    damagedDiff, Bzip2(tail), newSize),
+         BspatchResult::CorruptPatch},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::filesystem::remove(f.outPath);
+        WriteBytes(f.patchPath, c.patch);
+        std::string detail;
+        EXPECT_EQ(ApplyBsdiffPatch(f.oldPath, f.outPath, f.patchPath, &detail), c.expected)
+            << detail;
+        if (c.expected == BspatchResult::Success)
+            EXPECT_EQ(ReadBytes(f.outPath), newData);
+        else
+            EXPECT_FALSE(std::filesystem::exists(f.outPath));
+    }
+}
