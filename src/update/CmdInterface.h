@@ -109,7 +109,8 @@ public:
 private:
     // Placing: the checked copy could not be renamed into place (logged).
     enum class Installed { Done, CopyFailed, ChecksumFailed, Placing };
-    // Copies source beside destination, synced, checks it against expected and renames it
+    // Copies source beside destination (synced, unless prepared for the group), checks it
+    // against expected and renames it
     // over destination (a change: grouped or at once); destination is untouched unless the
     // whole checked copy gets there. checksum: what the copy has.
     [[nodiscard]] Installed installCopy(const std::string& source, const std::string& destination,

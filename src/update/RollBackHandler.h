@@ -45,9 +45,8 @@ public:
     // Journals the inverse of a file change that is about to be made, from the backup
     // ObjectName names (or its absence): the file's content, owner, group and mode before the
     // change. The entry is on disk when this returns (with deferred syncs: after the caller's
-    // sync), so the change may follow. True when an
-    // entry was written or none was due; false when the journal could not be written
-    // (logged).
+    // sync), so the change may follow. True when an entry was written or none was due; false
+    // when the journal could not be written (logged).
     [[nodiscard]] bool addUndoFileCommand(const FileOperationInfo& info);
     // Journals the inverse of a directory operation that is about to run. As above.
     [[nodiscard]] bool addUndoDirectoryCommand(const DirectoryOperationInfo& info);
