@@ -6,8 +6,10 @@
 #include <algorithm>
 #include <system_error>
 
-ChecksumPrefetcher::ChecksumPrefetcher(std::vector<std::vector<std::string>> filesPerEntry)
-    : _filesPerEntry(std::move(filesPerEntry)) {
+ChecksumPrefetcher::ChecksumPrefetcher(std::vector<std::vector<std::string>> filesPerEntry,
+                                       size_t entriesAhead, bool fromFirstEntry)
+    : _filesPerEntry(std::move(filesPerEntry)), _entriesAhead(entriesAhead),
+      _started(!fromFirstEntry) {
     if (_filesPerEntry.empty())
         return;
     try {
@@ -31,6 +33,7 @@ void ChecksumPrefetcher::entryStarting(size_t index) {
     {
         const std::lock_guard lock(_mutex);
         _current = index;
+        _started = true;
     }
     _moved.notify_all();
 }
@@ -41,10 +44,11 @@ void ChecksumPrefetcher::run() {
         {
             std::unique_lock lock(_mutex);
             // An entry already running, or run, is asked for its checksums by now.
-            _moved.wait(lock, [&] { return _stop.load() || next < _current + kEntriesAhead; });
+            _moved.wait(lock, [&] { return _stop.load() || next < _current + _entriesAhead; });
             if (_stop.load())
                 break;
-            next = std::max(next, _current + 1);
+            if (_started)
+                next = std::max(next, _current + 1);
         }
         if (next >= _filesPerEntry.size())
             break;

@@ -20,8 +20,12 @@
 // guessed wrong, is simply read again when its entry asks.
 class ChecksumPrefetcher {
 public:
-    // The files of each entry, in the order the entries run. The thread starts at once.
-    explicit ChecksumPrefetcher(std::vector<std::vector<std::string>> filesPerEntry);
+    // The files of each entry, in the order the entries run, read at most entriesAhead
+    // entries in front of the one running: after entry 0, which its file operation reads
+    // itself, or, fromFirstEntry, from entry 0 on while no entry runs yet. The thread starts
+    // at once.
+    explicit ChecksumPrefetcher(std::vector<std::vector<std::string>> filesPerEntry,
+                                size_t entriesAhead = kEntriesAhead, bool fromFirstEntry = false);
     // Stops the thread without finishing the work left, the file being read included.
     ~ChecksumPrefetcher();
     ChecksumPrefetcher(const ChecksumPrefetcher&) = delete;
@@ -36,6 +40,10 @@ public:
     size_t entriesDone() const { return _done.load(); }
 
     static constexpr size_t kEntriesAhead = 32;
+    // Before the file set starts (while the payload is unpacked) the installed files are
+    // read this far: as many as MD5cksum remembers, with room for those of the running
+    // entries.
+    static constexpr size_t kEntriesBeforeStart = 1024;
 
 private:
     void run();
@@ -44,7 +52,9 @@ private:
     const std::vector<std::vector<std::string>> _filesPerEntry;
     std::mutex _mutex;
     std::condition_variable _moved;
+    const size_t _entriesAhead;
     size_t _current = 0;            // the entry running now
+    bool _started;                  // an entry runs: read only after it
     std::atomic<bool> _stop{false}; // set under _mutex; also read while a file is read
     std::atomic<size_t> _done{0};
     std::thread _thread;

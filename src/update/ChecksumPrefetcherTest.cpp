@@ -164,3 +164,11 @@ TEST_F(ChecksumPrefetcherTest, TheManifestNamesTheInstalledAndThePayloadFiles) {
 }
 
 } // namespace
+
+TEST_F(ChecksumPrefetcherTest, BeforeTheFileSetStartsItReadsFromTheFirstEntryOn) {
+    const auto entries = Entries(5);
+    ChecksumPrefetcher prefetcher(entries, ChecksumPrefetcher::kEntriesBeforeStart, true);
+    ASSERT_TRUE(WaitForEntries(prefetcher, 5));
+    for (size_t i = 0; i < entries.size(); ++i)
+        EXPECT_EQ(Remembered(entries[i][0]), Sum(i)) << entries[i][0];
+}

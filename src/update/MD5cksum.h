@@ -28,9 +28,10 @@ public:
     // last write or read. getMD5cksumOfFile then answers for that path from memory as long
     // as the file's device, inode, size, modification and change times are still the ones
     // recorded: any write, truncation, replacement or mode change gives up the memory. Only
-    // the last few dozen files are kept: those of the running file operation and its journal
-    // entry, and those worked out ahead of it (ChecksumPrefetcher).
-    static constexpr size_t kRememberedFiles = 256;
+    // the last few thousand files are kept (a few hundred bytes each): those of the running
+    // file operation and its journal entry, and those worked out ahead of it
+    // (ChecksumPrefetcher), even before the file set starts.
+    static constexpr size_t kRememberedFiles = 4096;
     static void rememberChecksumOfFile(const std::string& path, const struct stat& identity,
                                        const std::string& digest);
 

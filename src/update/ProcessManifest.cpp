@@ -87,6 +87,19 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
       _appPath(std::move(appPath)), _resourceDir(std::move(resourceDir)), _dataLoader(dataLoader),
       _environment(std::move(environment)), _isSilentInstall(_environment.silent) {
     totalNodesCount = 0;
+    // The installed files are read on another processor while this one unpacks the payload.
+    // (Read quietly: a manifest that cannot be read is reported when the update starts.)
+    const auto parsed = XmlDocument::parseFile(_manifestFile);
+    if (parsed.errors.empty() && parsed.document) {
+        const XmlNode root = XmlDocument::root(parsed.document);
+        const DirTokenResolver dirToken(_environment.paths);
+        std::vector<XmlNode> entries = Select(root, "/Manifest/FileSet/File");
+        for (const XmlNode& file : Select(root, "/Manifest/BundleSet/Bundle/File"))
+            entries.push_back(file);
+        _earlyPrefetcher = std::make_unique<ChecksumPrefetcher>(
+            filesToChecksumAhead(entries, dirToken, _appPath, {}),
+            ChecksumPrefetcher::kEntriesBeforeStart, true);
+    }
     (void)PayloadHandler::extractFile(_resourceDir, _payloadDir, fileSystem());
     if (_environment.state) {
         _backupDir = _environment.record.backupFolder;
@@ -338,6 +351,7 @@ bool ProcessManifest::progressStep(ProgressWindowController* progress,
 }
 
 std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* /*worker*/) {
+    _earlyPrefetcher.reset();
     ChecksumPrefetcher prefetcher(filesToChecksumAhead(work));
     // Entries are prepared in groups that one sync makes durable; a set left early (a failure,
     // a cancel) drops the changes still waiting, which the journal's replay then finds unmade.
@@ -411,19 +425,26 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
 
 std::vector<std::vector<std::string>>
 ProcessManifest::filesToChecksumAhead(const WorkDictionary& work) {
+    return filesToChecksumAhead(work.workingNodesArray, *work.dirToken, work.appPath,
+                                work.cmdInterface->payloadDir());
+}
+
+std::vector<std::vector<std::string>>
+ProcessManifest::filesToChecksumAhead(const std::vector<XmlNode>& entries,
+                                      const DirTokenResolver& dirToken, const std::string& appPath,
+                                      const std::string& payloadDir) {
     // A guess, read without a log line: the installed file, the file a rename or an
     // overwrite of a renamed file starts from, and the payload file copied in. A wrong
     // guess costs a read, never a result.
     std::vector<std::vector<std::string>> files;
-    files.reserve(work.workingNodesArray.size());
+    files.reserve(entries.size());
     auto expanded = [&](const XmlNode& path) -> std::optional<std::string> {
         const auto name = path.attribute("defName");
         if (!name)
             return std::nullopt;
-        return work.dirToken->expandedPath(JoinPath(path.attribute("dir").value_or(""), *name),
-                                           work.appPath);
+        return dirToken.expandedPath(JoinPath(path.attribute("dir").value_or(""), *name), appPath);
     };
-    for (const XmlNode& node : work.workingNodesArray) {
+    for (const XmlNode& node : entries) {
         std::vector<std::string>& entry = files.emplace_back();
         for (const char* field : {"./DestinationPath", "./RenamePath"}) {
             const auto nodes = node.select(field);
@@ -432,10 +453,12 @@ ProcessManifest::filesToChecksumAhead(const WorkDictionary& work) {
                     entry.push_back(std::move(*path));
             }
         }
+        if (payloadDir.empty())
+            continue;
         const auto operation = SingleValue(node, "./Operation").value_or("");
         const auto objectName = SingleValue(node, "./ObjectName");
         if (objectName && !EqualsIgnoringCase(operation, "PATCH"))
-            entry.push_back(JoinPath(work.cmdInterface->payloadDir(), *objectName));
+            entry.push_back(JoinPath(payloadDir, *objectName));
     }
     return files;
 }

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+class ChecksumPrefetcher;
 class DirTokenResolver;
 class KORInstallerResultsWrapper;
 class LoadConfigData;
@@ -90,6 +91,11 @@ public:
     std::string processFileSet(WorkDictionary& work, ThreadWorker* worker);
     // For each file entry, the files whose checksums it is likely to ask for.
     static std::vector<std::vector<std::string>> filesToChecksumAhead(const WorkDictionary& work);
+    // The same for every file entry of the manifest (file set, then bundles), without the
+    // payload's files (payloadDir empty) or with them.
+    static std::vector<std::vector<std::string>>
+    filesToChecksumAhead(const std::vector<XmlNode>& entries, const DirTokenResolver& dirToken,
+                         const std::string& appPath, const std::string& payloadDir);
     std::string processBundleSet(WorkDictionary& work, ThreadWorker* worker);
     std::string processDirectorySet(WorkDictionary& work, ThreadWorker* worker);
     // Replays the journal in the backup folder.
@@ -143,6 +149,9 @@ private:
     ProgressWindowController* _progressController = nullptr;
     std::unique_ptr<ServicesHandler> _serviceHandler;
     std::shared_ptr<ThreadWorker> _tw;
+    // Reads the installed files' checksums while the payload is unpacked and the services
+    // stop; the file set's own prefetcher takes over.
+    std::unique_ptr<ChecksumPrefetcher> _earlyPrefetcher;
     bool _isProcessingRollback = false;
     bool _isSilentInstall = false;
     int totalNodesCount = 0;
