@@ -156,8 +156,13 @@ bool FileManager::replaceWith(const std::string& temporary, const std::string& d
 void FileManager::noteChangeAt(const std::string& path) const {
     if (path.empty() || path.front() != '/')
         return; // not a place (a link's content, an absent field)
+    // A folder noted since the last sync is known: its file system is noted already.
+    std::string parent = ParentPath(path);
+    if (_notedFolders.count(parent))
+        return;
+    _notedFolders.insert(parent);
     // The nearest folder that exists: the change happens on its file system.
-    for (std::string folder = ParentPath(path); !folder.empty(); folder = ParentPath(folder)) {
+    for (std::string folder = std::move(parent); !folder.empty(); folder = ParentPath(folder)) {
         struct stat info {};
         if (::stat(folder.c_str(), &info) == 0) {
             _changedFileSystems.emplace(info.st_dev, folder);
@@ -169,6 +174,7 @@ void FileManager::noteChangeAt(const std::string& path) const {
 }
 
 bool FileManager::syncChangedFileSystems() const {
+    _notedFolders.clear();
     while (!_changedFileSystems.empty()) {
         const auto first = _changedFileSystems.begin();
         // The folder noted may be gone since (a folder the update made and its rollback

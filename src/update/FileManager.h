@@ -5,6 +5,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unordered_set>
 #include <vector>
 
 class FileSystem;
@@ -90,6 +91,8 @@ private:
                                        bool rememberChecksum) const;
 
     FileSystem* _fs;
-    // One existing folder on each file system with noted changes.
+    // One existing folder on each file system with noted changes, and the folders noted
+    // since the last sync (whose file systems are among those).
     mutable std::map<dev_t, std::string> _changedFileSystems;
+    mutable std::unordered_set<std::string> _notedFolders;
 };
