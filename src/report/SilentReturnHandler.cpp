@@ -1,18 +1,91 @@
 #include "report/SilentReturnHandler.h"
 
+#include "base/FileUtil.h"
 #include "base/Path.h"
 #include "runtime/CommonUtility.h"
+#include "runtime/LoggerUtility.h"
 
-#include <cstdio>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+std::string ErrorText() {
+    return std::strerror(errno);
+}
+
+// The folder of the code may belong to root or to the user this run acts for: the one who
+// started it (the real user id), or the one sudo or pkexec started it for.
+bool TrustedOwner(uid_t owner) {
+    if (owner == 0 || owner == ::getuid())
+        return true;
+    for (const char* variable : {"SUDO_UID", "PKEXEC_UID"}) {
+        const char* value = std::getenv(variable);
+        if (!value || !*value)
+            continue;
+        char* end = nullptr;
+        errno = 0;
+        const unsigned long uid = std::strtoul(value, &end, 10);
+        if (errno == 0 && end && *end == '\0' && uid == owner)
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+UniqueFd SilentReturnHandler::openResultFolder(const std::string& folder) {
+    // Made when missing (root's, readable by all); then used only through a handle of the
+    // folder itself, never through a symbolic link, and only when nobody but its owner (a
+    // trusted one) can put anything in it.
+    if (::mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) {
+        NSLevelledLog(0, "The return code is not written: cannot make %@: %@", folder, ErrorText());
+        return {};
+    }
+    UniqueFd handle(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat info {};
+    if (!handle.valid() || ::fstat(handle.get(), &info) != 0) {
+        NSLevelledLog(0, "The return code is not written: %@ is not a folder (%@)", folder,
+                      ErrorText());
+        return {};
+    }
+    if (!TrustedOwner(info.st_uid) || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        NSLevelledLog(0,
+                      "The return code is not written: %@ belongs to user %d with mode %03o; "
+                      "only a folder of root or of this run's user that no one else can "
+                      "write is used",
+                      folder, static_cast<int>(info.st_uid),
+                      static_cast<unsigned>(info.st_mode & 07777));
+        return {};
+    }
+    return handle;
+}
 
 void SilentReturnHandler::setReturnCode(SilentReturnCode code, const PlatformPaths& paths) {
     const std::string& file = paths.returnCodeFile;
     const std::string folder = ParentPath(file);
-    if (!folder.empty() && folder != "/")
-        (void)CreateDirectoryAtPath(folder);
-    std::FILE* out = std::fopen(file.c_str(), "w");
-    if (!out)
+    const std::string name = LastPathComponent(file);
+    const UniqueFd handle = openResultFolder(folder.empty() ? "." : folder);
+    if (!handle.valid())
         return;
-    std::fprintf(out, "%d", static_cast<int>(code));
-    std::fclose(out);
+    // A new file, written whole, then renamed over the old one: a reader sees the old code
+    // or the new one, and whatever was planted under the name (a link to some other file)
+    // is replaced, never written through.
+    const std::string temporary = "." + name + "." + std::to_string(::getpid());
+    (void)::unlinkat(handle.get(), temporary.c_str(), 0);
+    UniqueFd out(::openat(handle.get(), temporary.c_str(),
+                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    const std::string text = std::to_string(static_cast<int>(code));
+    bool written = out.valid() && WriteAll(out.get(), text.data(), text.size());
+    if (out.valid() && ::close(out.release()) != 0)
+        written = false;
+    if (!written || ::renameat(handle.get(), temporary.c_str(), handle.get(), name.c_str()) != 0) {
+        NSLevelledLog(0, "The return code is not written to %@: %@", file, ErrorText());
+        (void)::unlinkat(handle.get(), temporary.c_str(), 0);
+    }
 }

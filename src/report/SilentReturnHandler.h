@@ -1,6 +1,9 @@
 #pragma once
 
+#include "base/FileUtil.h"
 #include "runtime/PlatformPaths.h"
+
+#include <string>
 
 // The results of a silent run, by the numbers the return-code file holds. Codes 1, 2 and 4
 // are never written.
@@ -19,8 +22,16 @@ enum class SilentReturnCode : int {
 // The result of a silent run: the return-code file (the table's returnCodeFile, normally
 // "/tmp/OrvelQX3/retVal"), holding the code in decimal without a line end, replacing what it
 // held before.
+//
+// The folder is in /tmp, where any local user can make names: the code goes only into a
+// real folder (not a symbolic link) that belongs to root or to this run's user and that no
+// one else may write, and always as a new file renamed into place, so that nothing planted
+// there is written through. Otherwise the code goes nowhere, with a log line.
 class SilentReturnHandler {
 public:
-    // Creates the file's folder when missing. An unwritable file is skipped silently.
+    // Creates the file's folder when missing.
     static void setReturnCode(SilentReturnCode code, const PlatformPaths& paths);
+    // A handle of folder (made when missing) when it passes the checks above; else none,
+    // logged.
+    static UniqueFd openResultFolder(const std::string& folder);
 };

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <mutex>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,15 +58,26 @@ ExecuteWithPrivileges::ExecuteWithPrivileges(FromToken, std::vector<char> token)
 
 std::unique_ptr<ExecuteWithPrivileges>
 ExecuteWithPrivileges::initWithToken(const std::string& tokenFile) {
-    if (!PathExists(tokenFile)) {
+    // The file is in /tmp, where any local user can make names: only a regular file of
+    // root's counts, opened without following a link and without waiting on a pipe, and
+    // no more than a token's length of it is read.
+    UniqueFd fd(::open(tokenFile.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd.valid()) {
+        if (errno == ELOOP)
+            NSLevelledLog(0, "Ignoring %@: it is a symbolic link", tokenFile);
+        NSLevelledLog(2, "Error. Execute with privileges cannot be initialized.");
+        return nullptr;
+    }
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != 0) {
+        NSLevelledLog(0, "Ignoring %@: only a regular file of root's is a token", tokenFile);
         NSLevelledLog(2, "Error. Execute with privileges cannot be initialized.");
         return nullptr;
     }
     // The token is the update manager's business; it is read as handed over and never
     // interpreted (an unreadable token is simply empty).
     std::vector<char> token;
-    UniqueFd fd(::open(tokenFile.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.valid()) {
+    {
         token.resize(kTokenLength);
         size_t done = 0;
         while (done < token.size()) {

@@ -8,6 +8,7 @@
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -237,4 +238,33 @@ TEST(UnprivilegedRunTest, SavedSuperUserRaisesAndRestores) {
                           {std::string(kModeVariable) + "=setuid"}, output);
     EXPECT_EQ(status, 0) << output;
     EXPECT_NE(output.find("[  PASSED  ] 1 test"), std::string::npos) << output;
+}
+
+// The token file lies in /tmp, where any local user can make names.
+TEST_F(ExecuteWithPrivilegesTest, OnlyARegularTokenFileOfRootsCounts) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs the super-user";
+    TempDir dir;
+    WriteTextFile(dir.file("secret"), "a root-only secret, not a token");
+    ASSERT_EQ(::symlink(dir.file("secret").c_str(), dir.file("link").c_str()), 0);
+    ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0666), 0);
+    WriteTextFile(dir.file("foreign"), std::string(32, 'f'));
+    ASSERT_EQ(::chown(dir.file("foreign").c_str(), 65534, 65534), 0);
+    for (const char* name : {"link", "fifo", "foreign"}) {
+        SCOPED_TRACE(name);
+        LogCapture log;
+        // A pipe nobody writes to would hang an ordinary open: this one returns at once.
+        EXPECT_EQ(ExecuteWithPrivileges::initWithToken(dir.file(name)), nullptr);
+        EXPECT_TRUE(log.contains("Error. Execute with privileges cannot be initialized."));
+        EXPECT_NE(log.text().find("Ignoring " + dir.file(name) + ": "), std::string::npos)
+            << log.text();
+    }
+    // A huge token file: no more than a token's length is read.
+    {
+        std::string huge(8 << 20, 'h');
+        WriteTextFile(dir.file("huge"), huge);
+        const auto runner = ExecuteWithPrivileges::initWithToken(dir.file("huge"));
+        ASSERT_NE(runner, nullptr);
+        EXPECT_EQ(runner->authorization()->size(), ExecuteWithPrivileges::kTokenLength);
+    }
 }
