@@ -3,6 +3,7 @@
 #include "base/Path.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -103,4 +104,27 @@ std::optional<std::string> ReadFileText(const std::string& path, size_t maxBytes
         text.append(buffer, static_cast<size_t>(n));
     }
     return text;
+}
+
+UniqueFd OpenPrivateFolder(const std::string& path, mode_t mode,
+                           const std::function<bool(uid_t)>& trustedOwner, std::string* problem) {
+    auto refuse = [&](const std::string& why) {
+        if (problem)
+            *problem = why;
+        return UniqueFd();
+    };
+    if (::mkdir(path.c_str(), mode) != 0 && errno != EEXIST)
+        return refuse("cannot make " + path + ": " + std::strerror(errno));
+    UniqueFd handle(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat info {};
+    if (!handle.valid() || ::fstat(handle.get(), &info) != 0)
+        return refuse(path + " is not a folder (" + std::strerror(errno) + ")");
+    if (!trustedOwner(info.st_uid) || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        char modeText[8];
+        std::snprintf(modeText, sizeof modeText, "%03o",
+                      static_cast<unsigned>(info.st_mode & 07777));
+        return refuse(path + " belongs to user " + std::to_string(info.st_uid) + " with mode " +
+                      modeText);
+    }
+    return handle;
 }

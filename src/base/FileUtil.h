@@ -1,7 +1,9 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 
 // Small file helpers for the base layer: whole-file writes, atomic replacement and an
 // owned file descriptor.
@@ -32,6 +34,14 @@ public:
 private:
     int _fd = -1;
 };
+
+// A folder to write in where other users can make names (under /tmp): made (mode) when
+// missing, then opened without following a symbolic link in its place, and accepted only
+// when it is a real folder whose owner trustedOwner accepts and that no one but its owner
+// may write. Otherwise no handle, and problem (when given) says why, for the log.
+UniqueFd OpenPrivateFolder(const std::string& path, mode_t mode,
+                           const std::function<bool(uid_t)>& trustedOwner,
+                           std::string* problem = nullptr);
 
 // Writes all of data to fd, retrying short writes and EINTR.
 [[nodiscard]] bool WriteAll(int fd, const char* data, size_t size);

@@ -40,29 +40,15 @@ bool TrustedOwner(uid_t owner) {
 } // namespace
 
 UniqueFd SilentReturnHandler::openResultFolder(const std::string& folder) {
-    // Made when missing (root's, readable by all); then used only through a handle of the
-    // folder itself, never through a symbolic link, and only when nobody but its owner (a
-    // trusted one) can put anything in it.
-    if (::mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) {
-        NSLevelledLog(0, "The return code is not written: cannot make %@: %@", folder, ErrorText());
-        return {};
-    }
-    UniqueFd handle(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat info {};
-    if (!handle.valid() || ::fstat(handle.get(), &info) != 0) {
-        NSLevelledLog(0, "The return code is not written: %@ is not a folder (%@)", folder,
-                      ErrorText());
-        return {};
-    }
-    if (!TrustedOwner(info.st_uid) || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    // Made when missing (root's, readable by all), and used only when nobody but its owner,
+    // a trusted one, can put anything in it.
+    std::string problem;
+    UniqueFd handle = OpenPrivateFolder(folder, 0755, TrustedOwner, &problem);
+    if (!handle.valid())
         NSLevelledLog(0,
-                      "The return code is not written: %@ belongs to user %d with mode %03o; "
-                      "only a folder of root or of this run's user that no one else can "
-                      "write is used",
-                      folder, static_cast<int>(info.st_uid),
-                      static_cast<unsigned>(info.st_mode & 07777));
-        return {};
-    }
+                      "The return code is not written: %@; only a folder of root or of this "
+                      "run's user that no one else can write is used",
+                      problem);
     return handle;
 }
 

@@ -458,11 +458,16 @@ int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
     NSLevelledLog(3, "Extracting updater files ...");
     if (!IsReadableFile(archivePath)) {
         NSLevelledLog(3, "No files in the Payload.");
+    } else if (!WorkingFolderIsSafe(targetFolder)) {
+        // Nothing is unpacked: every source then shows up as missing.
     } else {
         // A symbolic link in the target's place is removed itself, never what it points to.
         if (PathExistsNoFollow(targetFolder))
             (void)cleanupDir(targetFolder, fileSystem);
-        (void)CreateDirectoryAtPath(targetFolder);
+        // Root's alone, so that no one else can read the new files or swap them.
+        if (::mkdir(targetFolder.c_str(), 0700) != 0)
+            NSLevelledLog(0, "Cannot make the working folder %@: %@", targetFolder,
+                          std::string(std::strerror(errno)));
         std::string reason;
         if (!ExtractArchive(archivePath, targetFolder, fileSystem, reason)) {
             // Half a payload is worse than none: the manifest would mix new and missing
@@ -471,16 +476,32 @@ int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
             if (!FileManager(fileSystem).removeItem(targetFolder) &&
                 PathExistsNoFollow(targetFolder))
                 NSLevelledLog(0, "Remove operation failed.");
-            (void)CreateDirectoryAtPath(targetFolder);
+            (void)::mkdir(targetFolder.c_str(), 0700);
         }
     }
     NSLevelledLog(3, "Done");
     return 0;
 }
 
+bool PayloadHandler::WorkingFolderIsSafe(const std::string& folder) {
+    // The working folder's parent is under /tmp, where any local user can make names: it is
+    // used only when it is a real folder of this process's user (root) that no one else may
+    // write, so that nobody can swap the folder or what is in it while the run uses it.
+    std::string problem;
+    const uid_t self = ::geteuid();
+    if (OpenPrivateFolder(
+            ParentPath(folder), 0755, [self](uid_t owner) { return owner == self; }, &problem)
+            .valid())
+        return true;
+    NSLevelledLog(0, "The working folder %@ is not used: %@", folder, problem);
+    return false;
+}
+
 int32_t PayloadHandler::cleanupDir(const std::string& folder, FileSystem& fileSystem) {
     NSFormatLogWithHeading(3, "TEARDOWN for Update");
     NSLevelledLog(3, "Cleanup \"%@\".", folder);
+    if (!WorkingFolderIsSafe(folder))
+        return 1;
     if (!FileManager(fileSystem).removeItem(folder)) {
         NSLevelledLog(3, "Remove operation failed.");
         return 1;

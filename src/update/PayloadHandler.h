@@ -20,11 +20,19 @@ public:
     // neither files, folders nor symbolic links refuse the whole archive. A missing,
     // unreadable, truncated, non-gzip or refused archive, or any write that fails, leaves
     // targetFolder empty (or absent when there is no archive), so the manifest later finds
-    // its sources missing. Always returns 0: extraction never reports failure itself.
+    // its sources missing. targetFolder is made root's alone (0700), and only inside a
+    // parent that passes WorkingFolderIsSafe; otherwise nothing is unpacked. Always returns
+    // 0: extraction never reports failure itself.
     static int32_t extractFile(const std::string& archiveFolder, const std::string& targetFolder,
                                FileSystem& fileSystem);
 
     // Removes folder and everything in it through fileSystem (symbolic links are removed,
-    // never followed). 0 when it was removed, 1 when not ("Remove operation failed.").
+    // never followed). 0 when it was removed, 1 when not ("Remove operation failed.", or a
+    // parent that fails WorkingFolderIsSafe: then nothing is touched).
     [[nodiscard]] static int32_t cleanupDir(const std::string& folder, FileSystem& fileSystem);
+
+    // The working folder's parent (under /tmp, where any local user can make names) is a
+    // real folder of this process's user that no one else may write; made when missing.
+    // False after a log line naming the problem.
+    static bool WorkingFolderIsSafe(const std::string& folder);
 };

@@ -405,7 +405,7 @@ TEST_F(PayloadHandlerTest, APayloadLargerThanTheFreeSpaceIsRefusedWhole) {
     if (child == 0) {
         if (::unshare(CLONE_NEWNS) != 0 ||
             ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=1m") != 0)
+            ::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=1m,mode=0755") != 0)
             ::_exit(2);
         LogCapture log;
         (void)PayloadHandler::extractFile(_resources, payload, RealFileSystem::instance());
@@ -461,3 +461,62 @@ TEST_F(PayloadHandlerTest, CleanupOfAMissingFolderFails) {
 }
 
 } // namespace
+
+TEST_F(PayloadHandlerTest, TheWorkingFolderIsRootsAloneInsideAParentNoOneElseCanWrite) {
+    WriteTextFile(_stage + "/file.txt", "payload\n");
+    MakePayload(_stage, "echo file.txt");
+    EXPECT_EQ(PayloadHandler::extractFile(_resources, _payload, RealFileSystem::instance()), 0);
+    struct stat info {};
+    ASSERT_EQ(::lstat(_payload.c_str(), &info), 0);
+    EXPECT_TRUE(S_ISDIR(info.st_mode));
+    EXPECT_EQ(info.st_mode & 07777, 0700u);
+    EXPECT_EQ(info.st_uid, ::geteuid());
+}
+
+TEST_F(PayloadHandlerTest, AParentAnotherUserCouldSwapIsNotUsed) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs the super-user";
+    WriteTextFile(_stage + "/file.txt", "payload\n");
+    MakePayload(_stage, "echo file.txt");
+    struct Case {
+        const char* name;
+        std::function<void(const std::string& parent)> plant;
+    };
+    const std::vector<Case> cases = {
+        {"another user's folder",
+         [](const std::string& parent) {
+             fs::create_directories(parent);
+             ASSERT_EQ(::chown(parent.c_str(), 65534, 65534), 0);
+         }},
+        {"a folder anyone may write",
+         [](const std::string& parent) {
+             fs::create_directories(parent);
+             ASSERT_EQ(::chmod(parent.c_str(), 01777), 0);
+         }},
+        {"a link to another folder",
+         [this](const std::string& parent) {
+             fs::create_directories(_root.file("elsewhere"));
+             ASSERT_EQ(::symlink(_root.file("elsewhere").c_str(), parent.c_str()), 0);
+         }},
+    };
+    int index = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string parent = _root.file("planted" + std::to_string(++index));
+        const std::string payload = parent + "/PatcherApp_1";
+        c.plant(parent);
+        // What the other user left there stays as it is, and nothing is added.
+        WriteTextFile(_root.file("elsewhere/PatcherApp_1/keep.txt"), "theirs\n");
+        if (!fs::is_symlink(parent))
+            WriteTextFile(payload + "/keep.txt", "theirs\n");
+        LogCapture log;
+        EXPECT_EQ(PayloadHandler::extractFile(_resources, payload, RealFileSystem::instance()), 0);
+        EXPECT_EQ(PayloadHandler::cleanupDir(payload, RealFileSystem::instance()), 1);
+        EXPECT_NE(log.text().find("The working folder " + payload + " is not used: " + parent),
+                  std::string::npos)
+            << log.text();
+        EXPECT_EQ(ReadTextFile(payload + "/keep.txt"), "theirs\n");
+        EXPECT_FALSE(fs::exists(payload + "/file.txt"));
+        EXPECT_FALSE(fs::exists(_root.file("elsewhere/PatcherApp_1/file.txt")));
+    }
+}
