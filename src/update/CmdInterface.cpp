@@ -111,8 +111,7 @@ int32_t CmdInterface::performFileUpdationWithInfo(const FileOperationInfo& info)
     if (!prepare)
         return result;
     if (result != 0) {
-        for (const std::string& temporary : _entry.temporaries)
-            (void)_fs->removeFile(temporary);
+        removeTemporaries(_entry);
         return result;
     }
     if (_entry.changes.empty())
@@ -186,10 +185,8 @@ int32_t CmdInterface::finishGroup() {
             if (make())
                 continue;
             NSLevelledLog(3, "Failed to perform \"%@\" file Operation", group[index].operation);
-            for (size_t rest = index; rest < group.size(); ++rest) {
-                for (const std::string& temporary : group[rest].temporaries)
-                    (void)_fs->removeFile(temporary); // gone already where it was placed
-            }
+            for (size_t rest = index; rest < group.size(); ++rest)
+                removeTemporaries(group[rest]);
             return 1;
         }
     }
@@ -200,13 +197,16 @@ void CmdInterface::dropGroup() {
     if (_group.empty())
         return;
     NSLevelledLog(3, "%d prepared changes not made", static_cast<int>(_group.size()));
-    for (const PreparedEntry& entry : _group) {
-        for (const std::string& temporary : entry.temporaries)
-            (void)_fs->removeFile(temporary);
-    }
+    for (const PreparedEntry& entry : _group)
+        removeTemporaries(entry);
     _group.clear();
     _groupPaths.clear();
     _groupBytes = 0;
+}
+
+void CmdInterface::removeTemporaries(const PreparedEntry& entry) const {
+    for (const std::string& temporary : entry.temporaries)
+        (void)_fs->removeFile(temporary); // gone already where it was placed
 }
 
 int32_t CmdInterface::performEntry(const FileOperationInfo& info) {

@@ -159,6 +159,8 @@ private:
         std::vector<std::string> temporaries; // new content written for them
         uint64_t bytes = 0;
     };
+    // Removes the new content written for an entry whose changes will not be made.
+    void removeTemporaries(const PreparedEntry& entry) const;
     bool _grouping = false;
     bool _preparing = false; // the entry running is prepared for the group
     PreparedEntry _entry;
