@@ -99,8 +99,10 @@ std::optional<std::string> ReadFileText(const std::string& path, size_t maxBytes
         }
         if (n == 0)
             break;
-        if (text.size() + static_cast<size_t>(n) > maxBytes)
+        if (text.size() + static_cast<size_t>(n) > maxBytes) {
+            errno = EFBIG;
             return std::nullopt;
+        }
         text.append(buffer, static_cast<size_t>(n));
     }
     return text;

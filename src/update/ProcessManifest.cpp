@@ -21,6 +21,7 @@
 #include "update/FileManager.h"
 #include "update/MD5cksum.h"
 #include "update/PayloadHandler.h"
+#include "update/RollBackHandler.h"
 
 #include <chrono>
 #include <cstring>
@@ -28,6 +29,9 @@
 #include <thread>
 
 namespace {
+
+// A journal entry takes well under a kilobyte: room for a million of them.
+constexpr size_t kLargestJournal = size_t{1} << 30;
 
 bool IsSuccessful(const std::string& result) {
     return result == ProcessManifest::kSuccessful;
@@ -555,7 +559,7 @@ std::string ProcessManifest::performRollback() {
         return kSuccessful;
     }
     NSLevelledLog(3, "Process through rollback file...");
-    XmlNode root = getRootNodeOfXMLGivenPath(journal);
+    XmlNode root = readJournal(journal);
     if (!root) {
         NSLevelledLog(3, "Improper Rollback file");
         return kPermanentError;
@@ -568,6 +572,33 @@ std::string ProcessManifest::performRollback() {
         NSLevelledLog(0, "Rollback failed. Application left in undeterminate state.");
     _isProcessingRollback = false;
     return result;
+}
+
+XmlNode ProcessManifest::readJournal(const std::string& journal) {
+    const auto text = ReadFileText(journal, kLargestJournal);
+    if (!text) {
+        NSLevelledLog(0, "Cannot read the rollback journal %@: %@", journal,
+                      std::string(std::strerror(errno)));
+        return {};
+    }
+    const RollBackHandler::WholeEntries read = RollBackHandler::readWholeEntries(*text);
+    if (!read.document)
+        return {};
+    if (read.torn) {
+        // Its last write was cut short (a kill between two pages of it, or a power cut
+        // before its sync); the change it was to cover waited for it and was never made.
+        NSLevelledLog(0,
+                      "The rollback journal %@ ends in an entry that was not written whole: "
+                      "%@ bytes cut off, %@ file and %@ folder entries replayed",
+                      journal, std::to_string(read.cutBytes), std::to_string(read.fileEntries),
+                      std::to_string(read.directoryEntries));
+    }
+    const auto parsed = XmlDocument::parseMemory(*read.document, XmlParseMode::Strict);
+    if (!parsed.errors.empty()) {
+        handleError(parsed.errors.front());
+        return {};
+    }
+    return XmlDocument::root(parsed.document);
 }
 
 void ProcessManifest::longTaskFinished(const std::string& result) {

@@ -100,6 +100,9 @@ public:
     std::string processDirectorySet(WorkDictionary& work, ThreadWorker* worker);
     // Replays the journal in the backup folder.
     std::string performRollback();
+    // The journal's whole entries as a document (a torn last entry cut off, with a log
+    // line); nothing when it cannot be read as a journal.
+    XmlNode readJournal(const std::string& journal);
     // Replays the journal in backupFolder onto the application as a run's rollback does;
     // for the journal of a run that did not finish. True when it went through.
     static bool replayJournal(const std::string& backupFolder, const std::string& appPath,

@@ -279,16 +279,30 @@ bool RollBackHandler::appendFileEntry(const std::string& text) {
     if (!_started) {
         const std::string document =
             std::string(kHeader) + kFileSetOpen + text + kFileSetClose + directorySection();
-        if (!writeFirstDocument(document))
+        if (!replaceDocument(document))
             return false;
         _fileSectionStart = std::strlen(kHeader);
         _fileEntriesEnd = _fileSectionStart + std::strlen(kFileSetOpen) + text.size();
         _fileCount = 1;
         return true;
     }
-    // The new entry goes where the file section's tail begins; everything after it (the
-    // tail, and the directory section, which is empty or short in a forward run where
-    // directories come last) is written again behind it.
+    if (_directoryCount > 0) {
+        // Written in place, the entry would go over the folder entries, and a torn write
+        // would lose them: the document is made anew instead, from the file entries on disk.
+        const auto current = ReadFileText(rollBackFile, SIZE_MAX);
+        if (!current || current->size() < _fileEntriesEnd) {
+            reportWriteFailure(current ? "the journal is shorter than written" : "cannot read it");
+            return false;
+        }
+        const std::string entries = _fileCount > 0 ? current->substr(0, _fileEntriesEnd)
+                                                   : std::string(kHeader) + kFileSetOpen;
+        if (!replaceDocument(entries + text + kFileSetClose + directorySection()))
+            return false;
+        _fileEntriesEnd = entries.size() + text.size();
+        ++_fileCount;
+        return true;
+    }
+    // The new entry goes where the file section's tail begins, and a new tail behind it.
     const uint64_t offset = _fileCount > 0 ? _fileEntriesEnd : _fileSectionStart;
     const std::string oldTail = fileSectionTail() + directorySection();
     const uint64_t oldEnd = offset + oldTail.size();
@@ -305,7 +319,7 @@ bool RollBackHandler::appendDirectoryEntry(const std::string& text) {
     if (!_started) {
         const std::string document = std::string(kHeader) + kFileSetEmpty + kDirectorySetOpen +
                                      text + kDirectorySetClose + kRootClose;
-        if (!writeFirstDocument(document))
+        if (!replaceDocument(document))
             return false;
         _fileSectionStart = std::strlen(kHeader);
         _fileEntriesEnd = _fileSectionStart;
@@ -333,9 +347,7 @@ bool RollBackHandler::appendDirectoryEntry(const std::string& text) {
     return true;
 }
 
-bool RollBackHandler::writeFirstDocument(const std::string& text) {
-    // Written whole under a temporary name, synced and renamed over any older journal, so
-    // the journal is a complete document from its first entry on.
+bool RollBackHandler::replaceDocument(const std::string& text) {
     const std::string temporary = rollBackFile + ".new";
     (void)_fs.removeFile(temporary); // left by a run that was killed here
     UniqueFd file = _fs.createFile(temporary, 0600);
@@ -373,6 +385,101 @@ bool RollBackHandler::writeAt(uint64_t offset, const std::string& text, uint64_t
     (void)_fs.syncFile(fd, false);
     reportWriteFailure(std::strerror(error));
     return false;
+}
+
+// ---------------------------------------------------------------------------------------
+// Reading back
+
+namespace {
+
+bool StartsWith(std::string_view text, size_t at, std::string_view prefix) {
+    return text.size() >= at && text.substr(at).starts_with(prefix);
+}
+
+// The whole entry of element name (written by this class at its indent) that begins at at,
+// or nothing when what begins there is not one: cut short, or torn by a write that reached
+// the disk in part. An entry counts only when it parses on its own and names its Operation.
+std::optional<std::string_view> WholeEntryAt(std::string_view text, size_t at,
+                                             std::string_view name) {
+    const std::string open = "    <" + std::string(name) + ">\n";
+    const std::string close = "\n    </" + std::string(name) + ">\n";
+    if (!StartsWith(text, at, open))
+        return std::nullopt;
+    const size_t end = text.find(close, at);
+    if (end == std::string_view::npos)
+        return std::nullopt;
+    const std::string_view entry = text.substr(at, end + close.size() - at);
+    const auto parsed = XmlDocument::parseMemory(std::string(entry), XmlParseMode::Strict);
+    if (!parsed.document || !parsed.errors.empty())
+        return std::nullopt;
+    const XmlNode root = XmlDocument::root(parsed.document);
+    if (!root || root.name() != name || root.select("./Operation").size() != 1)
+        return std::nullopt;
+    return entry;
+}
+
+// The entries of one set, from at on; at is left behind the last whole one.
+std::string WholeEntriesFrom(std::string_view text, size_t& at, std::string_view name,
+                             size_t& count) {
+    std::string entries;
+    while (const auto entry = WholeEntryAt(text, at, name)) {
+        entries += *entry;
+        at += entry->size();
+        ++count;
+    }
+    return entries;
+}
+
+} // namespace
+
+RollBackHandler::WholeEntries RollBackHandler::readWholeEntries(std::string_view text) {
+    WholeEntries result;
+    if (!StartsWith(text, 0, kHeader))
+        return result;
+    size_t at = std::strlen(kHeader);
+    std::string files;
+    std::string directories;
+    // Each step below reads one part of the document as this class writes it; the first
+    // part that is not there whole ends the reading, and what came before it is the journal.
+    bool whole = false;
+    if (StartsWith(text, at, kFileSetEmpty)) {
+        at += std::strlen(kFileSetEmpty);
+        whole = true;
+    } else if (StartsWith(text, at, kFileSetOpen)) {
+        at += std::strlen(kFileSetOpen);
+        files = WholeEntriesFrom(text, at, "File", result.fileEntries);
+        whole = StartsWith(text, at, kFileSetClose);
+        if (whole)
+            at += std::strlen(kFileSetClose);
+    }
+    if (whole) {
+        whole = false;
+        if (StartsWith(text, at, kDirectorySetEmpty)) {
+            at += std::strlen(kDirectorySetEmpty);
+            whole = true;
+        } else if (StartsWith(text, at, kDirectorySetOpen)) {
+            at += std::strlen(kDirectorySetOpen);
+            directories = WholeEntriesFrom(text, at, "Directory", result.directoryEntries);
+            whole = StartsWith(text, at, kDirectorySetClose);
+            if (whole)
+                at += std::strlen(kDirectorySetClose);
+        }
+        if (whole && StartsWith(text, at, kRootClose) &&
+            at + std::strlen(kRootClose) == text.size()) {
+            result.document = std::string(text);
+            return result;
+        }
+    }
+    // Torn: the document of the whole entries read so far.
+    std::string document = kHeader;
+    document += files.empty() ? std::string(kFileSetEmpty) : kFileSetOpen + files + kFileSetClose;
+    document += directories.empty() ? std::string(kDirectorySetEmpty)
+                                    : kDirectorySetOpen + directories + kDirectorySetClose;
+    document += kRootClose;
+    result.torn = true;
+    result.cutBytes = text.size() - at;
+    result.document = std::move(document);
+    return result;
 }
 
 void RollBackHandler::reportWriteFailure(const std::string& reason) const {

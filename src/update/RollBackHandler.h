@@ -5,7 +5,9 @@
 #include "update/FileOperationInfo.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 
 // The undo journal of a forward run. Before a file is changed its installed copy is kept in
@@ -14,12 +16,16 @@
 // "DirectorySet"), so a rollback is one more manifest run over it with the backup folder
 // as payload folder.
 //
-// The file is never rewritten whole: each entry is written over the closing tail of its set
-// together with a fresh tail, in one positioned write followed by a data sync. An entry
-// therefore costs the same however long the journal already is, and the file is a complete,
-// well-formed document after every entry, so a run killed at any moment leaves a journal
-// holding every completed change. Everything the replay needs (the journal and the backup
-// copies) is on disk; nothing lives only in this object.
+// Each entry is written over the closing tail of its set together with a fresh tail, in one
+// positioned write followed by a data sync, so an entry costs the same however long the
+// journal already is. The bytes of a written entry are never written again (a file entry
+// that follows folder entries, which a forward run never makes, rewrites the whole file
+// under a new name instead). A positioned write is not atomic, though: a kill between two
+// of its pages or a power cut before its sync leaves a torn tail behind the last whole
+// entry. No change covered by a torn entry was made (each change waits for its entry's
+// sync), so the replay reads the journal through readWholeEntries, which cuts such a tail
+// off. Everything the replay needs (the journal and the backup copies) is on disk; nothing
+// lives only in this object.
 class RollBackHandler {
 public:
     static constexpr const char* kJournalName = "RollBack.xml";
@@ -68,6 +74,19 @@ public:
                                      bool restoresAttributes = false);
     static std::string directoryEntryText(const DirectoryOperationInfo& entry);
 
+    // What a journal file holds: every whole entry, in order, as a complete document (the
+    // text itself when this class wrote it to the end); torn when the text ends in a part
+    // that was not written whole, with the number of bytes cut off behind the last whole
+    // entry. No document when the text does not even begin as a journal.
+    struct WholeEntries {
+        std::optional<std::string> document;
+        size_t fileEntries = 0;
+        size_t directoryEntries = 0;
+        bool torn = false;
+        size_t cutBytes = 0;
+    };
+    static WholeEntries readWholeEntries(std::string_view text);
+
 private:
     [[nodiscard]] bool keep(const std::string& destination, const struct stat& entry,
                             const std::string& backup);
@@ -77,7 +96,9 @@ private:
     // back (oldEnd is the file size before) so the document stays whole.
     [[nodiscard]] bool writeAt(uint64_t offset, const std::string& text, uint64_t oldEnd,
                                const std::string& oldTail);
-    [[nodiscard]] bool writeFirstDocument(const std::string& text);
+    // Writes the whole document under a temporary name, syncs it and renames it over the
+    // journal, so the journal is either the old or the new document.
+    [[nodiscard]] bool replaceDocument(const std::string& text);
     std::string fileSectionTail() const;
     std::string directorySection() const;
     void reportWriteFailure(const std::string& reason) const;

@@ -7,10 +7,13 @@
 #include "TestSupport.h"
 #include "base/Xml.h"
 #include "runtime/Environment.h"
+#include "runtime/MainLoop.h"
 #include "update/CmdInterface.h"
+#include "update/ProcessManifest.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <functional>
@@ -373,10 +376,17 @@ FileOperationInfo AddEntry(size_t i) {
     return info;
 }
 
-// Every File entry of a journal has all six children, in order: no entry is half there.
-void ExpectWholeEntries(const std::string& path, size_t& count) {
-    const auto parsed = XmlDocument::parseFile(path, XmlParseMode::Strict);
-    ASSERT_TRUE(parsed.document) << "the journal is not well-formed";
+// Every File entry of a journal, as the replay reads it, has all six children, in order: no
+// entry is half there. A journal written to the end must be whole as it stands.
+void ExpectWholeEntries(const std::string& path, size_t& count, bool tornTailAllowed = false) {
+    const std::string text = ReadTextFile(path);
+    const auto read = RollBackHandler::readWholeEntries(text);
+    ASSERT_TRUE(read.document) << "the journal does not begin as one";
+    if (!tornTailAllowed) {
+        ASSERT_FALSE(read.torn) << "the journal is not whole";
+    }
+    const auto parsed = XmlDocument::parseMemory(*read.document, XmlParseMode::Strict);
+    ASSERT_TRUE(parsed.document && parsed.errors.empty()) << "the journal is not well-formed";
     const auto files = XmlDocument::root(parsed.document).select("/Manifest/FileSet/File");
     for (size_t i = 0; i < files.size(); ++i) {
         const auto children = files[i].childElements();
@@ -443,10 +453,137 @@ TEST_F(RollBackHandlerTest, KilledWhileWritingLeavesEveryCompletedEntry) {
         int status = 0;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
         ASSERT_TRUE(WIFSIGNALED(status));
+        // A kill between two pages of a write may leave a torn tail: the reader cuts it off.
         size_t count = 0;
-        ExpectWholeEntries(dir.file(RollBackHandler::kJournalName), count);
+        ExpectWholeEntries(dir.file(RollBackHandler::kJournalName), count, true);
         EXPECT_GT(count, 20u);
     }
+}
+
+// A write of the last entry that reached the disk only in part (cut at any byte, the rest
+// stale, zeros or missing) is read back as every entry before it, and as that entry too
+// once its closing tag is there.
+TEST_F(RollBackHandlerTest, ATornLastWriteIsReadBackAsEveryWholeEntryBeforeIt) {
+    for (const char kind : {'F', 'D'}) {
+        SCOPED_TRACE(kind);
+        TempDir dir;
+        RollBackHandler handler(dir.path(), RealFileSystem::instance());
+        const std::string path = dir.file(RollBackHandler::kJournalName);
+        DirectoryOperationInfo folder;
+        folder.Operation = "ADD";
+        auto add = [&](char what, size_t i) {
+            if (what == 'F') {
+                ASSERT_TRUE(handler.addUndoFileCommand(AddEntry(i)));
+            } else {
+                folder.DirectoryBase = "/opt/Orvel/App.app/Contents/Folder" + std::to_string(i);
+                ASSERT_TRUE(handler.addUndoDirectoryCommand(folder));
+            }
+        };
+        // As a forward run writes them: file entries, then folder entries.
+        const std::string beforeOrder = kind == 'F' ? "FF" : "FFDD";
+        for (size_t i = 0; i < beforeOrder.size(); ++i)
+            add(beforeOrder[i], i);
+        const std::string before = ReadTextFile(path);
+        add(kind, beforeOrder.size());
+        const std::string after = ReadTextFile(path);
+        size_t offset = 0;
+        while (offset < before.size() && before[offset] == after[offset])
+            ++offset;
+        offset = after.rfind('\n', offset - 1) + 1; // the write began at a line's start
+        const std::string close = kind == 'F' ? "    </File>\n" : "    </Directory>\n";
+        const size_t entryEnd = after.find(close, offset) + close.size();
+        const size_t wholeBefore = kind == 'F' ? 2 : 2 + 2;
+
+        for (size_t k = 0; k <= after.size() - offset; ++k) {
+            const std::string written = after.substr(0, offset + k);
+            std::vector<std::string> torn = {
+                written, written + std::string(after.size() - written.size(), '\0')};
+            if (before.size() > written.size())
+                torn.push_back(written + before.substr(written.size()));
+            for (const std::string& text : torn) {
+                SCOPED_TRACE("written up to " + std::to_string(offset + k) + " of " +
+                             std::to_string(after.size()) + ", " + std::to_string(text.size()) +
+                             " bytes in the file");
+                const auto read = RollBackHandler::readWholeEntries(text);
+                ASSERT_TRUE(read.document);
+                EXPECT_EQ(read.torn, text != before && text != after);
+                EXPECT_EQ(read.fileEntries + read.directoryEntries,
+                          wholeBefore + (offset + k >= entryEnd ? 1 : 0));
+                if (!read.torn) {
+                    EXPECT_EQ(*read.document, text);
+                    continue;
+                }
+                // What was read is a whole journal of its own, and its entries are the first
+                // ones written.
+                const size_t lastWholeEnd = offset + k >= entryEnd ? entryEnd : offset;
+                EXPECT_LE(read.cutBytes, text.size() - lastWholeEnd);
+                const auto again = RollBackHandler::readWholeEntries(*read.document);
+                EXPECT_FALSE(again.torn);
+                const auto parsed = XmlDocument::parseMemory(*read.document, XmlParseMode::Strict);
+                ASSERT_TRUE(parsed.document && parsed.errors.empty());
+                const XmlNode root = XmlDocument::root(parsed.document);
+                const auto files = root.select("/Manifest/FileSet/File");
+                for (size_t i = 0; i < files.size(); ++i)
+                    EXPECT_EQ(Attr(files[i], "./DestinationPath", "dir"),
+                              AddEntry(i).DestinationPath);
+                EXPECT_EQ(files.size() + root.select("/Manifest/DirectorySet/Directory").size(),
+                          read.fileEntries + read.directoryEntries);
+            }
+        }
+    }
+}
+
+TEST_F(RollBackHandlerTest, TextThatDoesNotBeginAsAJournalIsNotRead) {
+    for (const std::string& text :
+         std::vector<std::string>{"", "<?xml version=\"1.0\"", "<Manifest><FileSet/></Manifest>",
+                                  std::string(4096, '\0')}) {
+        EXPECT_FALSE(RollBackHandler::readWholeEntries(text).document);
+    }
+}
+
+// The replay of a journal torn in its last entry undoes every change before it and leaves
+// the file of the torn entry, whose change was never made, as it is.
+TEST_F(RollBackHandlerTest, AReplayOfATornJournalUndoesEveryChangeBeforeTheTornEntry) {
+    const std::string app = _dir.file("App.app");
+    const std::string backups = _dir.file("backup");
+    ASSERT_EQ(::mkdir(app.c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir(backups.c_str(), 0700), 0);
+    RollBackHandler handler(backups, RealFileSystem::instance());
+    std::string before;
+    for (int i = 0; i < 4; ++i) {
+        FileOperationInfo info;
+        info.Operation = "REMOVE";
+        info.ObjectName = std::to_string(i) + "-file";
+        info.DestinationPath = app + "/file" + std::to_string(i);
+        WriteTextFile(info.DestinationPath, "content " + std::to_string(i));
+        if (FileExists(backups + "/RollBack.xml"))
+            before = ReadTextFile(backups + "/RollBack.xml");
+        ASSERT_EQ(handler.backupFileOperation(info), 0);
+        ASSERT_TRUE(handler.addUndoFileCommand(info));
+        if (i < 3) {
+            ASSERT_EQ(::unlink(info.DestinationPath.c_str()), 0); // made; the last one is not
+        }
+    }
+    // The last entry reached the disk only up to the middle of its own text.
+    const std::string after = ReadTextFile(backups + "/RollBack.xml");
+    size_t offset = 0;
+    while (before[offset] == after[offset])
+        ++offset;
+    WriteTextFile(backups + "/RollBack.xml", after.substr(0, offset + 100));
+
+    LogCapture log;
+    HeadlessMainLoop loop;
+    ManifestRunEnvironment environment;
+    environment.loop = &loop;
+    EXPECT_TRUE(ProcessManifest::replayJournal(backups, app, std::move(environment)));
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(ReadTextFile(app + "/file" + std::to_string(i)), "content " + std::to_string(i));
+    // Cut off behind the third entry: what was written of the fourth, 102 bytes.
+    EXPECT_TRUE(log.contains("The rollback journal " + backups +
+                             "/RollBack.xml ends in an entry that was not written whole: 102 "
+                             "bytes cut off, 3 file and 0 folder entries replayed"))
+        << log.text();
+    EXPECT_TRUE(log.contains("Rollback successful"));
 }
 
 TEST_F(RollBackHandlerTest, MissingBackupFolderFailsTheChange) {
