@@ -100,12 +100,14 @@ void UpdateEngine::runSteps(Step from) {
 }
 
 bool UpdateEngine::startLog() {
-    if (StartLogging(_logPath)) {
+    std::string problem;
+    if (StartLogging(ExpandTildeInPath("~"), _environment.paths.logFileInHome, &problem)) {
         NSFormatLog(0);
         NSFormatLogWithHeading(0, "Orvel Software Update");
         NSFormatLog(0);
     } else {
         NSLevelledLog(3, "Logging Failed");
+        NSLevelledLog(0, "The log %@ is not used: %@", _logPath, problem);
     }
     return true;
 }

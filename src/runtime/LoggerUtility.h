@@ -11,8 +11,16 @@
 //   "YYYY-MM-DD HH:MM:SS.mmm <process>[<pid>:<tid>] "
 // in one write, so lines of the main thread and the worker never mix.
 
-// Redirects standard error to the file at path, appending; creates the missing folders.
-[[nodiscard]] bool StartLogging(const std::string& path);
+// Redirects standard error to the log file at relativePath below folder (the user's home
+// folder in a run), appending. The missing folders and the file are made, and the file is
+// opened, with the file-system ids of the folder's owner, walking down from the folder
+// without following symbolic links; only a regular file is used. So a root run writes
+// nothing its owner could not, the owner cannot point the log anywhere else, and the
+// owner's own next run can append. A log that an earlier root run created there (root's,
+// one name) is handed to the owner. False with the reason in problem when nothing is
+// redirected.
+[[nodiscard]] bool StartLogging(const std::string& folder, const std::string& relativePath,
+                                std::string* problem = nullptr);
 
 // "error"/"0" -> 0, "warning"/"1" -> 1, "info"/"2" -> 2, "debug"/"3" -> 3 (any case);
 // anything else 0.

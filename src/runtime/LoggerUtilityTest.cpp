@@ -6,7 +6,11 @@
 
 #include <fcntl.h>
 #include <regex>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -108,30 +112,142 @@ TEST_F(LoggerUtilityTest, LinePrefixHasDateTimeProcessAndIds) {
     EXPECT_EQ(std::stoi(match[1]), ::getpid());
 }
 
-TEST_F(LoggerUtilityTest, StartLoggingCreatesFoldersAndAppends) {
-    TempDir dir;
-    const std::string path = dir.file("Logs/Orvel/SoftwareUpdates/OrvelSoftwareUpdate.log");
-    const int saved = ::dup(STDERR_FILENO);
-    ASSERT_TRUE(StartLogging(path));
-    NSLevelledLog(0, "first run");
-    ASSERT_TRUE(StartLogging(path));
-    NSLevelledLog(0, "second run");
-    ::dup2(saved, STDERR_FILENO);
-    ::close(saved);
+// Standard error, put back where it was at the end of a test that redirects it.
+class SavedStandardError {
+public:
+    SavedStandardError() : _saved(::dup(STDERR_FILENO)) {}
+    ~SavedStandardError() {
+        ::dup2(_saved, STDERR_FILENO);
+        ::close(_saved);
+    }
+    SavedStandardError(const SavedStandardError&) = delete;
+    SavedStandardError& operator=(const SavedStandardError&) = delete;
 
+private:
+    int _saved;
+};
+
+std::vector<std::string> LogMessages(const std::string& path) {
     std::vector<std::string> lines;
     std::istringstream in(ReadTextFile(path));
     for (std::string line; std::getline(in, line);)
         lines.push_back(StripLogPrefix(line));
-    EXPECT_EQ(lines, (std::vector<std::string>{"first run", "second run"}));
+    return lines;
+}
+
+const std::string kLogInHome = ".local/state/Orvel/SoftwareUpdates/OrvelSoftwareUpdate.log";
+
+TEST_F(LoggerUtilityTest, StartLoggingCreatesFoldersAndAppends) {
+    TempDir dir;
+    {
+        SavedStandardError saved;
+        ASSERT_TRUE(StartLogging(dir.path(), kLogInHome));
+        NSLevelledLog(0, "first run");
+        ASSERT_TRUE(StartLogging(dir.path(), kLogInHome));
+        NSLevelledLog(0, "second run");
+    }
+    EXPECT_EQ(LogMessages(dir.file(kLogInHome)),
+              (std::vector<std::string>{"first run", "second run"}));
 }
 
 TEST_F(LoggerUtilityTest, StartLoggingFailsWhereNoFolderCanBeMade) {
     TempDir dir;
     WriteTextFile(dir.file("plainfile"), "x");
     LogCapture log; // keeps standard error where it is should the call succeed by mistake
-    EXPECT_FALSE(StartLogging(dir.file("plainfile/sub/log.txt")));
-    EXPECT_FALSE(StartLogging(""));
+    std::string problem;
+    EXPECT_FALSE(StartLogging(dir.path(), "plainfile/sub/log.txt", &problem));
+    EXPECT_NE(problem.find("plainfile"), std::string::npos) << problem;
+    EXPECT_FALSE(StartLogging("", kLogInHome));
+    EXPECT_FALSE(StartLogging(dir.path(), ""));
+    EXPECT_FALSE(StartLogging(dir.path(), "../escape.log"));
+}
+
+// A root run logs into a user's home as that user: the folders and the file are the
+// user's, a link the user planted is never followed (to a folder or to a file), a FIFO
+// never blocks the run, and a log an older root run made is handed over.
+TEST_F(LoggerUtilityTest, InAUsersHomeTheLogIsOpenedAsThatUserWithoutFollowingLinks) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root";
+    const uid_t user = 65534;
+    const gid_t group = 65534;
+    auto home = [&](TempDir& dir) {
+        EXPECT_EQ(::chown(dir.path().c_str(), user, group), 0);
+        EXPECT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+    };
+    {
+        SCOPED_TRACE("made as the user");
+        TempDir dir;
+        home(dir);
+        {
+            SavedStandardError saved;
+            ASSERT_TRUE(StartLogging(dir.path(), kLogInHome));
+            NSLevelledLog(0, "as the user");
+        }
+        struct stat info {};
+        for (const std::string& part :
+             {std::string(".local"), std::string(".local/state/Orvel"), kLogInHome}) {
+            ASSERT_EQ(::lstat(dir.file(part).c_str(), &info), 0) << part;
+            EXPECT_EQ(info.st_uid, user) << part;
+            EXPECT_EQ(info.st_gid, group) << part;
+        }
+        EXPECT_EQ(LogMessages(dir.file(kLogInHome)), std::vector<std::string>{"as the user"});
+    }
+    {
+        SCOPED_TRACE("a folder on the way is a link to a root-only folder");
+        TempDir dir;
+        TempDir target;
+        ASSERT_EQ(::chmod(target.path().c_str(), 0700), 0);
+        home(dir);
+        ASSERT_EQ(::mkdir(dir.file(".local").c_str(), 0755), 0);
+        ASSERT_EQ(::symlink(target.path().c_str(), dir.file(".local/state").c_str()), 0);
+        LogCapture log;
+        std::string problem;
+        EXPECT_FALSE(StartLogging(dir.path(), kLogInHome, &problem));
+        EXPECT_NE(problem.find("state"), std::string::npos) << problem;
+        EXPECT_FALSE(FileExists(target.file("Orvel")));
+    }
+    {
+        SCOPED_TRACE("the log is a link to a root file");
+        TempDir dir;
+        TempDir target;
+        WriteTextFile(target.file("secret"), "root's");
+        home(dir);
+        ASSERT_EQ(::mkdir(dir.file(".local").c_str(), 0755), 0);
+        ASSERT_EQ(::mkdir(dir.file(".local/state").c_str(), 0755), 0);
+        ASSERT_EQ(::mkdir(dir.file(".local/state/Orvel").c_str(), 0755), 0);
+        ASSERT_EQ(::mkdir(dir.file(".local/state/Orvel/SoftwareUpdates").c_str(), 0755), 0);
+        ASSERT_EQ(::symlink(target.file("secret").c_str(), dir.file(kLogInHome).c_str()), 0);
+        LogCapture log;
+        EXPECT_FALSE(StartLogging(dir.path(), kLogInHome));
+        EXPECT_EQ(ReadTextFile(target.file("secret")), "root's");
+    }
+    {
+        SCOPED_TRACE("the log is a FIFO");
+        TempDir dir;
+        home(dir);
+        ASSERT_EQ(::mkdir(dir.file("logs").c_str(), 0755), 0);
+        ASSERT_EQ(::mkfifo(dir.file("logs/log").c_str(), 0666), 0);
+        LogCapture log;
+        EXPECT_FALSE(StartLogging(dir.path(), "logs/log"));
+    }
+    {
+        SCOPED_TRACE("an older root run made the folders and the log");
+        TempDir dir;
+        home(dir);
+        ASSERT_EQ(::mkdir(dir.file("logs").c_str(), 0755), 0);
+        WriteTextFile(dir.file("logs/log"), "");
+        {
+            SavedStandardError saved;
+            ASSERT_TRUE(StartLogging(dir.path(), "logs/log"));
+            NSLevelledLog(0, "handed over");
+        }
+        struct stat info {};
+        ASSERT_EQ(::stat(dir.file("logs/log").c_str(), &info), 0);
+        EXPECT_EQ(info.st_uid, user);
+        ASSERT_EQ(::stat(dir.file("logs").c_str(), &info), 0);
+        EXPECT_EQ(info.st_uid, user);
+        EXPECT_EQ(LogMessages(dir.file("logs/log")), std::vector<std::string>{"handed over"});
+    }
 }
 
 TEST_F(LoggerUtilityTest, LinesFromTwoThreadsNeverMix) {
