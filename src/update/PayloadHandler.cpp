@@ -14,6 +14,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -93,8 +95,14 @@ public:
                 return -1;
             }
         }
+        const size_t produced = kReadSize - _stream.avail_out;
+        _unpacked += produced;
+        if (_unpacked > _limit) {
+            fail("the archive unpacks to more than " + std::to_string(_limit) + " bytes");
+            return -1;
+        }
         *data = _output.get();
-        return static_cast<ssize_t>(kReadSize - _stream.avail_out);
+        return static_cast<ssize_t>(produced);
     }
 
     // Reads what the cpio layer left (padding, gzip trailers) so that every checksum is
@@ -108,6 +116,22 @@ public:
     }
 
     const std::string& reason() const { return _reason; }
+
+    // The unpacked size the archive's last gzip member declares in its trailer: the whole
+    // size (modulo 4 GiB) for the single member a payload is; nothing for a file too short
+    // to be gzip.
+    std::optional<uint64_t> declaredSize() const {
+        struct stat info {};
+        unsigned char trailer[4];
+        if (::fstat(_fd.get(), &info) != 0 || info.st_size < 18 ||
+            ::pread(_fd.get(), trailer, sizeof trailer, info.st_size - 4) != 4)
+            return std::nullopt;
+        return uint64_t{trailer[0]} | uint64_t{trailer[1]} << 8 | uint64_t{trailer[2]} << 16 |
+               uint64_t{trailer[3]} << 24;
+    }
+
+    // Fails the reading once more than limit bytes have come out of it.
+    void limitUnpackedSize(uint64_t limit) { _limit = limit; }
 
 private:
     bool fill() {
@@ -135,6 +159,8 @@ private:
     bool _initialized = false;
     bool _inputEnded = false;
     bool _memberEnded = false;
+    uint64_t _unpacked = 0;
+    uint64_t _limit = UINT64_MAX;
     std::unique_ptr<unsigned char[]> _input;
     std::unique_ptr<unsigned char[]> _output;
     std::string _reason;
@@ -401,7 +427,7 @@ private:
 // Extracts every entry of the archive into targetFolder; false with a reason at the first
 // entry that cannot be extracted safely and whole.
 bool ExtractArchive(const std::string& archivePath, const std::string& targetFolder,
-                    FileSystem& fileSystem, std::string& reason) {
+                    FileSystem& fileSystem, const PayloadLimits& limits, std::string& reason) {
     ArchiveReader in(archive_read_new());
     if (!in) {
         reason = "out of memory";
@@ -419,7 +445,26 @@ bool ExtractArchive(const std::string& archivePath, const std::string& targetFol
         return false;
     }
 
+    // Room for the unpacked payload is checked before anything is written, from the size
+    // the archive declares, and again before each file from the sizes its entries declare,
+    // so a payload that does not fit is refused rather than unpacked in part.
+    const std::optional<uint64_t> room = fileSystem.freeSpace(targetFolder);
+    if (!room) {
+        reason = "cannot tell the free space of " + targetFolder + ": " + std::strerror(errno);
+        return false;
+    }
+    auto tooLarge = [&](uint64_t size) {
+        reason = "the payload unpacks to " + std::to_string(size) + " bytes or more, and " +
+                 targetFolder + " has " + std::to_string(*room) + " bytes free";
+        return false;
+    };
+    if (const auto declared = gzip.declaredSize(); declared && *declared > *room)
+        return tooLarge(*declared);
+    gzip.limitUnpackedSize(std::min(limits.bytes, *room));
+
     PayloadWriter writer(fileSystem, WithoutTrailingSlashes(targetFolder));
+    uint64_t entries = 0;
+    uint64_t declaredBytes = 0;
     for (;;) {
         archive_entry* entry = nullptr;
         const int rc = archive_read_next_header(in.get(), &entry);
@@ -429,6 +474,13 @@ bool ExtractArchive(const std::string& archivePath, const std::string& targetFol
             reason = gzip.reason().empty() ? ErrorOf(in.get()) : gzip.reason();
             return false;
         }
+        if (++entries > limits.entries) {
+            reason = "the payload has more than " + std::to_string(limits.entries) + " entries";
+            return false;
+        }
+        declaredBytes += static_cast<uint64_t>(std::max<la_int64_t>(archive_entry_size(entry), 0));
+        if (declaredBytes > *room)
+            return tooLarge(declaredBytes);
         // The payload carries files, folders and links; device nodes, pipes and sockets have
         // no place in it.
         const auto type = archive_entry_filetype(entry);
@@ -452,7 +504,8 @@ bool ExtractArchive(const std::string& archivePath, const std::string& targetFol
 } // namespace
 
 int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
-                                    const std::string& targetFolder, FileSystem& fileSystem) {
+                                    const std::string& targetFolder, FileSystem& fileSystem,
+                                    const PayloadLimits& limits) {
     NSFormatLogWithHeading(3, "SETUP for Update");
     const std::string archivePath = JoinPath(archiveFolder, kPayloadArchiveName);
     NSLevelledLog(3, "Extracting updater files ...");
@@ -469,7 +522,7 @@ int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
             NSLevelledLog(0, "Cannot make the working folder %@: %@", targetFolder,
                           std::string(std::strerror(errno)));
         std::string reason;
-        if (!ExtractArchive(archivePath, targetFolder, fileSystem, reason)) {
+        if (!ExtractArchive(archivePath, targetFolder, fileSystem, limits, reason)) {
             // Half a payload is worse than none: the manifest would mix new and missing
             // files. An empty folder makes every source show up as missing.
             NSLevelledLog(0, "Failed to extract \"%@\": %@", archivePath, reason);

@@ -5,6 +5,14 @@
 
 class FileSystem;
 
+// Bounds on what a payload may unpack to.
+struct PayloadLimits {
+    uint64_t entries = 1'000'000;
+    // gzip inflates about a thousandfold at most: without a bound a small hostile archive
+    // could fill any disk.
+    uint64_t bytes = uint64_t{64} << 30;
+};
+
 // Unpacks the patcher's payload archive (new files and patch files) into the working folder
 // before the manifest is processed, and removes the working folder when the run has ended.
 // Class operations only; no state.
@@ -23,8 +31,14 @@ public:
     // its sources missing. targetFolder is made root's alone (0700), and only inside a
     // parent that passes WorkingFolderIsSafe; otherwise nothing is unpacked. Always returns
     // 0: extraction never reports failure itself.
+    //
+    // A payload is refused whole before anything is written when the size its gzip trailer
+    // declares exceeds the free space of targetFolder, and while it is read when the sizes
+    // its entries declare do, when it inflates past the free space or limits.bytes, or when
+    // it holds more than limits.entries entries.
     static int32_t extractFile(const std::string& archiveFolder, const std::string& targetFolder,
-                               FileSystem& fileSystem);
+                               FileSystem& fileSystem,
+                               const PayloadLimits& limits = PayloadLimits());
 
     // Removes folder and everything in it through fileSystem (symbolic links are removed,
     // never followed). 0 when it was removed, 1 when not ("Remove operation failed.", or a

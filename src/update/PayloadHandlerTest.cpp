@@ -388,39 +388,91 @@ TEST_F(PayloadHandlerTest, AFailedWriteAtAnyPointLeavesAnEmptyPayload) {
 
 // A working folder too small for the payload: the write that fails is seen, and no file of
 // the payload is left cut short.
+// A payload that does not fit the working folder is refused before a byte is written:
+// from the size its gzip trailer declares, from the sizes its entries declare when the
+// trailer lies, and a stream that inflates past the free space (a compression bomb behind
+// the archive's end) is cut off.
 TEST_F(PayloadHandlerTest, APayloadLargerThanTheFreeSpaceIsRefusedWhole) {
     if (::geteuid() != 0)
         GTEST_SKIP() << "mounting a small file system needs root";
     WriteTextFile(_stage + "/small.txt", "small\n");
     WriteTextFile(_stage + "/big.bin", RandomText(3 * 1024 * 1024, 7));
-    MakePayload(_stage, "find .");
-    // The small file system is mounted in a child's private mount namespace, so that it is
-    // gone with the child whatever happens; the child's exit code tells what it found.
-    const std::string small = _root.file("small");
-    const std::string payload = small + "/payload";
-    const std::string logText = _root.file("child-log");
-    fs::create_directories(small);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (::unshare(CLONE_NEWNS) != 0 ||
-            ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=1m,mode=0755") != 0)
-            ::_exit(2);
-        LogCapture log;
-        (void)PayloadHandler::extractFile(_resources, payload, RealFileSystem::instance());
-        const auto lines = FailureLines(log);
-        (void)WriteFile(logText, log.text());
-        const bool seen = lines.size() == 1 && lines[0].find("big.bin") != std::string::npos &&
-                          lines[0].find(std::strerror(ENOSPC)) != std::string::npos;
-        ::_exit(!Snapshot(payload).empty() ? 3 : seen ? 0 : 4);
+    // The gzip trailer's last four bytes are the unpacked size; a hostile archive can say 0.
+    const std::string lieAboutSize =
+        "truncate -s -4 '" + _archive + "' && printf '\\0\\0\\0\\0' >> '" + _archive + "'";
+    struct Case {
+        std::string name;
+        std::function<void()> make;
+        std::string expected;
+    };
+    const std::vector<Case> cases = {
+        {"declared by gzip", [&] { MakePayload(_stage, "find ."); }, "the payload unpacks to "},
+        {"declared by the entries",
+         [&] {
+             MakePayload(_stage, "find .");
+             Shell(lieAboutSize);
+         },
+         "the payload unpacks to "},
+        {"a bomb behind the archive",
+         [&] {
+             Shell("cd '" + _stage + "' && { echo ./small.txt | cpio -o -H newc --quiet; " +
+                   "head -c 8000000 /dev/zero; } | gzip -9 -c > '" + _archive + "'");
+             Shell(lieAboutSize);
+         },
+         "the archive unpacks to more than "},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        c.make();
+        // The small file system is mounted in a child's private mount namespace, so that it
+        // is gone with the child whatever happens; the child's exit code tells what it found.
+        const std::string small = _root.file("small");
+        const std::string payload = small + "/payload";
+        const std::string logText = _root.file("child-log");
+        fs::create_directories(small);
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            if (::unshare(CLONE_NEWNS) != 0 ||
+                ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                ::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=1m,mode=0755") != 0)
+                ::_exit(2);
+            LogCapture log;
+            (void)PayloadHandler::extractFile(_resources, payload, RealFileSystem::instance());
+            const auto lines = FailureLines(log);
+            (void)WriteFile(logText, log.text());
+            const bool seen = lines.size() == 1 && lines[0].find(c.expected) != std::string::npos &&
+                              lines[0].find(std::strerror(ENOSPC)) == std::string::npos;
+            ::_exit(!Snapshot(payload).empty() ? 3 : seen ? 0 : 4);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0)
+            << "2: no namespace, 3: payload not empty, 4: failure not logged\n"
+            << ReadTextFile(logText);
     }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0)
-        << "2: no namespace, 3: payload not empty, 4: failure not logged\n"
-        << ReadTextFile(logText);
+}
+
+TEST_F(PayloadHandlerTest, APayloadOverItsLimitsIsRefusedWhole) {
+    for (int i = 0; i < 101; ++i)
+        WriteTextFile(_stage + "/f" + std::to_string(i), std::string(1000, 'x'));
+    MakePayload(_stage, "find . -type f");
+    struct Case {
+        PayloadLimits limits;
+        std::string expected;
+    };
+    for (const Case& c : {Case{{100, 1 << 20}, "the payload has more than 100 entries"},
+                          Case{{1000, 50'000}, "the archive unpacks to more than 50000 bytes"}}) {
+        SCOPED_TRACE(c.expected);
+        LogCapture log;
+        (void)PayloadHandler::extractFile(_resources, _payload, RealFileSystem::instance(),
+                                          c.limits);
+        const auto lines = FailureLines(log);
+        ASSERT_EQ(lines.size(), 1u) << log.text();
+        EXPECT_NE(lines[0].find(c.expected), std::string::npos) << lines[0];
+        EXPECT_TRUE(Snapshot(_payload).empty());
+    }
 }
 
 TEST_F(PayloadHandlerTest, CleanupRemovesTheFolderWithReadOnlyContents) {
