@@ -3,11 +3,22 @@
 #include "base/Path.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+namespace {
+
+std::string ModeText(mode_t mode) {
+    char text[8];
+    std::snprintf(text, sizeof text, "%03o", static_cast<unsigned>(mode & 07777));
+    return text;
+}
+
+} // namespace
 
 void UniqueFd::reset(int fd) {
     if (_fd >= 0)
@@ -121,12 +132,48 @@ UniqueFd OpenPrivateFolder(const std::string& path, mode_t mode,
     struct stat info {};
     if (!handle.valid() || ::fstat(handle.get(), &info) != 0)
         return refuse(path + " is not a folder (" + std::strerror(errno) + ")");
-    if (!trustedOwner(info.st_uid) || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        char modeText[8];
-        std::snprintf(modeText, sizeof modeText, "%03o",
-                      static_cast<unsigned>(info.st_mode & 07777));
+    if (!trustedOwner(info.st_uid) || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0)
         return refuse(path + " belongs to user " + std::to_string(info.st_uid) + " with mode " +
-                      modeText);
-    }
+                      ModeText(info.st_mode));
     return handle;
+}
+
+UniqueFd OpenFileOnlyRootControls(const std::string& path, std::string* problem,
+                                  std::string* realPath) {
+    auto refuse = [&](const std::string& why) {
+        if (problem)
+            *problem = why;
+        return UniqueFd();
+    };
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    struct stat info {};
+    if (!file.valid() || ::fstat(file.get(), &info) != 0)
+        return refuse("cannot open " + path + ": " + std::strerror(errno));
+    if (!S_ISREG(info.st_mode))
+        return refuse(path + " is not a regular file");
+    if (info.st_uid != 0 || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+        return refuse(path + " belongs to user " + std::to_string(info.st_uid) + " with mode " +
+                      ModeText(info.st_mode));
+    // The folders of the file that was opened, whatever links led to it.
+    char real[PATH_MAX];
+    const std::string self = "/proc/self/fd/" + std::to_string(file.get());
+    const ssize_t length = ::readlink(self.c_str(), real, sizeof real - 1);
+    if (length <= 0 || real[0] != '/')
+        return refuse("cannot tell where " + path + " is: " + std::strerror(errno));
+    std::string folder(real, static_cast<size_t>(length));
+    if (realPath)
+        *realPath = folder;
+    for (;;) {
+        const size_t slash = folder.find_last_of('/');
+        folder.resize(slash == 0 ? 1 : slash);
+        struct stat level {};
+        if (::lstat(folder.c_str(), &level) != 0 || !S_ISDIR(level.st_mode))
+            return refuse("cannot check the folder " + folder + ": " + std::strerror(errno));
+        const bool othersMayWrite = (level.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+        if (level.st_uid != 0 || (othersMayWrite && (level.st_mode & S_ISVTX) == 0))
+            return refuse("its folder " + folder + " belongs to user " +
+                          std::to_string(level.st_uid) + " with mode " + ModeText(level.st_mode));
+        if (folder == "/")
+            return file;
+    }
 }

@@ -35,6 +35,17 @@ private:
     int _fd = -1;
 };
 
+// A file that only root can have put there or changed: a regular file of root's that
+// neither its group nor others may write, every folder of its real path up to "/" root's
+// and writable by root alone. A folder others may write counts only with its sticky bit
+// set (as /tmp has), since then nobody but root can rename or remove root's names in it.
+// The file is opened (following links) and the checks are made on what was opened, so
+// the descriptor is the file that was checked, and realPath (when given) its path without
+// links: no one but root can change what that path names. Otherwise no handle, and
+// problem says why.
+UniqueFd OpenFileOnlyRootControls(const std::string& path, std::string* problem = nullptr,
+                                  std::string* realPath = nullptr);
+
 // A folder to write in where other users can make names (under /tmp): made (mode) when
 // missing, then opened without following a symbolic link in its place, and accepted only
 // when it is a real folder whose owner trustedOwner accepts and that no one but its owner

@@ -4,8 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <string>
 #include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -43,6 +51,71 @@ TEST(FileUtilTest, UniqueFdClosesItsDescriptor) {
         EXPECT_EQ(moved.get(), raw);
     }
     EXPECT_EQ(::fcntl(raw, F_GETFD), -1);
+}
+
+// What only root could have put in place: root's file, writable by root alone, in folders
+// that are root's and writable by root alone (a sticky folder others may write aside).
+TEST(FileUtil, AFileOnlyRootControlsIsRootsAloneUpToTheTop) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root";
+    TempDir dir; // root's, 0700, in /tmp (root's, sticky)
+    const std::string folder = dir.file("lib");
+    const std::string file = folder + "/library.so";
+    auto reset = [&] {
+        ASSERT_EQ(::mkdir(folder.c_str(), 0755) == 0 || errno == EEXIST, true);
+        ASSERT_EQ(::chown(folder.c_str(), 0, 0), 0);
+        ASSERT_EQ(::chmod(folder.c_str(), 0755), 0);
+        WriteTextFile(file, "code");
+        ASSERT_EQ(::chown(file.c_str(), 0, 0), 0);
+        ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+    };
+    struct Case {
+        std::string name;
+        std::function<void()> change;
+        std::string refusal; // empty: trusted
+    };
+    const std::vector<Case> cases = {
+        {"root's alone", [] {}, ""},
+        {"group may write the file", [&] { ::chmod(file.c_str(), 0664); },
+         file + " belongs to user 0 with mode 664"},
+        {"others may write the file", [&] { ::chmod(file.c_str(), 0646); },
+         file + " belongs to user 0 with mode 646"},
+        {"another user's file", [&] { (void)::chown(file.c_str(), 65534, 0); },
+         file + " belongs to user 65534 with mode 644"},
+        {"another user's folder", [&] { (void)::chown(folder.c_str(), 65534, 0); },
+         "its folder " + folder + " belongs to user 65534 with mode 755"},
+        {"a folder anyone may write", [&] { ::chmod(folder.c_str(), 0777); },
+         "its folder " + folder + " belongs to user 0 with mode 777"},
+        {"a sticky folder anyone may write", [&] { ::chmod(folder.c_str(), 01777); }, ""},
+        {"a folder",
+         [&] {
+             fs::remove(file);
+             fs::create_directory(file);
+         },
+         file + " is not a regular file"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (fs::is_directory(file))
+            fs::remove(file);
+        reset();
+        c.change();
+        std::string problem;
+        const UniqueFd opened = OpenFileOnlyRootControls(file, &problem);
+        EXPECT_EQ(opened.valid(), c.refusal.empty());
+        EXPECT_EQ(problem, c.refusal);
+    }
+    // A link is followed, and what it leads to is what counts.
+    fs::remove_all(folder);
+    reset();
+    const std::string link = dir.file("link.so");
+    ASSERT_EQ(::symlink(file.c_str(), link.c_str()), 0);
+    EXPECT_TRUE(OpenFileOnlyRootControls(link).valid());
+    ASSERT_EQ(::chmod(file.c_str(), 0666), 0);
+    std::string problem;
+    EXPECT_FALSE(OpenFileOnlyRootControls(link, &problem).valid());
+    EXPECT_EQ(problem, link + " belongs to user 0 with mode 666");
+    EXPECT_FALSE(OpenFileOnlyRootControls(dir.file("missing"), &problem).valid());
 }
 
 } // namespace

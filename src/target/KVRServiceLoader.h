@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 
 // An open shared library, closed when its owner goes.
@@ -42,7 +43,9 @@ public:
     void AddLibraryName(const std::string& library);
     // Opens the library with lazy binding and local symbols and keeps its handle under its
     // name. True when the library is open afterwards. An empty name is never opened; a
-    // failure only clears the dynamic loader's error state.
+    // failure only clears the dynamic loader's error state. A root process opens a
+    // library named by a path only when only root controls it (OpenFileOnlyRootControls); another
+    // counts as missing, with a log line the first time.
     bool LoadLibraryWithName(const std::string& library);
     // The address of the function in the library, opening the library first when needed;
     // nullptr when the library cannot be opened or has no such function.
@@ -57,6 +60,8 @@ public:
 private:
     void MapImage(const std::string& library, SharedLibraryHandle handle);
 
+    // Libraries refused for their owner or mode, logged once each.
+    std::set<std::string> _refused;
     // Library path to its handle; empty until opened.
     std::map<std::string, SharedLibraryHandle> _images;
 };

@@ -4,7 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <dlfcn.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -54,6 +60,38 @@ TEST(KVRServiceLoader, ALibraryThatAppearsLaterIsOpenedThen) {
     loader.AddLibraryName(path);
     EXPECT_EQ(loader.FunctionPointerForName(path, "zothOpenSession"), nullptr);
     WriteTextFile(path, ReadTextFile(ZOTH_LIBRARY_PATH));
+    EXPECT_NE(loader.FunctionPointerForName(path, "zothOpenSession"), nullptr);
+}
+
+// A root process loads a library only when no one but root could have changed it: a copy
+// that its group may write counts as missing, with one log line, until it is made root's
+// alone again.
+TEST(KVRServiceLoader, ARootProcessLoadsOnlyALibraryNoOneElseCouldChange) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root";
+    TempDir dir;
+    const std::string path = dir.file("orvel_zoth");
+    WriteTextFile(path, ReadTextFile(ZOTH_LIBRARY_PATH));
+    for (const auto& [mode, owner] :
+         std::vector<std::pair<mode_t, uid_t>>{{0664, 0}, {0646, 0}, {0644, 65534}}) {
+        SCOPED_TRACE(std::to_string(mode) + " " + std::to_string(owner));
+        ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+        ASSERT_EQ(::chown(path.c_str(), owner, 0), 0);
+        KVRServiceLoader loader;
+        LogCapture log;
+        EXPECT_EQ(loader.FunctionPointerForName(path, "zothOpenSession"), nullptr);
+        EXPECT_EQ(loader.FunctionPointerForName(path, "zothOpenSession"), nullptr);
+        EXPECT_FALSE(loader.IsLibraryOpen(path));
+        char modeText[8];
+        std::snprintf(modeText, sizeof modeText, "%03o", static_cast<unsigned>(mode));
+        EXPECT_EQ(log.lines(),
+                  std::vector<std::string>{"The library " + path + " is not loaded: " + path +
+                                           " belongs to user " + std::to_string(owner) +
+                                           " with mode " + modeText});
+    }
+    ASSERT_EQ(::chown(path.c_str(), 0, 0), 0);
+    ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+    KVRServiceLoader loader;
     EXPECT_NE(loader.FunctionPointerForName(path, "zothOpenSession"), nullptr);
 }
 
