@@ -59,25 +59,31 @@ DirTokenResolver::DirTokenResolver(const PlatformPaths& paths,
     }
 }
 
-std::optional<std::string>
-DirTokenResolver::replaceToken(const std::string& path,
+std::optional<DirTokenResolver::LeadingToken>
+DirTokenResolver::leadingToken(const std::string& path,
                                const std::optional<std::string>& appPath) const {
-    if (appPath && StartsWith(path, kInstallDirToken)) {
-        std::string result = path;
-        result.replace(0, std::char_traits<char>::length(kInstallDirToken), *appPath);
-        return result;
-    }
+    if (appPath && StartsWith(path, kInstallDirToken))
+        return LeadingToken{kInstallDirToken, *appPath};
     for (const char* token : kTokenOrder) {
         if (!StartsWith(path, token))
             continue;
         auto entry = _dirTokenDictionary.find(token);
         if (entry == _dirTokenDictionary.end())
             return std::nullopt;
-        std::string result = path;
-        result.replace(0, entry->first.size(), entry->second);
-        return result;
+        return LeadingToken{entry->first, entry->second};
     }
     return std::nullopt;
+}
+
+std::optional<std::string>
+DirTokenResolver::replaceToken(const std::string& path,
+                               const std::optional<std::string>& appPath) const {
+    const auto leading = leadingToken(path, appPath);
+    if (!leading)
+        return std::nullopt;
+    std::string result = path;
+    result.replace(0, leading->token.size(), leading->folder);
+    return result;
 }
 
 std::string DirTokenResolver::expandedPath(const std::string& path,

@@ -29,6 +29,15 @@ public:
     [[nodiscard]] std::string expandedPath(const std::string& path,
                                            const std::optional<std::string>& appPath) const;
 
+    // The token at the head of path (brackets included) and the folder it names; nothing
+    // when the path starts with no known token.
+    struct LeadingToken {
+        std::string token;
+        std::string folder;
+    };
+    [[nodiscard]] std::optional<LeadingToken>
+    leadingToken(const std::string& path, const std::optional<std::string>& appPath) const;
+
     // Token text (brackets included) to folder.
     const std::map<std::string, std::string>& tokenTable() const { return _dirTokenDictionary; }
 

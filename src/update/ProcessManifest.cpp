@@ -20,6 +20,7 @@
 #include "update/ChecksumPrefetcher.h"
 #include "update/FileManager.h"
 #include "update/MD5cksum.h"
+#include "update/ManifestConfinement.h"
 #include "update/PayloadHandler.h"
 #include "update/RollBackHandler.h"
 
@@ -215,6 +216,12 @@ bool ProcessManifest::performAction(ProgressWindowController* progress) {
 std::string ProcessManifest::performUpdate(WorkDictionary& work, ThreadWorker* worker) {
     DirTokenResolver resolver(_environment.paths);
     const std::string appPath = work.appPath;
+    // Every path of the manifest is checked before anything is touched, services included.
+    if (const auto problem =
+            ManifestConfinement(resolver, appPath).manifestProblem(work.rootNode)) {
+        NSLevelledLog(0, "The manifest is refused, nothing was changed: %@", *problem);
+        return kPermanentError;
+    }
     _serviceHandler = std::make_unique<ServicesHandler>(
         work.rootNode, work.payloadDir,
         [resolver](const std::string& path) {
@@ -394,9 +401,13 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
             NSLevelledLog(3, "Skip this operation");
             continue;
         }
-        info.DestinationPath = work.dirToken->expandDirectoryTokenForPath(
-            JoinPath(destination.attribute("dir").value_or(""), *name), work.appPath);
+        const std::string destinationText =
+            JoinPath(destination.attribute("dir").value_or(""), *name);
+        info.DestinationPath =
+            work.dirToken->expandDirectoryTokenForPath(destinationText, work.appPath);
         NSLevelledLog(3, "Destination Path : %@", info.DestinationPath);
+        if (!pathStaysConfined(work, destinationText))
+            return kPermanentError;
 
         ReadOptionalFields(node, kChecksumFields, info);
         auto renameNodes = node.select("./RenamePath");
@@ -405,10 +416,14 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
             if (!renameName)
                 renameName = renameNodes.front().attribute("defName");
             if (renameName) {
-                info.RenamePath = work.dirToken->expandDirectoryTokenForPath(
-                    JoinPath(renameNodes.front().attribute("dir").value_or(""), *renameName),
-                    work.appPath);
+                const std::string renameText =
+                    JoinPath(renameNodes.front().attribute("dir").value_or(""), *renameName);
+                info.RenamePath =
+                    work.dirToken->expandDirectoryTokenForPath(renameText, work.appPath);
                 NSLevelledLog(3, "Rename path : %@", info.RenamePath);
+                if (!EqualsIgnoringCase(info.Operation, "CREATELINK") &&
+                    !pathStaysConfined(work, renameText))
+                    return kPermanentError;
             }
         }
         ReadOptionalFields(node, kPermissionFields, info);
@@ -425,6 +440,24 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
             break;
     }
     return commands.finishGroup() == 0 ? kSuccessful : kPermanentError;
+}
+
+bool ProcessManifest::pathStaysConfined(const WorkDictionary& work, const std::string& path) const {
+    // The journal names the paths the update itself reached, without tokens.
+    if (_isProcessingRollback)
+        return true;
+    // Checked again as each entry runs: an earlier entry may have put a link on the way.
+    std::string expanded;
+    std::string base;
+    std::optional<std::string> problem =
+        ManifestConfinement(*work.dirToken, work.appPath).pathProblem(path, &expanded, &base);
+    if (!problem) {
+        if (const auto link = ManifestConfinement::linkOnTheWay(base, expanded))
+            problem = "\"" + path + "\" is reached through the symbolic link " + *link;
+    }
+    if (problem)
+        NSLevelledLog(0, "The entry is refused: %@", *problem);
+    return !problem;
 }
 
 std::vector<std::vector<std::string>>
@@ -540,6 +573,8 @@ std::string ProcessManifest::processDirectorySet(WorkDictionary& work, ThreadWor
         }
         info.Operation = *operation;
         info.DirectoryBase = work.dirToken->expandDirectoryTokenForPath(*base, work.appPath);
+        if (!pathStaysConfined(work, *base))
+            return kPermanentError;
         NSLevelledLog(3, "Distination Base : %@", info.DirectoryBase);
         if (!progressStep(work.progress, info.DirectoryBase))
             return kUserCancelled;

@@ -100,6 +100,10 @@ public:
     std::string processDirectorySet(WorkDictionary& work, ThreadWorker* worker);
     // Replays the journal in the backup folder.
     std::string performRollback();
+    // True when the manifest path (tokens not expanded) is confined and reached through
+    // real folders only (ManifestConfinement), or when replaying the journal; otherwise
+    // false after a log line.
+    bool pathStaysConfined(const WorkDictionary& work, const std::string& path) const;
     // The journal's whole entries as a document (a torn last entry cut off, with a log
     // line); nothing when it cannot be read as a journal.
     XmlNode readJournal(const std::string& journal);

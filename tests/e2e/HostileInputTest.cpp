@@ -6,7 +6,10 @@
 #include "TestSupport.h"
 
 #include <filesystem>
+#include <functional>
+#include <map>
 #include <sys/stat.h>
+#include <utility>
 
 namespace fs = std::filesystem;
 
@@ -73,6 +76,118 @@ TEST(HostileInput, TheLogInAUsersHomeIsTheUsersAndNeverFollowsALink) {
     EXPECT_EQ(info.st_uid, kAttacker);
     EXPECT_EQ(AsAttacker("echo appended >> '" + s.logFile + "'"), 0);
     EXPECT_TRUE(s.logContains("appended"));
+}
+
+// A root-only folder outside the installation with a root-only file in it, as the attacker's
+// target; its snapshot is what must not change.
+struct Canary {
+    const std::string folder = "/var/opt/canary";
+    const std::string secret = "/var/opt/canary/secret";
+    Canary() {
+        fs::create_directories(folder);
+        ::chmod(folder.c_str(), 0700);
+        WriteTextFile(secret, "root's alone\n");
+        ::chmod(secret.c_str(), 0600);
+    }
+    std::map<std::string, std::string> snapshot() const {
+        return SnapshotTree(folder, TreeDetail::ContentsAndModes);
+    }
+};
+
+// Manifests whose destinations lead outside the installation, by their text or through a
+// link planted on the way: refused before anything changes, with code 9.
+TEST(HostileInput, DestinationsOutsideTheInstallationAreRefusedBeforeAnyChange) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    const std::string contents = "[INSTALLDIR]/Editor.app/Contents";
+    struct Case {
+        std::string name;
+        std::function<void(Scenario&, const Canary&)> plant;
+        std::vector<FileEntry> entries;
+        std::string logged;
+        std::vector<std::string> assignments = {};
+    };
+    const std::string noToken = "does not start with a directory token of a known folder";
+    const std::string throughLink = "is reached through the symbolic link ";
+    auto linkInApp = [](Scenario& s, const Canary& canary) {
+        ASSERT_EQ(::symlink(canary.folder.c_str(), (s.app + "/Contents/Linked").c_str()), 0);
+    };
+    std::vector<FileEntry> many;
+    for (int i = 0; i < 25; ++i)
+        many.push_back({"ADD", "new.txt", contents + "/Linked", "f" + std::to_string(i)});
+    const std::vector<Case> cases = {
+        {"..",
+         nullptr,
+         {{"ADD", "new.txt", "[INSTALLDIR]/../../../var/opt/canary", "x"}},
+         "has a \"..\" component"},
+        {"absolute ADD", nullptr, {{"ADD", "new.txt", "/var/opt/canary", "x"}}, noToken},
+        {"absolute REMOVE", nullptr, {{"REMOVE", "secret", "/var/opt/canary", "secret"}}, noToken},
+        {"token-less", nullptr, {{"ADD", "new.txt", "var/opt/canary", "x"}}, noToken},
+        {"rename out",
+         nullptr,
+         {{"RENAME", "rename-me.txt", contents + "/Resources", "rename-me.txt", "", "",
+           "/var/opt/canary", "x"}},
+         noToken},
+        {"a folder of the application linked to a root-only folder", linkInApp, many, throughLink},
+        {"REMOVE through a linked folder",
+         linkInApp,
+         {{"REMOVE", "secret", contents + "/Linked", "secret"}},
+         throughLink},
+        {"a folder the user controls linked to a root-only folder",
+         [](Scenario&, const Canary& canary) {
+             fs::create_directories("/home/nobody");
+             ASSERT_EQ(::chown("/home/nobody", kAttacker, kAttacker), 0);
+             ASSERT_EQ(AsAttacker("mkdir -p /home/nobody/.config && ln -s " + canary.folder +
+                                  " /home/nobody/.config/Orvel"),
+                       0);
+         },
+         {{"ADD", "new.txt", "[UserPreferences]/Orvel", "settings.plist"}},
+         throughLink,
+         {"SUDO_USER=nobody"}},
+    };
+    bool registered = false;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Scenario s;
+        Canary canary;
+        s.installApplication();
+        if (!std::exchange(registered, true))
+            s.registerInstallation();
+        auto entries = s.updateEntries();
+        entries.insert(entries.end(), c.entries.begin(), c.entries.end());
+        s.assemble(s.manifest(entries));
+        if (c.plant)
+            c.plant(s, canary);
+        const auto app = SnapshotTree(s.app, TreeDetail::ContentsAndModes);
+        const auto outside = canary.snapshot();
+
+        ASSERT_EQ(s.runPatcher({"-Silent"}, c.assignments), 0) << s.patcherOutput();
+        EXPECT_EQ(s.returnCode(), "9");
+        EXPECT_GE(s.logIndex("The manifest is refused, nothing was changed: ", true), 0);
+        EXPECT_GE(s.logIndex(c.logged, true), 0);
+        EXPECT_EQ(SnapshotTree(s.app, TreeDetail::ContentsAndModes), app);
+        EXPECT_EQ(canary.snapshot(), outside);
+        EXPECT_FALSE(FileExists(s.historyFile));
+        fs::remove_all(s.app);
+        fs::remove_all(canary.folder);
+        fs::remove_all("/home/nobody");
+    }
+}
+
+// A destination that is itself a link (to a root-only file) is replaced as a link or
+// refused, never written through.
+TEST(HostileInput, ADestinationThatIsALinkToARootFileIsNeverWrittenThrough) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    Canary canary;
+    s.assemble(s.manifest(PrepareUpdate(s)));
+    const std::string keep = s.app + "/Contents/Resources/keep.txt";
+    fs::remove(keep);
+    ASSERT_EQ(::symlink(canary.secret.c_str(), keep.c_str()), 0);
+    const auto outside = canary.snapshot();
+    ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
+    EXPECT_EQ(s.returnCode(), "9"); // the link's target is not the file the update expects
+    EXPECT_EQ(canary.snapshot(), outside);
+    EXPECT_EQ(fs::read_symlink(keep), canary.secret);
 }
 
 } // namespace
