@@ -11,6 +11,7 @@
 #include "runtime/Environment.h"
 #include "runtime/LoggerUtility.h"
 #include "runtime/MainLoop.h"
+#include "runtime/RootEnvironment.h"
 #include "system/FileSystem.h"
 #include "target/DirTokenResolver.h"
 #include "target/InstalledApp.h"
@@ -101,11 +102,17 @@ void UpdateEngine::runSteps(Step from) {
 
 bool UpdateEngine::startLog() {
     std::string problem;
-    if (StartLogging(ExpandTildeInPath("~"), _environment.paths.logFileInHome, &problem)) {
+    const bool logging =
+        StartLogging(ExpandTildeInPath("~"), _environment.paths.logFileInHome, &problem);
+    if (logging) {
         NSFormatLog(0);
         NSFormatLogWithHeading(0, "Orvel Software Update");
         NSFormatLog(0);
-    } else {
+    }
+    if (!IgnoredEnvironment().empty())
+        NSLevelledLog(0, "A root run does not honour these variables; they were removed: %@",
+                      IgnoredEnvironment());
+    if (!logging) {
         NSLevelledLog(3, "Logging Failed");
         NSLevelledLog(0, "The log %@ is not used: %@", _logPath, problem);
     }

@@ -190,4 +190,28 @@ TEST(HostileInput, ADestinationThatIsALinkToARootFileIsNeverWrittenThrough) {
     EXPECT_EQ(fs::read_symlink(keep), canary.secret);
 }
 
+// Variables that would make a root run load code or data from elsewhere are removed, the
+// run starts itself again without them, says so, and applies the update as usual (with the
+// machine's installation database, not the one a variable names).
+TEST(HostileInput, ARootRunIgnoresVariablesThatPointItElsewhere) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    s.assemble(s.manifest(PrepareUpdate(s)));
+    fs::create_directories("/tmp/elsewhere");
+    ASSERT_EQ(
+        s.runPatcher({"-Silent"},
+                     {"LD_LIBRARY_PATH=/tmp/elsewhere", "GCONV_PATH=/tmp/elsewhere",
+                      "QT_PLUGIN_PATH=/tmp/elsewhere", "ORVEL_ZOTH_DB=/tmp/elsewhere/zoth.db"}),
+        0)
+        << s.patcherOutput();
+    EXPECT_EQ(s.returnCode(), "0");
+    const long line =
+        s.logIndex("A root run does not honour these variables; they were removed: ", true);
+    ASSERT_GE(line, 0) << ReadTextFile(s.logFile);
+    for (const char* name : {"LD_LIBRARY_PATH", "GCONV_PATH", "QT_PLUGIN_PATH", "ORVEL_ZOTH_DB"})
+        EXPECT_NE(s.logLines()[static_cast<size_t>(line)].find(name), std::string::npos) << name;
+    EXPECT_TRUE(fs::is_empty("/tmp/elsewhere"));
+    EXPECT_EQ(Md5OfFile(s.app + "/Contents/Info.plist").value_or(""), s.md5["plist2"]);
+}
+
 } // namespace
