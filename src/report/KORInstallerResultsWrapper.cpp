@@ -1,18 +1,72 @@
 #include "report/KORInstallerResultsWrapper.h"
 
+#include "base/AppBundle.h"
+#include "base/FileUtil.h"
 #include "base/PropertyList.h"
 #include "base/StringTable.h"
 #include "report/KORInstallerResults.h"
 #include "report/UserInterface.h"
 #include "runtime/LoggerUtility.h"
 
+#include <dlfcn.h>
+#include <unistd.h>
 #include <vector>
 
-KORResultsLibrary KORResultsLibrary::linked() {
-    KORResultsLibrary library;
-    library.getClientAppPath = &KORGetClientAppPath;
-    library.setInstallerResults = &KORSetInstallerResults;
+namespace {
+
+constexpr const char* kResultsLibraryName = "libKORInstallerResults.so";
+
+struct LoadedResultsLibrary {
+    KORResultsLibrary functions;
+    std::string problem;
+};
+
+// The bundle's library, or the program's own functions when its bundle has none. The
+// program is not linked with the library, so that the dynamic loader never loads a copy
+// that someone other than root could have put in place.
+LoadedResultsLibrary LoadResultsLibrary() {
+    LoadedResultsLibrary loaded;
+    void* handle = RTLD_DEFAULT;
+    if (const auto bundle = AppBundle::mainBundle()) {
+        std::string path = bundle->frameworksPath() + "/" + kResultsLibraryName;
+        if (::access(path.c_str(), F_OK) == 0) {
+            if (::geteuid() == 0 &&
+                !OpenFileOnlyRootControls(path, &loaded.problem, &path).valid()) {
+                loaded.problem = "The library " + bundle->frameworksPath() + "/" +
+                                 kResultsLibraryName + " is not loaded: " + loaded.problem;
+                return loaded;
+            }
+            handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+            if (!handle) {
+                const char* error = ::dlerror();
+                loaded.problem =
+                    "The library " + path + " is not loaded: " + (error ? error : "unknown error");
+                return loaded;
+            }
+        }
+    }
+    using GetClientAppPath = int (*)(uint32_t*, char*);
+    using SetInstallerResults = int (*)(int32_t, const char*);
+    loaded.functions.getClientAppPath =
+        reinterpret_cast<GetClientAppPath>(::dlsym(handle, "KORGetClientAppPath"));
+    loaded.functions.setInstallerResults =
+        reinterpret_cast<SetInstallerResults>(::dlsym(handle, "KORSetInstallerResults"));
+    return loaded;
+}
+
+const LoadedResultsLibrary& ResultsLibrary() {
+    static const LoadedResultsLibrary library = LoadResultsLibrary();
     return library;
+}
+
+} // namespace
+
+KORResultsLibrary KORResultsLibrary::linked() {
+    return ResultsLibrary().functions;
+}
+
+const std::string& KORResultsLibrary::loadProblem() {
+    return ResultsLibrary().problem;
 }
 
 KORInstallerResultsWrapper::KORInstallerResultsWrapper(ReportingContext context)

@@ -13,8 +13,15 @@ struct KORResultsLibrary {
     int (*getClientAppPath)(uint32_t* length, char* buffer) = nullptr;
     int (*setInstallerResults)(int32_t code, const char* message) = nullptr;
 
-    // The library the patcher is linked with.
+    // The results library of the running program's bundle
+    // (Contents/Frameworks/libKORInstallerResults.so), opened at the first call; a root
+    // process opens it only when root alone controls it (OpenFileOnlyRootControls), and
+    // otherwise goes without (both functions absent). A program without the library in its
+    // bundle gets the functions it is linked with, if any.
     static KORResultsLibrary linked();
+    // Why the bundle's library was not used ("" when it was, or when there is none), for
+    // the log.
+    static const std::string& loadProblem();
 };
 
 // Where the reports go and what they read.

@@ -109,6 +109,8 @@ bool UpdateEngine::startLog() {
         NSFormatLogWithHeading(0, "Orvel Software Update");
         NSFormatLog(0);
     }
+    if (!KORResultsLibrary::loadProblem().empty())
+        NSLevelledLog(0, "%@", KORResultsLibrary::loadProblem());
     if (!IgnoredEnvironment().empty())
         NSLevelledLog(0, "A root run does not honour these variables; they were removed: %@",
                       IgnoredEnvironment());

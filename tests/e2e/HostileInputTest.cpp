@@ -214,4 +214,22 @@ TEST(HostileInput, ARootRunIgnoresVariablesThatPointItElsewhere) {
     EXPECT_EQ(Md5OfFile(s.app + "/Contents/Info.plist").value_or(""), s.md5["plist2"]);
 }
 
+// The update manager's results library is used only when root alone could have changed it;
+// a group-writable one counts as missing, so no result is sent through it.
+TEST(HostileInput, AGroupWritableResultsLibraryIsNotLoaded) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    s.assemble(s.manifest(PrepareUpdate(s)));
+    const std::string library = s.bundle + "/Contents/Frameworks/libKORInstallerResults.so";
+    ASSERT_EQ(::chmod(library.c_str(), 0664), 0);
+    int status = 0;
+    const std::string output = s.runUnderUpdateManager({}, &status);
+    EXPECT_EQ(output.find("code: "), std::string::npos) << output;
+    EXPECT_EQ(status, 1); // no result arrived
+    EXPECT_TRUE(s.logContains("The library " + s.bundle +
+                              "/Contents/Frameworks/libKORInstallerResults.so is not loaded: " +
+                              library + " belongs to user 0 with mode 664"))
+        << ReadTextFile(s.logFile);
+}
+
 } // namespace

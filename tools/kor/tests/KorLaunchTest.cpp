@@ -18,6 +18,10 @@ protected:
         const std::string macos = home.file("Patch.app/Contents/MacOS");
         std::filesystem::create_directories(macos);
         std::filesystem::copy_file(KOR_PROBE, macos + "/PatcherApp");
+        // The results library sits in the bundle, where a patcher opens it from.
+        const std::string frameworks = home.file("Patch.app/Contents/Frameworks");
+        std::filesystem::create_directories(frameworks);
+        std::filesystem::copy_file(KOR_RESULTS_LIBRARY, frameworks + "/libKORInstallerResults.so");
     }
 
     int Launch(std::vector<std::string> args) {
