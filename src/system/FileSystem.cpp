@@ -4,9 +4,11 @@
 #include <climits>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <memory>
 #include <sys/sendfile.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -32,6 +34,41 @@ bool CopyThroughMemory(int in, int out, const FileSystem::CopyObserver& observe)
     }
 }
 
+// path below the folder handle, opened with flags, without following a symbolic link on
+// the way (noLinks: nor a last one) and never leaving the folder. openat2 where the kernel
+// has it, else a walk of folder handles opened without following links.
+UniqueFd OpenBeneath(int folder, const std::string& path, int flags, bool noLinks) {
+    open_how how{};
+    how.flags = static_cast<uint64_t>(flags);
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS | (noLinks ? RESOLVE_NO_SYMLINKS : 0);
+    const long fd = ::syscall(SYS_openat2, folder, path.c_str(), &how, sizeof how);
+    if (fd >= 0 || errno != ENOSYS)
+        return UniqueFd(static_cast<int>(fd));
+    // Without openat2: each folder on the way opened without following a link; a last link
+    // is not followed either.
+    UniqueFd current(::fcntl(folder, F_DUPFD_CLOEXEC, 0));
+    size_t start = 0;
+    for (;;) {
+        const size_t slash = path.find('/', start);
+        const std::string name =
+            path.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
+        if (name == "..") {
+            errno = EXDEV;
+            return UniqueFd();
+        }
+        if (slash == std::string::npos)
+            return UniqueFd(::openat(current.get(), name.c_str(), flags | O_NOFOLLOW));
+        if (!name.empty() && name != ".") {
+            UniqueFd next(::openat(current.get(), name.c_str(),
+                                   O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (!next.valid())
+                return next;
+            current = std::move(next);
+        }
+        start = slash + 1;
+    }
+}
+
 } // namespace
 
 RealFileSystem& RealFileSystem::instance() {
@@ -39,22 +76,89 @@ RealFileSystem& RealFileSystem::instance() {
     return fileSystem;
 }
 
+void RealFileSystem::confineBelow(std::vector<std::string> folders) {
+    const std::lock_guard<std::mutex> lock(_confinementMutex);
+    _confined = std::move(folders);
+}
+
+std::optional<std::string> RealFileSystem::confiningFolder(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(_confinementMutex);
+    const std::string* deepest = nullptr;
+    for (const std::string& folder : _confined) {
+        if (path.size() > folder.size() + 1 && path.compare(0, folder.size(), folder) == 0 &&
+            path[folder.size()] == '/' && (!deepest || folder.size() > deepest->size()))
+            deepest = &folder;
+    }
+    return deepest ? std::optional<std::string>(*deepest) : std::nullopt;
+}
+
+RealFileSystem::Place RealFileSystem::place(const std::string& path) {
+    Place place;
+    const auto folder = confiningFolder(path);
+    if (!folder) {
+        place.name = path;
+        return place;
+    }
+    place.confined = true;
+    place.at = -1;
+    // Opened afresh for every call, so that a folder made again during the run is the one
+    // reached.
+    place.base.reset(::open(folder->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!place.base.valid())
+        return place;
+    std::string relative = path.substr(folder->size() + 1);
+    while (!relative.empty() && relative.back() == '/')
+        relative.pop_back();
+    const size_t slash = relative.rfind('/');
+    place.name = slash == std::string::npos ? relative : relative.substr(slash + 1);
+    place.relative = relative;
+    if (place.name.empty() || place.name == "." || place.name == "..") {
+        errno = EXDEV;
+        return place;
+    }
+    if (slash == std::string::npos) {
+        place.at = place.base.get();
+        return place;
+    }
+    place.folder = OpenBeneath(place.base.get(), relative.substr(0, slash),
+                               O_PATH | O_DIRECTORY | O_CLOEXEC, true);
+    place.at = place.folder.valid() ? place.folder.get() : -1;
+    return place;
+}
+
 UniqueFd RealFileSystem::createFile(const std::string& path, mode_t mode) {
-    return UniqueFd(::open(path.c_str(),
-                           O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW, mode));
+    const Place at = place(path);
+    if (at.at == -1)
+        return UniqueFd();
+    return UniqueFd(::openat(at.at, at.name.c_str(),
+                             O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW,
+                             mode));
 }
 
 UniqueFd RealFileSystem::openForWriting(const std::string& path) {
-    return UniqueFd(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
+    const Place at = place(path);
+    if (at.at == -1)
+        return UniqueFd();
+    return UniqueFd(::openat(at.at, at.name.c_str(),
+                             O_WRONLY | O_CLOEXEC | O_NOCTTY | (at.confined ? O_NOFOLLOW : 0)));
 }
 
 UniqueFd RealFileSystem::openForReading(const std::string& path) {
+    const Place at = place(path);
+    if (at.at == -1)
+        return UniqueFd();
     // Opened without blocking, so a FIFO without a writer holds nothing up; reads block.
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    const int flags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    UniqueFd fd(::openat(at.at, at.name.c_str(), flags | (at.confined ? O_NOFOLLOW : 0)));
+    if (!fd.valid() && at.confined && errno == ELOOP) {
+        // The last name is a link: read what it leads to, as long as that lies below the
+        // same confined folder.
+        fd = OpenBeneath(at.base.get(), at.relative, flags, false);
+    }
     if (!fd.valid())
         return fd;
-    const int flags = ::fcntl(fd.get(), F_GETFL);
-    if (flags < 0 || ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0)
+    const int current = ::fcntl(fd.get(), F_GETFL);
+    if (current < 0 || ::fcntl(fd.get(), F_SETFL, current & ~O_NONBLOCK) != 0)
         return UniqueFd();
     return fd;
 }
@@ -105,7 +209,12 @@ bool RealFileSystem::syncFile(int fd, bool metadata) {
 }
 
 bool RealFileSystem::syncFolder(const std::string& path) {
-    const UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const Place at = place(path);
+    if (at.at == -1)
+        return false;
+    const UniqueFd folder(
+        ::openat(at.at, at.name.c_str(),
+                 O_RDONLY | O_DIRECTORY | O_CLOEXEC | (at.confined ? O_NOFOLLOW : 0)));
     return folder.valid() && ::fsync(folder.get()) == 0;
 }
 
@@ -119,33 +228,50 @@ bool RealFileSystem::syncFileSystem(const std::string& path) {
 }
 
 bool RealFileSystem::makeFolder(const std::string& path, mode_t mode) {
-    return ::mkdir(path.c_str(), mode) == 0;
+    const Place at = place(path);
+    return at.at != -1 && ::mkdirat(at.at, at.name.c_str(), mode) == 0;
 }
 
 bool RealFileSystem::removeFolder(const std::string& path) {
-    return ::rmdir(path.c_str()) == 0;
+    const Place at = place(path);
+    return at.at != -1 && ::unlinkat(at.at, at.name.c_str(), AT_REMOVEDIR) == 0;
 }
 
 bool RealFileSystem::removeFile(const std::string& path) {
-    return ::unlink(path.c_str()) == 0;
+    const Place at = place(path);
+    return at.at != -1 && ::unlinkat(at.at, at.name.c_str(), 0) == 0;
 }
 
 bool RealFileSystem::rename(const std::string& from, const std::string& to) {
-    return ::rename(from.c_str(), to.c_str()) == 0;
+    const Place source = place(from);
+    if (source.at == -1)
+        return false;
+    const Place target = place(to);
+    return target.at != -1 &&
+           ::renameat(source.at, source.name.c_str(), target.at, target.name.c_str()) == 0;
 }
 
 bool RealFileSystem::link(const std::string& existing, const std::string& newPath) {
-    return ::link(existing.c_str(), newPath.c_str()) == 0;
+    const Place source = place(existing);
+    if (source.at == -1)
+        return false;
+    const Place target = place(newPath);
+    return target.at != -1 &&
+           ::linkat(source.at, source.name.c_str(), target.at, target.name.c_str(), 0) == 0;
 }
 
 bool RealFileSystem::symlink(const std::string& content, const std::string& path) {
-    return ::symlink(content.c_str(), path.c_str()) == 0;
+    const Place at = place(path);
+    return at.at != -1 && ::symlinkat(content.c_str(), at.at, at.name.c_str()) == 0;
 }
 
 std::optional<std::string> RealFileSystem::readLink(const std::string& path) {
+    const Place at = place(path);
+    if (at.at == -1)
+        return std::nullopt;
     std::vector<char> buffer(PATH_MAX + 1);
     for (;;) {
-        const ssize_t length = ::readlink(path.c_str(), buffer.data(), buffer.size());
+        const ssize_t length = ::readlinkat(at.at, at.name.c_str(), buffer.data(), buffer.size());
         if (length < 0)
             return std::nullopt;
         if (static_cast<size_t>(length) < buffer.size())
@@ -155,12 +281,20 @@ std::optional<std::string> RealFileSystem::readLink(const std::string& path) {
 }
 
 std::optional<std::vector<std::string>> RealFileSystem::listFolder(const std::string& path) {
+    const Place at = place(path);
+    if (at.at == -1)
+        return std::nullopt;
     struct DirCloser {
         void operator()(DIR* dir) const { ::closedir(dir); }
     };
-    std::unique_ptr<DIR, DirCloser> dir(::opendir(path.c_str()));
+    UniqueFd folder(::openat(at.at, at.name.c_str(),
+                             O_RDONLY | O_DIRECTORY | O_CLOEXEC | (at.confined ? O_NOFOLLOW : 0)));
+    if (!folder.valid())
+        return std::nullopt;
+    std::unique_ptr<DIR, DirCloser> dir(::fdopendir(folder.get()));
     if (!dir)
         return std::nullopt;
+    (void)folder.release(); // the stream owns it now
     std::vector<std::string> entries;
     errno = 0;
     while (const dirent* entry = ::readdir(dir.get())) {
@@ -174,11 +308,15 @@ std::optional<std::vector<std::string>> RealFileSystem::listFolder(const std::st
 }
 
 bool RealFileSystem::setOwner(const std::string& path, uid_t uid, gid_t gid) {
-    return ::lchown(path.c_str(), uid, gid) == 0;
+    const Place at = place(path);
+    return at.at != -1 && ::fchownat(at.at, at.name.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 bool RealFileSystem::setMode(const std::string& path, mode_t mode) {
-    return ::chmod(path.c_str(), mode) == 0;
+    const Place at = place(path);
+    // A confined last name that is a link has no mode of its own to set (EOPNOTSUPP).
+    return at.at != -1 &&
+           ::fchmodat(at.at, at.name.c_str(), mode, at.confined ? AT_SYMLINK_NOFOLLOW : 0) == 0;
 }
 
 bool RealFileSystem::setModeOfFile(int fd, mode_t mode) {
@@ -186,7 +324,8 @@ bool RealFileSystem::setModeOfFile(int fd, mode_t mode) {
 }
 
 bool RealFileSystem::setTimes(const std::string& path, const timespec times[2]) {
-    return ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
+    const Place at = place(path);
+    return at.at != -1 && ::utimensat(at.at, at.name.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 bool RealFileSystem::setTimesOfFile(int fd, const timespec times[2]) {

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <fcntl.h>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -72,10 +73,23 @@ public:
 };
 
 // The machine's file system.
+//
+// Confined folders: a path below one of them is reached from that folder with openat2's
+// RESOLVE_BENEATH and RESOLVE_NO_SYMLINKS, and the call is made on its last name relative
+// to the folder so reached (unlinkat, renameat, ...). A symbolic link on the way, or one
+// that a local user swaps in while the call is made, fails the call (ELOOP) instead of
+// leading it elsewhere. The last name itself is changed as it is (a link is removed,
+// renamed or replaced as a link, its mode and times not set through it); only reading a
+// file follows a last link, and then only to a file below the same folder. Paths outside
+// every confined folder are used as they are.
 class RealFileSystem : public FileSystem {
 public:
     // The one instance the run uses when nothing else is handed in.
     static RealFileSystem& instance();
+
+    // Confines the paths below folders (absolute, without trailing slashes) from now on;
+    // an empty list ends the confinement. The folders need not exist yet.
+    void confineBelow(std::vector<std::string> folders);
 
     UniqueFd createFile(const std::string& path, mode_t mode) override;
     UniqueFd openForWriting(const std::string& path) override;
@@ -102,6 +116,36 @@ public:
     bool setTimes(const std::string& path, const timespec times[2]) override;
     bool setTimesOfFile(int fd, const timespec times[2]) override;
     std::optional<uint64_t> freeSpace(const std::string& path) override;
+
+private:
+    // The folder that holds path's last name, reached without following links when path
+    // is confined (an invalid handle, errno set, when it cannot be reached so); AT_FDCWD
+    // with the whole path otherwise.
+    struct Place {
+        UniqueFd base;        // the confined folder
+        std::string relative; // path below it
+        UniqueFd folder;      // the folder of the last name, when not base itself
+        int at = AT_FDCWD;
+        std::string name;
+        bool confined = false;
+    };
+    Place place(const std::string& path);
+    // The deepest confined folder that path lies below.
+    std::optional<std::string> confiningFolder(const std::string& path);
+
+    std::mutex _confinementMutex;
+    std::vector<std::string> _confined;
+};
+
+// Confines RealFileSystem::instance() below folders for the life of this object.
+class FileSystemConfinement {
+public:
+    explicit FileSystemConfinement(std::vector<std::string> folders) {
+        RealFileSystem::instance().confineBelow(std::move(folders));
+    }
+    ~FileSystemConfinement() { RealFileSystem::instance().confineBelow({}); }
+    FileSystemConfinement(const FileSystemConfinement&) = delete;
+    FileSystemConfinement& operator=(const FileSystemConfinement&) = delete;
 };
 
 // For tests: the real file system, with every call counted and the Nth call (counting from

@@ -45,6 +45,20 @@ std::optional<std::string> ManifestConfinement::pathProblem(const std::string& p
     return std::nullopt;
 }
 
+std::vector<std::string> ManifestConfinement::folders() const {
+    std::vector<std::string> folders;
+    auto add = [&](std::string folder) {
+        while (folder.size() > 1 && folder.back() == '/')
+            folder.pop_back();
+        if (folder.size() > 1 && folder[0] == '/')
+            folders.push_back(std::move(folder));
+    };
+    add(_appPath);
+    for (const auto& [token, folder] : _dirToken.tokenTable())
+        add(folder);
+    return folders;
+}
+
 std::optional<std::string> ManifestConfinement::linkOnTheWay(const std::string& base,
                                                              const std::string& path) {
     if (path.size() <= base.size() || path.compare(0, base.size(), base) != 0)

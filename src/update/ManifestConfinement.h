@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 class DirTokenResolver;
 class XmlNode;
@@ -26,6 +27,10 @@ public:
     [[nodiscard]] std::optional<std::string> pathProblem(const std::string& path,
                                                          std::string* expanded = nullptr,
                                                          std::string* base = nullptr) const;
+
+    // The folders the tokens name (the installed application's among them), where the file
+    // system is to reach paths without following links (RealFileSystem::confineBelow).
+    [[nodiscard]] std::vector<std::string> folders() const;
 
     // The first symbolic link among the folders between base (not itself checked) and
     // path (its last component, which the entry changes as it is, not checked either);

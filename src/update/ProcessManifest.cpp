@@ -124,6 +124,8 @@ bool ProcessManifest::replayJournal(const std::string& backupFolder, const std::
     // A replay runs as an install and records nothing.
     environment.history = nullptr;
     environment.state = nullptr;
+    const DirTokenResolver resolver(environment.paths);
+    const FileSystemConfinement confinement(ManifestConfinement(resolver, appPath).folders());
     ProcessManifest replay(ReplayOnly{}, backupFolder, appPath, std::move(environment));
     return IsSuccessful(replay.performRollback());
 }
@@ -222,6 +224,10 @@ std::string ProcessManifest::performUpdate(WorkDictionary& work, ThreadWorker* w
         NSLevelledLog(0, "The manifest is refused, nothing was changed: %@", *problem);
         return kPermanentError;
     }
+    // Until the run ends (its rollback included), every path below those folders is reached
+    // without following a link, whatever a local user swaps in meanwhile.
+    _confinement =
+        std::make_unique<FileSystemConfinement>(ManifestConfinement(resolver, appPath).folders());
     _serviceHandler = std::make_unique<ServicesHandler>(
         work.rootNode, work.payloadDir,
         [resolver](const std::string& path) {
@@ -668,6 +674,7 @@ void ProcessManifest::longTaskFinished(const std::string& result) {
         _progressController->close();
     NSLevelledLog(0, "Exit code: %d", exitCode);
 
+    _confinement.reset();
     _exitCode = exitCode;
     _rollbackState = rollbackState;
     report(exitCode, rollbackState);

@@ -13,6 +13,7 @@
 
 class ChecksumPrefetcher;
 class DirTokenResolver;
+class FileSystemConfinement;
 class KORInstallerResultsWrapper;
 class LoadConfigData;
 class MainLoop;
@@ -152,6 +153,9 @@ private:
     std::string _appPath;
     std::string _resourceDir;
     LoadConfigData* _dataLoader;
+    // The file system's confinement to the manifest's folders, from the walk's start to
+    // the end of the run.
+    std::unique_ptr<FileSystemConfinement> _confinement;
     ManifestRunEnvironment _environment;
     ProgressWindowController* _progressController = nullptr;
     std::unique_ptr<ServicesHandler> _serviceHandler;

@@ -1,0 +1,107 @@
+#include "system/FileSystem.h"
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Below a confined folder no call goes through a symbolic link on the way, and a last name
+// that is a link is changed as a link; reading follows a last link only to a file below
+// the same folder. Outside, and once the confinement ends, paths are used as they are.
+class ConfinedFileSystemTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fs::create_directories(app + "/Contents/Resources");
+        fs::create_directories(outside);
+        WriteTextFile(outside + "/secret", "outside");
+        ::chmod((outside + "/secret").c_str(), 0600);
+        WriteTextFile(app + "/Contents/Resources/inside.txt", "inside");
+        fs::create_directory_symlink(outside, app + "/Contents/Linked");
+        fs::create_symlink(outside + "/secret", app + "/Contents/Resources/to-outside");
+        fs::create_symlink("inside.txt", app + "/Contents/Resources/to-inside");
+    }
+
+    TempDir dir;
+    const std::string app = dir.file("Suite");
+    const std::string outside = dir.file("outside");
+    RealFileSystem& files = RealFileSystem::instance();
+};
+
+TEST_F(ConfinedFileSystemTest, NoCallFollowsALinkBelowAConfinedFolder) {
+    const FileSystemConfinement confinement({app});
+    const std::string through = app + "/Contents/Linked/";
+    auto expectRefused = [&](bool done, const std::string& what) {
+        EXPECT_FALSE(done) << what;
+        // A folder opened as one without following its link: "not a folder".
+        EXPECT_TRUE(errno == ELOOP || errno == EXDEV || errno == ENOTDIR)
+            << what << ": " << std::strerror(errno);
+    };
+    expectRefused(files.createFile(through + "new", 0644).valid(), "createFile");
+    expectRefused(files.openForWriting(through + "secret").valid(), "openForWriting");
+    expectRefused(files.openForReading(through + "secret").valid(), "openForReading");
+    expectRefused(files.removeFile(through + "secret"), "removeFile");
+    expectRefused(files.makeFolder(through + "folder", 0755), "makeFolder");
+    expectRefused(files.rename(app + "/Contents/Resources/inside.txt", through + "moved"),
+                  "rename into");
+    expectRefused(files.rename(through + "secret", app + "/Contents/moved"), "rename out of");
+    expectRefused(files.link(through + "secret", app + "/Contents/linked"), "link");
+    expectRefused(files.symlink("x", through + "link"), "symlink");
+    expectRefused(files.setMode(through + "secret", 0666), "setMode");
+    expectRefused(files.setOwner(through + "secret", 65534, 65534), "setOwner");
+    expectRefused(files.listFolder(through + ".").has_value() ||
+                      files.listFolder(app + "/Contents/Linked").has_value(),
+                  "listFolder");
+    expectRefused(files.syncFolder(app + "/Contents/Linked"), "syncFolder");
+    EXPECT_EQ(SnapshotTree(outside, TreeDetail::ContentsAndModes).size(), 1u);
+    EXPECT_EQ(ReadTextFile(outside + "/secret"), "outside");
+    struct stat info {};
+    ASSERT_EQ(::stat((outside + "/secret").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    EXPECT_EQ(info.st_uid, ::geteuid());
+
+    // A last link is the link: removed itself, its mode never set through it.
+    const std::string toOutside = app + "/Contents/Resources/to-outside";
+    EXPECT_FALSE(files.setMode(toOutside, 0666));
+    ASSERT_EQ(::stat((outside + "/secret").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    EXPECT_FALSE(files.openForReading(toOutside).valid());
+    const UniqueFd inside = files.openForReading(app + "/Contents/Resources/to-inside");
+    EXPECT_TRUE(inside.valid());
+    EXPECT_TRUE(files.removeFile(toOutside));
+    EXPECT_FALSE(fs::is_symlink(toOutside));
+    EXPECT_EQ(ReadTextFile(outside + "/secret"), "outside");
+
+    // Real folders below work as always.
+    UniqueFd made = files.createFile(app + "/Contents/Resources/made", 0644);
+    EXPECT_TRUE(made.valid());
+    EXPECT_TRUE(files.rename(app + "/Contents/Resources/made", app + "/Contents/made"));
+    EXPECT_TRUE(files.makeFolder(app + "/Contents/New", 0755));
+    EXPECT_TRUE(files.listFolder(app + "/Contents").has_value());
+    EXPECT_TRUE(files.syncFolder(app + "/Contents/New"));
+    EXPECT_TRUE(files.removeFolder(app + "/Contents/New"));
+}
+
+TEST_F(ConfinedFileSystemTest, OutsideAndAfterTheConfinementPathsAreUsedAsTheyAre) {
+    {
+        const FileSystemConfinement confinement({dir.file("other")});
+        UniqueFd fd = files.openForReading(app + "/Contents/Linked/secret");
+        EXPECT_TRUE(fd.valid());
+    }
+    UniqueFd fd = files.openForReading(app + "/Contents/Linked/secret");
+    EXPECT_TRUE(fd.valid());
+    EXPECT_TRUE(files.makeFolder(app + "/Contents/Linked/made", 0755));
+    EXPECT_TRUE(fs::is_directory(outside + "/made"));
+}
+
+} // namespace
