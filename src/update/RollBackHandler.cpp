@@ -409,6 +409,11 @@ std::optional<std::string_view> WholeEntryAt(std::string_view text, size_t at,
     if (end == std::string_view::npos)
         return std::nullopt;
     const std::string_view entry = text.substr(at, end + close.size() - at);
+    // libxml2 takes a NUL byte for the end of its input, without an error, so the parse below
+    // would not see what follows one: zeros a power cut left behind an entry's end, with the
+    // next entry's closing line after them, would pass as one entry.
+    if (entry.find('\0') != std::string_view::npos)
+        return std::nullopt;
     const auto parsed = XmlDocument::parseMemory(std::string(entry), XmlParseMode::Strict);
     if (!parsed.document || !parsed.errors.empty())
         return std::nullopt;

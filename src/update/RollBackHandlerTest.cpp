@@ -533,6 +533,29 @@ TEST_F(RollBackHandlerTest, ATornLastWriteIsReadBackAsEveryWholeEntryBeforeIt) {
     }
 }
 
+// A power cut may leave zeros over an entry's end with a later entry's closing line intact
+// behind them: the zeros end the reading there, though the XML reader would stop at the
+// first zero without an error.
+TEST_F(RollBackHandlerTest, ZerosBetweenEntriesEndTheReadingThere) {
+    RollBackHandler handler(_dir.path(), RealFileSystem::instance());
+    for (size_t i = 0; i < 3; ++i)
+        ASSERT_TRUE(handler.addUndoFileCommand(AddEntry(i)));
+    std::string text = ReadTextFile(journal());
+    const std::string close = "\n    </File>\n";
+    const size_t first = text.find(close);
+    const size_t second = text.find(close, first + close.size());
+    ASSERT_NE(second, std::string::npos);
+    // From the line end behind the second entry's closing tag on, into the third entry.
+    std::fill(text.begin() + static_cast<long>(second + close.size() - 1),
+              text.begin() + static_cast<long>(second + close.size() + 30), '\0');
+    const auto read = RollBackHandler::readWholeEntries(text);
+    ASSERT_TRUE(read.document);
+    EXPECT_TRUE(read.torn);
+    EXPECT_EQ(read.fileEntries, 1u);
+    const auto parsed = XmlDocument::parseMemory(*read.document, XmlParseMode::Strict);
+    EXPECT_TRUE(parsed.document && parsed.errors.empty());
+}
+
 TEST_F(RollBackHandlerTest, TextThatDoesNotBeginAsAJournalIsNotRead) {
     for (const std::string& text :
          std::vector<std::string>{"", "<?xml version=\"1.0\"", "<Manifest><FileSet/></Manifest>",
