@@ -44,6 +44,9 @@ done
 if [ -x scripts/fuzz-versioner.sh ]; then
   step "fuzz file versioner (60 s)" scripts/fuzz-versioner.sh 60
 fi
+if [ -x scripts/fuzz-readers.sh ]; then
+  step "fuzz readers (60 s each)" scripts/fuzz-readers.sh 60
+fi
 
 echo
 echo "==> summary"
