@@ -21,6 +21,7 @@
 #include "target/ZOTHService.h"
 #include "update/FileManager.h"
 #include "update/PatcherState.h"
+#include "update/PayloadHandler.h"
 #include "update/ProcessManifest.h"
 
 #include <cassert>
@@ -446,11 +447,14 @@ void UpdateEngine::_updateApp(const InstalledApp& app, const std::string& manife
     _processManifest = std::make_unique<ProcessManifest>(
         manifestPath, workingFolder, app.path(), resourceDir, _dataLoader, std::move(environment));
     if (!_processManifest->performAction(progress)) {
-        // Nothing was started and nothing reported: the run ends here.
+        // The manifest cannot be read: nothing was changed. The payload unpacked for it goes,
+        // and the run ends as a failed update, so that a silent caller finds a code of this
+        // run rather than none (or an older one).
+        (void)PayloadHandler::cleanupDir(workingFolder, RealFileSystem::instance());
         if (_state && _state->removeRecord())
             (void)_state->removeBackupFolder(backupFolder);
         if (progress)
             progress->close();
-        endEarlyRun();
+        endWithFailure("Error while updating", SilentReturnCode::CancelledOrRolledBack);
     }
 }
