@@ -98,6 +98,15 @@ struct Canary {
     }
 };
 
+// Takes away what one case of a table left (the application, the canary, the return code
+// and the log), so that the next case starts as the first did.
+void ClearCase(const Scenario& s, const Canary& canary) {
+    fs::remove_all(s.app);
+    fs::remove_all(canary.folder);
+    fs::remove(s.returnCodeFile);
+    fs::remove(s.logFile);
+}
+
 // Manifests whose destinations lead outside the installation, by their text or through a
 // link planted on the way: refused before anything changes, with code 9.
 TEST(HostileInput, DestinationsOutsideTheInstallationAreRefusedBeforeAnyChange) {
@@ -416,10 +425,8 @@ TEST(HostileInput, TheReturnCodeIsNotWrittenIntoAFolderOthersControl) {
         EXPECT_EQ(canary.snapshot(), outside);
         EXPECT_EQ(SnapshotTree(s.app, TreeDetail::ContentsAndModes), app);
         EXPECT_FALSE(FileExists(s.historyFile));
-        fs::remove_all(s.app);
-        fs::remove_all(canary.folder);
+        ClearCase(s, canary);
         fs::remove_all(kResultFolder);
-        fs::remove(s.logFile);
     }
 }
 
@@ -528,10 +535,7 @@ void ExpectPayloadsRefused(const std::vector<RefusedPayload>& cases) {
         EXPECT_EQ(canary.snapshot(), outside);
         EXPECT_FALSE(FileExists(s.historyFile));
         EXPECT_EQ(NamesIn(kResultFolder), std::vector<std::string>{"retVal"});
-        fs::remove_all(s.app);
-        fs::remove_all(canary.folder);
-        fs::remove(s.returnCodeFile);
-        fs::remove(s.logFile);
+        ClearCase(s, canary);
     }
 }
 
@@ -629,10 +633,7 @@ TEST(HostileInput, AMalformedPatchFailsItsEntryAndTheUpdateIsRolledBack) {
         EXPECT_EQ(SnapshotTree(s.app, TreeDetail::ContentsAndModes), app);
         EXPECT_EQ(canary.snapshot(), outside);
         EXPECT_FALSE(FileExists(s.historyFile));
-        fs::remove_all(s.app);
-        fs::remove_all(canary.folder);
-        fs::remove(s.returnCodeFile);
-        fs::remove(s.logFile);
+        ClearCase(s, canary);
     }
 }
 
@@ -679,10 +680,7 @@ void ExpectHostileXmlHandled(const std::string& resource, const std::vector<Host
             EXPECT_EQ(SnapshotTree(s.app, TreeDetail::ContentsAndModes), app);
             EXPECT_FALSE(FileExists(s.historyFile));
         }
-        fs::remove_all(s.app);
-        fs::remove_all(canary.folder);
-        fs::remove(s.returnCodeFile);
-        fs::remove(s.logFile);
+        ClearCase(s, canary);
     }
 }
 

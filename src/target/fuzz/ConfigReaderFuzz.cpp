@@ -6,6 +6,7 @@
 
 #include "base/FileUtil.h"
 #include "base/Xml.h"
+#include "base/fuzz/FuzzScratchFolder.h"
 #include "base/fuzz/XmlFuzzSetup.h"
 #include "runtime/Environment.h"
 
@@ -19,31 +20,6 @@
 #include <vector>
 
 namespace {
-
-// A folder of its own for the input file, made under TMPDIR (or /tmp) and removed at exit.
-class ScratchFolder {
-public:
-    ScratchFolder() {
-        const char* tmp = std::getenv("TMPDIR");
-        std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/config-fuzz-XXXXXX";
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            std::perror("ConfigReaderFuzz: mkdtemp");
-            std::abort();
-        }
-        _path = pattern;
-    }
-    ~ScratchFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(_path, ignored);
-    }
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-
-    const std::string& path() const { return _path; }
-
-private:
-    std::string _path;
-};
 
 // Values are read for their side effects only; this keeps the reads from being dropped.
 volatile size_t gSink = 0;
@@ -71,7 +47,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const ScratchFolder folder;
+    static const FuzzScratchFolder folder("config-fuzz");
     static const std::string path = folder.path() + "/config.xml";
     if (!WriteFile(path, std::string(reinterpret_cast<const char*>(data), size))) {
         std::fprintf(stderr, "ConfigReaderFuzz: cannot write %s\n", path.c_str());

@@ -14,6 +14,7 @@
 #include "base/FileUtil.h"
 #include "base/Path.h"
 #include "base/Xml.h"
+#include "base/fuzz/FuzzScratchFolder.h"
 #include "base/fuzz/XmlFuzzSetup.h"
 #include "runtime/CommonUtility.h"
 #include "runtime/Environment.h"
@@ -38,31 +39,6 @@ constexpr const char* kAppPath = "/opt/Orvel Paint/Orvel Paint.app";
 constexpr const char* kPayloadDir = "/tmp/OrvelQX3/PatcherApp_1";
 // What an installed bundle's property list says, for the bundles' version check.
 constexpr const char* kInstalledBundleVersion = "5.0.1";
-
-// A folder of its own for the input file, made under TMPDIR (or /tmp) and removed at exit.
-class ScratchFolder {
-public:
-    ScratchFolder() {
-        const char* tmp = std::getenv("TMPDIR");
-        std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/manifest-fuzz-XXXXXX";
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            std::perror("ManifestReaderFuzz: mkdtemp");
-            std::abort();
-        }
-        _path = pattern;
-    }
-    ~ScratchFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(_path, ignored);
-    }
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-
-    const std::string& path() const { return _path; }
-
-private:
-    std::string _path;
-};
 
 volatile size_t gSink = 0;
 
@@ -192,7 +168,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const ScratchFolder folder;
+    static const FuzzScratchFolder folder("manifest-fuzz");
     static const std::string path = folder.path() + "/manifest.xml";
     // The machine's table with a fixed user, so that no input depends on who runs this.
     static const DirTokenResolver dirToken(PlatformPaths::defaults(), std::string("fuzz"));
