@@ -9,6 +9,7 @@
 #include <libxml/xpath.h>
 #include <libxml/xpathInternals.h>
 
+#include <algorithm>
 #include <mutex>
 
 namespace {
@@ -66,12 +67,56 @@ constexpr size_t kMaxDocumentBytes = 256 * 1024 * 1024;
 constexpr int kStrictOptions = XML_PARSE_NONET;
 constexpr int kRecoverOptions = XML_PARSE_NONET | XML_PARSE_RECOVER;
 
+// The most text a document's entity references may stand for. libxml2 stops an entity that
+// refers to itself or grows by nesting, but not one large entity referred to many times:
+// a few kilobytes of input could stand for gigabytes once its text is read.
+constexpr uint64_t kMostEntityText = 16 * 1024 * 1024;
+
+// Adds to total the text that the entity references below node stand for (an entity's
+// replacement, and again what the references inside it stand for), stopping once total
+// passes kMostEntityText.
+void AddEntityText(xmlNodePtr node, uint64_t& total, int depth) {
+    for (; node && total <= kMostEntityText; node = node->next) {
+        if (node->type == XML_ENTITY_REF_NODE) {
+            const auto* entity = reinterpret_cast<xmlEntityPtr>(node->children);
+            if (!entity)
+                continue;
+            total += static_cast<uint64_t>(std::max(entity->length, 0));
+            if (depth < 40)
+                AddEntityText(entity->children, total, depth + 1);
+            else
+                total = kMostEntityText + 1; // nested beyond any real use
+        } else if (node->type == XML_ELEMENT_NODE) {
+            AddEntityText(node->children, total, depth);
+        }
+    }
+}
+
+// True when the document's entity references stand for more text than kMostEntityText.
+bool EntitiesExpandTooFar(xmlDocPtr doc) {
+    if (!doc || !doc->intSubset)
+        return false;
+    uint64_t total = 0;
+    AddEntityText(xmlDocGetRootElement(doc), total, 0);
+    return total > kMostEntityText;
+}
+
 template <typename ParseOnce> XmlParseResult ParseWith(XmlParseMode mode, ParseOnce parseOnce) {
     XmlParseResult result;
+    auto refuseExpansion = [&result] {
+        if (!result.document || !EntitiesExpandTooFar(result.document.get()))
+            return;
+        result.document.reset();
+        result.recovered = false;
+        result.errors.push_back({XML_ERR_ENTITY_LOOP, 0,
+                                 "entity references stand for more than " +
+                                     std::to_string(kMostEntityText) + " bytes of text"});
+    };
     {
         ErrorCollector collector(&result.errors);
         result.document = Own(parseOnce(kStrictOptions));
     }
+    refuseExpansion();
     if (!result.document && mode == XmlParseMode::StrictThenRecover) {
         ErrorCollector collector(&result.errors);
         result.document = Own(parseOnce(kRecoverOptions));
@@ -79,6 +124,7 @@ template <typename ParseOnce> XmlParseResult ParseWith(XmlParseMode mode, ParseO
         if (result.document && !xmlDocGetRootElement(result.document.get()))
             result.document.reset();
         result.recovered = result.document != nullptr;
+        refuseExpansion();
     }
     return result;
 }

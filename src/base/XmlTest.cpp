@@ -51,6 +51,37 @@ TEST(XmlTest, NothingReadableGivesNoDocument) {
     EXPECT_FALSE(missing.document);
 }
 
+// One large entity referred to many times, directly or through another entity, would
+// stand for more text than any document of the patcher holds: refused, in either mode.
+TEST(XmlTest, EntitiesThatStandForTooMuchTextAreRefused) {
+    const std::string big(64 * 1024, 'x');
+    auto document = [&](const std::string& extra, const std::string& body) {
+        return "<?xml version=\"1.0\"?>\n<!DOCTYPE r [\n  <!ENTITY a \"" + big + "\">\n" + extra +
+               "]>\n<r>" + body + "</r>";
+    };
+    auto repeat = [](const std::string& text, int times) {
+        std::string out;
+        for (int i = 0; i < times; ++i)
+            out += text;
+        return out;
+    };
+    const auto fine = XmlDocument::parseMemory(document("", repeat("&a;", 10)));
+    ASSERT_TRUE(fine.document);
+    EXPECT_EQ(XmlDocument::root(fine.document).stringValue().size(), 10 * big.size());
+
+    for (const std::string& text :
+         {document("", repeat("&a;", 300)),
+          document("  <!ENTITY b \"" + repeat("&a;", 10) + "\">\n", repeat("&b;", 30))}) {
+        for (const XmlParseMode mode : {XmlParseMode::Strict, XmlParseMode::StrictThenRecover}) {
+            const auto refused = XmlDocument::parseMemory(text, mode);
+            EXPECT_FALSE(refused.document);
+            ASSERT_FALSE(refused.errors.empty());
+            EXPECT_EQ(refused.errors.back().message,
+                      "entity references stand for more than 16777216 bytes of text");
+        }
+    }
+}
+
 TEST(XmlTest, ExternalEntitiesAreNeverLoaded) {
     TempDir dir;
     WriteTextFile(dir.file("secret.txt"), "TOP-SECRET");
