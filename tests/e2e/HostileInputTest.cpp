@@ -6,7 +6,9 @@
 #include "TestSupport.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -67,6 +69,24 @@ TEST(HostileInput, TheLogInAUsersHomeIsTheUsersAndNeverFollowsALink) {
     ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
     EXPECT_EQ(s.returnCode(), "0"); // the update goes on without its log
     EXPECT_TRUE(fs::is_empty(canary));
+
+    // The same with /etc, seen here through an overlay, so that a mistake could reach only
+    // the overlay's upper folder, never the machine's own /etc.
+    const std::string upper = "/var/opt/etc-upper";
+    fs::create_directories(upper);
+    fs::create_directories("/var/opt/etc-work");
+    ASSERT_EQ(::mount("overlay", "/etc", "overlay", 0,
+                      ("lowerdir=/etc,upperdir=" + upper + ",workdir=/var/opt/etc-work").c_str()),
+              0)
+        << std::strerror(errno);
+    ASSERT_EQ(AsAttacker("rm '" + s.home + "/.local/state/Orvel/SoftwareUpdates' && ln -s /etc '" +
+                         s.home + "/.local/state/Orvel/SoftwareUpdates'"),
+              0);
+    ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
+    EXPECT_EQ(s.returnCode(), "3");
+    EXPECT_TRUE(fs::is_empty(upper));
+    EXPECT_FALSE(FileExists("/etc/OrvelSoftwareUpdate.log"));
+    ASSERT_EQ(::umount("/etc"), 0);
 
     // Without the link the log is the user's, made as the user, and the user can append.
     ASSERT_EQ(AsAttacker("rm '" + s.home + "/.local/state/Orvel/SoftwareUpdates'"), 0);
