@@ -30,9 +30,18 @@ int AsAttacker(const std::string& command) {
                     command});
 }
 
-std::vector<FileEntry> PrepareUpdate(Scenario& s) {
+// The editor at 1.0 for one case of a table: the installation database outlives the cases,
+// so the installation is registered for the first case only.
+void InstallForCase(Scenario& s, bool& registered) {
     s.installApplication();
-    s.registerInstallation();
+    if (!std::exchange(registered, true))
+        s.registerInstallation();
+}
+
+// The editor at 1.0, registered, and the entries of its update.
+std::vector<FileEntry> PrepareUpdate(Scenario& s) {
+    bool registered = false;
+    InstallForCase(s, registered);
     return s.updateEntries();
 }
 
@@ -182,9 +191,7 @@ TEST(HostileInput, DestinationsOutsideTheInstallationAreRefusedBeforeAnyChange) 
         SCOPED_TRACE(c.name);
         Scenario s;
         Canary canary;
-        s.installApplication();
-        if (!std::exchange(registered, true))
-            s.registerInstallation();
+        InstallForCase(s, registered);
         auto entries = s.updateEntries();
         entries.insert(entries.end(), c.entries.begin(), c.entries.end());
         s.assemble(s.manifest(entries));
@@ -423,9 +430,7 @@ TEST(HostileInput, TheReturnCodeIsNotWrittenIntoAFolderOthersControl) {
         SCOPED_TRACE(c.name);
         Scenario s;
         Canary canary;
-        s.installApplication();
-        if (!std::exchange(registered, true))
-            s.registerInstallation();
+        InstallForCase(s, registered);
         s.assemble(s.manifest(s.updateEntries()));
         c.plant();
         const auto app = SnapshotTree(s.app, TreeDetail::ContentsAndModes);
@@ -537,9 +542,7 @@ void ExpectPayloadsRefused(const std::vector<RefusedPayload>& cases) {
         SCOPED_TRACE(c.fixture);
         Scenario s;
         Canary canary;
-        s.installApplication();
-        if (!std::exchange(registered, true))
-            s.registerInstallation();
+        InstallForCase(s, registered);
         AssembleWithPayload(s, c.fixture);
         const auto app = SnapshotTree(s.app, TreeDetail::ContentsAndModes);
         const auto outside = canary.snapshot();
@@ -638,9 +641,7 @@ TEST(HostileInput, AMalformedPatchFailsItsEntryAndTheUpdateIsRolledBack) {
         SCOPED_TRACE(c.fixture);
         Scenario s;
         Canary canary;
-        s.installApplication();
-        if (!std::exchange(registered, true))
-            s.registerInstallation();
+        InstallForCase(s, registered);
         const auto entries = s.updateEntries();
         CopyFixture(c.fixture, s.payload + "/Editor.patch");
         s.assemble(s.manifest(entries));
@@ -674,9 +675,7 @@ void ExpectHostileXmlHandled(const std::string& resource, const std::vector<Host
         SCOPED_TRACE(c.fixture);
         Scenario s;
         Canary canary;
-        s.installApplication();
-        if (!std::exchange(registered, true))
-            s.registerInstallation();
+        InstallForCase(s, registered);
         s.assemble(s.manifest(s.updateEntries()));
         CopyFixture(c.fixture, s.bundle + "/Contents/Resources/" + resource);
         const auto app = SnapshotTree(s.app, TreeDetail::ContentsAndModes);
