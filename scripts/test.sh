@@ -41,11 +41,8 @@ for preset in default asan; do
   fi
 done
 
-if [ -x scripts/fuzz-versioner.sh ]; then
-  step "fuzz file versioner (60 s)" scripts/fuzz-versioner.sh 60
-fi
-if [ -x scripts/fuzz-readers.sh ]; then
-  step "fuzz readers (60 s each)" scripts/fuzz-readers.sh 60
+if [ -x scripts/fuzz.sh ]; then
+  step "fuzz versioner and readers (60 s each)" scripts/fuzz.sh 60
 fi
 
 echo

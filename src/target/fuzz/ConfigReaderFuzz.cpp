@@ -40,7 +40,7 @@ void Use(const std::vector<XmlNode>& nodes) {
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     // Every log line is formatted, so fuzzed values go through the log's formatting as well.
-    // The log is standard error; scripts/fuzz-readers.sh sends it away (-close_fd_mask=2).
+    // The log is standard error; scripts/fuzz.sh sends it away (-close_fd_mask=2).
     (void)SetENVverbosityLevel("debug");
     SetUpXmlForFuzzing();
     return 0;

@@ -160,7 +160,7 @@ void ReadDirectory(const XmlNode& node, const DirTokenResolver& dirToken) {
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     // Every log line is formatted, so fuzzed values go through the log's formatting as well.
-    // The log is standard error; scripts/fuzz-readers.sh sends it away (-close_fd_mask=2).
+    // The log is standard error; scripts/fuzz.sh sends it away (-close_fd_mask=2).
     (void)SetENVverbosityLevel("debug");
     SetUpXmlForFuzzing();
     SetENVinstallLanguage("en_US");
