@@ -435,6 +435,34 @@ std::string WholeEntriesFrom(std::string_view text, size_t& at, std::string_view
     return entries;
 }
 
+// Moves at past prefix when the text has it there.
+bool Take(std::string_view text, size_t& at, std::string_view prefix) {
+    if (!StartsWith(text, at, prefix))
+        return false;
+    at += prefix.size();
+    return true;
+}
+
+// How this class writes a set: empty, or opened, its entries of element name, closed.
+struct SetText {
+    std::string_view empty;
+    std::string_view open;
+    std::string_view close;
+    std::string_view name;
+};
+
+// One set from at on: true when it is there whole, at then behind it; its whole entries go
+// to entries (count of them) either way, at behind the last one.
+bool TakeSet(std::string_view text, size_t& at, const SetText& set, std::string& entries,
+             size_t& count) {
+    if (Take(text, at, set.empty))
+        return true;
+    if (!Take(text, at, set.open))
+        return false;
+    entries = WholeEntriesFrom(text, at, set.name, count);
+    return Take(text, at, set.close);
+}
+
 } // namespace
 
 RollBackHandler::WholeEntries RollBackHandler::readWholeEntries(std::string_view text) {
@@ -444,36 +472,17 @@ RollBackHandler::WholeEntries RollBackHandler::readWholeEntries(std::string_view
     size_t at = std::strlen(kHeader);
     std::string files;
     std::string directories;
-    // Each step below reads one part of the document as this class writes it; the first
-    // part that is not there whole ends the reading, and what came before it is the journal.
-    bool whole = false;
-    if (StartsWith(text, at, kFileSetEmpty)) {
-        at += std::strlen(kFileSetEmpty);
-        whole = true;
-    } else if (StartsWith(text, at, kFileSetOpen)) {
-        at += std::strlen(kFileSetOpen);
-        files = WholeEntriesFrom(text, at, "File", result.fileEntries);
-        whole = StartsWith(text, at, kFileSetClose);
-        if (whole)
-            at += std::strlen(kFileSetClose);
-    }
+    // Each step reads one part of the document as this class writes it; the first part that
+    // is not there whole ends the reading, and what came before it is the journal.
+    const bool whole =
+        TakeSet(text, at, {kFileSetEmpty, kFileSetOpen, kFileSetClose, "File"}, files,
+                result.fileEntries) &&
+        TakeSet(text, at, {kDirectorySetEmpty, kDirectorySetOpen, kDirectorySetClose, "Directory"},
+                directories, result.directoryEntries) &&
+        StartsWith(text, at, kRootClose) && at + std::strlen(kRootClose) == text.size();
     if (whole) {
-        whole = false;
-        if (StartsWith(text, at, kDirectorySetEmpty)) {
-            at += std::strlen(kDirectorySetEmpty);
-            whole = true;
-        } else if (StartsWith(text, at, kDirectorySetOpen)) {
-            at += std::strlen(kDirectorySetOpen);
-            directories = WholeEntriesFrom(text, at, "Directory", result.directoryEntries);
-            whole = StartsWith(text, at, kDirectorySetClose);
-            if (whole)
-                at += std::strlen(kDirectorySetClose);
-        }
-        if (whole && StartsWith(text, at, kRootClose) &&
-            at + std::strlen(kRootClose) == text.size()) {
-            result.document = std::string(text);
-            return result;
-        }
+        result.document = std::string(text);
+        return result;
     }
     // Torn: the document of the whole entries read so far.
     std::string document = kHeader;
