@@ -177,3 +177,12 @@ UniqueFd OpenFileOnlyRootControls(const std::string& path, std::string* problem,
             return file;
     }
 }
+
+std::optional<std::string> LibraryPathToLoad(const std::string& path, std::string* problem) {
+    if (::geteuid() != 0 || path.find('/') == std::string::npos)
+        return path;
+    std::string realPath;
+    if (!OpenFileOnlyRootControls(path, problem, &realPath).valid())
+        return std::nullopt;
+    return realPath;
+}

@@ -46,6 +46,15 @@ private:
 UniqueFd OpenFileOnlyRootControls(const std::string& path, std::string* problem = nullptr,
                                   std::string* realPath = nullptr);
 
+// The path to hand the dynamic loader for a library named by path. A root process loads a
+// library named by a path only when OpenFileOnlyRootControls accepts it, and then by its
+// real path: once that holds, nobody else can change what the path names before the loader
+// opens it. A bare name is the loader's to look up in the system's folders, and another
+// process's library is its own business: both are given back as they are. Nothing, with
+// the reason in problem, for a library root may not load.
+std::optional<std::string> LibraryPathToLoad(const std::string& path,
+                                             std::string* problem = nullptr);
+
 // A folder to write in where other users can make names (under /tmp): made (mode) when
 // missing, then opened without following a symbolic link in its place, and accepted only
 // when it is a real folder whose owner trustedOwner accepts and that no one but its owner

@@ -9,6 +9,7 @@
 #include "runtime/LoggerUtility.h"
 
 #include <dlfcn.h>
+#include <optional>
 #include <unistd.h>
 #include <vector>
 
@@ -28,19 +29,15 @@ LoadedResultsLibrary LoadResultsLibrary() {
     LoadedResultsLibrary loaded;
     void* handle = RTLD_DEFAULT;
     if (const auto bundle = AppBundle::mainBundle()) {
-        std::string path = bundle->frameworksPath() + "/" + kResultsLibraryName;
-        if (::access(path.c_str(), F_OK) == 0) {
-            if (::geteuid() == 0 &&
-                !OpenFileOnlyRootControls(path, &loaded.problem, &path).valid()) {
-                loaded.problem = "The library " + bundle->frameworksPath() + "/" +
-                                 kResultsLibraryName + " is not loaded: " + loaded.problem;
-                return loaded;
-            }
-            handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        const std::string library = bundle->frameworksPath() + "/" + kResultsLibraryName;
+        if (::access(library.c_str(), F_OK) == 0) {
+            std::string problem;
+            const std::optional<std::string> path = LibraryPathToLoad(library, &problem);
+            handle = path ? ::dlopen(path->c_str(), RTLD_NOW | RTLD_LOCAL) : nullptr;
             if (!handle) {
-                const char* error = ::dlerror();
-                loaded.problem =
-                    "The library " + path + " is not loaded: " + (error ? error : "unknown error");
+                const char* error = path ? ::dlerror() : nullptr;
+                loaded.problem = "The library " + library + " is not loaded: " +
+                                 (path ? (error ? error : "unknown error") : problem);
                 return loaded;
             }
         }

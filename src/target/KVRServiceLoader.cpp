@@ -4,6 +4,7 @@
 #include "runtime/LoggerUtility.h"
 
 #include <dlfcn.h>
+#include <optional>
 #include <unistd.h>
 #include <utility>
 
@@ -39,24 +40,14 @@ bool KVRServiceLoader::LoadLibraryWithName(const std::string& library) {
         return false;
     if (IsLibraryOpen(library))
         return true;
-    SharedLibraryHandle handle;
-    if (::geteuid() == 0 && library.find('/') != std::string::npos) {
-        // Code that root runs from a path must be code that only root could have put in
-        // place. Once that holds for the file's real path, nobody else can change what the
-        // path names before the dynamic loader opens it. (A bare name is looked up by the
-        // dynamic loader in the system's folders.)
-        std::string problem;
-        std::string realPath;
-        const UniqueFd file = OpenFileOnlyRootControls(library, &problem, &realPath);
-        if (!file.valid()) {
-            if (::access(library.c_str(), F_OK) == 0 && _refused.insert(library).second)
-                NSLevelledLog(0, "The library %@ is not loaded: %@", library, problem);
-            return false;
-        }
-        handle = SharedLibraryHandle(::dlopen(realPath.c_str(), RTLD_LAZY | RTLD_LOCAL));
-    } else {
-        handle = SharedLibraryHandle(::dlopen(library.c_str(), RTLD_LAZY | RTLD_LOCAL));
+    std::string problem;
+    const std::optional<std::string> path = LibraryPathToLoad(library, &problem);
+    if (!path) {
+        if (::access(library.c_str(), F_OK) == 0 && _refused.insert(library).second)
+            NSLevelledLog(0, "The library %@ is not loaded: %@", library, problem);
+        return false;
     }
+    SharedLibraryHandle handle(::dlopen(path->c_str(), RTLD_LAZY | RTLD_LOCAL));
     if (!handle) {
         (void)::dlerror();
         return false;
