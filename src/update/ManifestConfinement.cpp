@@ -45,6 +45,16 @@ std::optional<std::string> ManifestConfinement::pathProblem(const std::string& p
     return std::nullopt;
 }
 
+std::optional<std::string> ManifestConfinement::useProblem(const std::string& path) const {
+    std::string expanded;
+    std::string base;
+    if (auto problem = pathProblem(path, &expanded, &base))
+        return problem;
+    if (auto link = linkOnTheWay(base, expanded))
+        return "\"" + path + "\" is reached through the symbolic link " + *link;
+    return std::nullopt;
+}
+
 std::vector<std::string> ManifestConfinement::folders() const {
     std::vector<std::string> folders;
     auto add = [&](std::string folder) {
@@ -78,12 +88,8 @@ std::optional<std::string> ManifestConfinement::linkOnTheWay(const std::string& 
 std::optional<std::string> ManifestConfinement::manifestProblem(const XmlNode& root) const {
     auto check = [&](const std::string& where,
                      const std::string& path) -> std::optional<std::string> {
-        std::string expanded;
-        std::string base;
-        if (auto problem = pathProblem(path, &expanded, &base))
+        if (auto problem = useProblem(path))
             return where + ": " + *problem;
-        if (auto link = linkOnTheWay(base, expanded))
-            return where + ": \"" + path + "\" is reached through the symbolic link " + *link;
         return std::nullopt;
     };
     // A path element's every name: its default and each localized one.

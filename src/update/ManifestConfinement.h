@@ -28,6 +28,10 @@ public:
                                                          std::string* expanded = nullptr,
                                                          std::string* base = nullptr) const;
 
+    // Why the manifest path may not be used now: pathProblem's reason, or the symbolic link
+    // on its way below the token's folder (linkOnTheWay); nothing when it may.
+    [[nodiscard]] std::optional<std::string> useProblem(const std::string& path) const;
+
     // The folders the tokens name (the installed application's among them), where the file
     // system is to reach paths without following links (RealFileSystem::confineBelow).
     [[nodiscard]] std::vector<std::string> folders() const;

@@ -453,14 +453,8 @@ bool ProcessManifest::pathStaysConfined(const WorkDictionary& work, const std::s
     if (_isProcessingRollback)
         return true;
     // Checked again as each entry runs: an earlier entry may have put a link on the way.
-    std::string expanded;
-    std::string base;
-    std::optional<std::string> problem =
-        ManifestConfinement(*work.dirToken, work.appPath).pathProblem(path, &expanded, &base);
-    if (!problem) {
-        if (const auto link = ManifestConfinement::linkOnTheWay(base, expanded))
-            problem = "\"" + path + "\" is reached through the symbolic link " + *link;
-    }
+    const std::optional<std::string> problem =
+        ManifestConfinement(*work.dirToken, work.appPath).useProblem(path);
     if (problem)
         NSLevelledLog(0, "The entry is refused: %@", *problem);
     return !problem;
