@@ -415,6 +415,24 @@ std::string SignedStatement::text() const {
     return text;
 }
 
+std::optional<std::string> SignedStatement::identityDiffers(const SignedStatement& identity) const {
+    const auto join = [](const std::vector<std::string>& values) {
+        std::string text;
+        for (const auto& value : values)
+            text += (text.empty() ? "" : ", ") + value;
+        return text.empty() ? std::string("none") : text;
+    };
+    if (installationCodes != identity.installationCodes)
+        return "signed for installation code " + join(installationCodes) + ", not " +
+               join(identity.installationCodes);
+    if (fromVersions != identity.fromVersions)
+        return "signed to update from version " + join(fromVersions) + ", not " +
+               join(identity.fromVersions);
+    if (toVersion != identity.toVersion)
+        return "signed to update to version " + toVersion + ", not " + identity.toVersion;
+    return std::nullopt;
+}
+
 std::optional<SignedStatement> SignedStatement::parse(std::string_view text, std::string* problem) {
     SignedStatement statement;
     if (text.substr(0, kHeader.size()) != kHeader) {

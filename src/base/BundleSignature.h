@@ -72,6 +72,9 @@ struct SignedStatement {
     std::vector<SignedFile> files; // in byte order of their paths
 
     std::string text() const;
+    // Nothing when this statement is for the identity's installation codes, versions from
+    // and version to (its files aside); else which of them differs, for messages.
+    std::optional<std::string> identityDiffers(const SignedStatement& identity) const;
     [[nodiscard]] static std::optional<SignedStatement> parse(std::string_view text,
                                                               std::string* problem);
 };

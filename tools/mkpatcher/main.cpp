@@ -2,6 +2,7 @@
 
 #include "Bsdiff.h"
 #include "BundleAssembler.h"
+#include "BundleSigner.h"
 #include "PatcherBuilder.h"
 
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
@@ -19,10 +21,14 @@ namespace {
 constexpr const char* kUsage =
     "usage:\n"
     "  mkpatcher assemble --config FILE --manifest FILE [--payload DIR] [--name NAME]\n"
-    "                     --out DIR.app [--from BUILT_BUNDLE] [--force]\n"
+    "                     --out DIR.app [--from BUILT_BUNDLE] [--force] [--sign-key FILE]\n"
     "  mkpatcher bsdiff OLD NEW PATCH\n"
+    "  mkpatcher keygen --private FILE --public FILE\n"
+    "  mkpatcher sign BUNDLE.app --key PRIVATE_KEY_FILE\n"
+    "  mkpatcher verify BUNDLE.app --key KEY_FILE [--json]\n"
     "  mkpatcher create --old OLD.app --new NEW.app --out DIR.app --code CODE [--code CODE...]\n"
     "                   [--config-template FILE] [--name NAME] [--from BUILT_BUNDLE] [--force]\n"
+    "                   [--sign-key FILE]\n"
     "                   [--family F] [--product-name N] [--patcher-id ID] [--build-number B]\n"
     "                   [--app-name A] [--bundle-id ID] [--old-version V] [--new-version V]\n"
     "                   [--kvr-path PATH] [--running-app NAME...] [--space-system KB]\n"
@@ -100,10 +106,93 @@ int UsageError(const std::string& message) {
     return 2;
 }
 
+// Before a bundle is made for signing: the key must be a private Ed25519 key.
+bool CheckSigningKey(const std::string& keyPath, const char* command) {
+    std::string error;
+    const auto key = Ed25519Key::readPemFile(keyPath, &error);
+    if (key && !key->hasPrivateKey())
+        error = keyPath + " holds a public key; signing needs the private key";
+    if (key && key->hasPrivateKey())
+        return true;
+    std::fprintf(stderr, "mkpatcher %s: %s\n", command, error.c_str());
+    return false;
+}
+
+// Signs a bundle just made; one that cannot be signed is removed again, so that a failed
+// command leaves no bundle behind.
+bool SignMadeBundle(const std::string& bundle, const std::string& keyPath, const char* command) {
+    std::string error;
+    std::string fingerprint;
+    if (!BundleSigner::signBundle(bundle, keyPath, &error, &fingerprint)) {
+        std::fprintf(stderr, "mkpatcher %s: cannot sign %s: %s\n", command, bundle.c_str(),
+                     error.c_str());
+        std::error_code ignored;
+        std::filesystem::remove_all(bundle, ignored);
+        return false;
+    }
+    std::printf("Signed %s with key %s\n", bundle.c_str(), fingerprint.c_str());
+    return true;
+}
+
+int Keygen(int argc, char** argv) {
+    std::string error;
+    auto parsed = ParseOptions(argc, argv, 2, {"private", "public"}, {}, &error);
+    if (!parsed)
+        return UsageError(error);
+    if (!parsed->positional.empty())
+        return UsageError("unexpected argument " + parsed->positional.front());
+    const auto privatePath = Value(*parsed, "private");
+    const auto publicPath = Value(*parsed, "public");
+    if (!privatePath || !publicPath)
+        return UsageError("keygen needs --private and --public");
+    std::string fingerprint;
+    if (!BundleSigner::writeKeyPair(*privatePath, *publicPath, &error, &fingerprint)) {
+        std::fprintf(stderr, "mkpatcher keygen: %s\n", error.c_str());
+        return 1;
+    }
+    std::printf("Wrote the Ed25519 key %s: private key %s (mode 600), public key %s\n",
+                fingerprint.c_str(), privatePath->c_str(), publicPath->c_str());
+    return 0;
+}
+
+int Sign(int argc, char** argv) {
+    std::string error;
+    auto parsed = ParseOptions(argc, argv, 2, {"key"}, {}, &error);
+    if (!parsed)
+        return UsageError(error);
+    if (parsed->positional.size() != 1 || !Value(*parsed, "key"))
+        return UsageError("sign needs BUNDLE.app and --key");
+    const std::string bundle = parsed->positional.front();
+    std::string fingerprint;
+    if (!BundleSigner::signBundle(bundle, *Value(*parsed, "key"), &error, &fingerprint)) {
+        std::fprintf(stderr, "mkpatcher sign: %s\n", error.c_str());
+        return 1;
+    }
+    std::printf("Signed %s with key %s\n", bundle.c_str(), fingerprint.c_str());
+    return 0;
+}
+
+// 0 only for a good signature by the key given, for the identity the configuration states.
+int Verify(int argc, char** argv) {
+    std::string error;
+    auto parsed = ParseOptions(argc, argv, 2, {"key"}, {"json"}, &error);
+    if (!parsed)
+        return UsageError(error);
+    if (parsed->positional.size() != 1 || !Value(*parsed, "key"))
+        return UsageError("verify needs BUNDLE.app and --key");
+    const std::string bundle = parsed->positional.front();
+    const BundleSigner::Report report = BundleSigner::verifyBundle(bundle, *Value(*parsed, "key"));
+    const std::string text = parsed->flags.count("json") ? BundleSigner::reportJson(bundle, report)
+                                                         : BundleSigner::reportText(bundle, report);
+    std::fputs(text.c_str(), stdout);
+    return report.good ? 0 : 1;
+}
+
 int Assemble(int argc, char** argv) {
     std::string error;
-    auto parsed = ParseOptions(
-        argc, argv, 2, {"config", "manifest", "payload", "name", "out", "from"}, {"force"}, &error);
+    auto parsed = ParseOptions(argc, argv, 2,
+                               {"config", "manifest", "payload", "name", "out", "from", "sign-key"},
+                               {"force"}, &error);
     if (!parsed)
         return UsageError(error);
     if (!parsed->positional.empty())
@@ -121,11 +210,17 @@ int Assemble(int argc, char** argv) {
     options.builtBundle = Value(*parsed, "from");
     options.force = parsed->flags.count("force") != 0;
 
+    const auto signKey = Value(*parsed, "sign-key");
+    if (signKey && !CheckSigningKey(*signKey, "assemble"))
+        return 1;
+
     BundleAssembler::Result result;
     if (BundleAssembler::assemble(options, &result, &error) != 0) {
         std::fprintf(stderr, "mkpatcher assemble: %s\n", error.c_str());
         return 1;
     }
+    if (signKey && !SignMadeBundle(result.bundlePath, *signKey, "assemble"))
+        return 1;
     std::printf("Assembled %s: payload %llu files, %llu bytes (%llu compressed)\n",
                 result.bundlePath.c_str(), static_cast<unsigned long long>(result.payloadFiles),
                 static_cast<unsigned long long>(result.payloadBytes),
@@ -203,10 +298,26 @@ std::optional<uint64_t> Number(const ParsedOptions& options, const std::string& 
 int Create(int argc, char** argv) {
     std::string error;
     auto parsed = ParseOptions(argc, argv, 2,
-                               {"old", "new", "out", "name", "from", "config-template", "family",
-                                "product-name", "patcher-id", "build-number", "app-name",
-                                "bundle-id", "old-version", "new-version", "kvr-path",
-                                "space-system", "space-target", "patch-ratio"},
+                               {"old",
+                                "new",
+                                "out",
+                                "name",
+                                "from",
+                                "config-template",
+                                "family",
+                                "product-name",
+                                "patcher-id",
+                                "build-number",
+                                "app-name",
+                                "bundle-id",
+                                "old-version",
+                                "new-version",
+                                "kvr-path",
+                                "space-system",
+                                "space-target",
+                                "patch-ratio",
+                                "min-patch-size",
+                                "sign-key"},
                                {"force", "combo"}, &error, {"code", "running-app"});
     if (!parsed)
         return UsageError(error);
@@ -261,6 +372,10 @@ int Create(int argc, char** argv) {
     given.combo = parsed->flags.count("combo") != 0;
     options.identity.overrideWith(given);
 
+    const auto signKey = Value(*parsed, "sign-key");
+    if (signKey && !CheckSigningKey(*signKey, "create"))
+        return 1;
+
     PatcherBuilder::Report report;
     int status;
     {
@@ -281,6 +396,8 @@ int Create(int argc, char** argv) {
         std::fprintf(stderr, "mkpatcher create: %s\n", error.c_str());
         return 1;
     }
+    if (signKey && !SignMadeBundle(report.bundlePath, *signKey, "create"))
+        return 1;
     const auto& id = report.identity;
     auto u = [](uint64_t v) { return static_cast<unsigned long long>(v); };
     std::printf("Created %s: %s %s -> %s (%s.app)\n", report.bundlePath.c_str(),
@@ -316,6 +433,12 @@ int main(int argc, char** argv) {
         return Create(argc, argv);
     if (command == "bsdiff")
         return Diff(argc, argv);
+    if (command == "keygen")
+        return Keygen(argc, argv);
+    if (command == "sign")
+        return Sign(argc, argv);
+    if (command == "verify")
+        return Verify(argc, argv);
     if (command == "--help" || command == "-h" || command == "help") {
         std::printf("%s", kUsage);
         return 0;
