@@ -2,7 +2,8 @@
 # The patcher's main job on a demo application: builds everything, makes version 1.0 and
 # 1.1 of an editor, installs 1.0 under /opt/Orvel/Suite in a private mount namespace (the
 # machine's own /opt, /var/opt and /tmp/OrvelQX3 are never touched), registers it in the
-# installation database, makes a patcher with mkpatcher and runs it silently, twice.
+# installation database, makes a patcher with mkpatcher, signs it with a new vendor key that
+# the namespace's /etc/orvel trusts, and runs it silently, twice.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$(pwd)
@@ -66,16 +67,25 @@ mkdir -p "$new/Contents/PlugIns"
 
 echo "==> making the patcher with mkpatcher create"
 code="{0DE30DE3-0000-4000-8000-0000000000E1}"
-"$build/tools/mkpatcher/mkpatcher" create --old "$old" --new "$new" --out "$demo/EditorUpdate.app" \
-  --code "$code" --family "Orvel" --product-name "Orvel Editor" --force
+mkpatcher=$build/tools/mkpatcher/mkpatcher
+mkdir -p "$demo/keys"
+"$mkpatcher" keygen --private "$demo/keys/vendor.pem" --public "$demo/keys/vendor.pub"
+"$mkpatcher" create --old "$old" --new "$new" --out "$demo/EditorUpdate.app" \
+  --code "$code" --family "Orvel" --product-name "Orvel Editor" --force \
+  --sign-key "$demo/keys/vendor.pem"
+echo "==> checking the signature with mkpatcher verify"
+"$mkpatcher" verify "$demo/EditorUpdate.app" --key "$demo/keys/vendor.pub" | head -n 6
 
 # What runs inside the private mount namespace.
 cat >"$demo/run-in-namespace.sh" <<'INNER'
 set -euo pipefail
-for folder in /opt /var/opt /usr/local/share /tmp/OrvelQX3; do
+for folder in /opt /var/opt /usr/local/share /tmp/OrvelQX3 /etc/orvel; do
   mkdir -p "$folder"
   mount -t tmpfs tmpfs "$folder"
 done
+mkdir -p /etc/orvel/trusted-keys.d
+install -m 0644 "$DEMO/keys/vendor.pub" /etc/orvel/trusted-keys.d/vendor.pem
+echo "trusted the vendor's public key: /etc/orvel/trusted-keys.d/vendor.pem"
 mkdir -p /opt/Orvel/Suite
 cp -a "$DEMO/v1/Editor.app" /opt/Orvel/Suite/
 "$BUILD/tools/zoth/zothctl" add --code "$CODE" --installdir /opt/Orvel/Suite --language en --version 1.0 >/dev/null
@@ -91,6 +101,8 @@ meaning() {
     8) echo "applications of the family still running" ;;
     9) echo "cancelled, or failed and rolled back" ;;
     10) echo "failed, and the rollback failed too" ;;
+    11) echo "not signed by a trusted key; nothing was changed" ;;
+    12) echo "another patcher kept the machine busy" ;;
     *) echo "unknown" ;;
   esac
 }
@@ -102,6 +114,8 @@ start=$(date +%s%N)
 end=$(date +%s%N)
 first=$(cat /tmp/OrvelQX3/retVal)
 echo "return code: $first ($(meaning "$first")), in $(( (end - start) / 1000000 )) ms"
+log=$HOME/.local/state/Orvel/SoftwareUpdates/OrvelSoftwareUpdate.log
+echo "signature, as the patcher checked it: $(grep -o 'The update is signed by key.*' "$log" | head -n 1)"
 echo "what changed:"
 diff -rq --no-dereference "$DEMO/v1/Editor.app" /opt/Orvel/Suite/Editor.app | sed 's/^/  /' | head -n 20 || true
 echo "  ($(diff -rq --no-dereference "$DEMO/v1/Editor.app" /opt/Orvel/Suite/Editor.app | wc -l) differences from 1.0 in all)"

@@ -16,7 +16,9 @@ enum class SilentReturnCode : int {
     ApplicationsStillRunning = 8, // applications of the family that must be quit
     CancelledOrRolledBack = 9,    // cancelled, or failed and rolled back
     RollbackFailed = 10,          // failed, and the rollback failed too
-    AnotherPatcherRunning = 11,   // another patcher kept the machine busy past the wait
+    NotSignedByTrustedKey = 11,   // unsigned, badly signed, untrusted, a downgrade or for
+                                  // another installation: nothing was changed
+    AnotherPatcherRunning = 12,   // another patcher kept the machine busy past the wait
 };
 
 // The result of a silent run: the return-code file (the table's returnCodeFile, normally

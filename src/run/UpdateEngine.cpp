@@ -18,6 +18,7 @@
 #include "target/LoadConfigData.h"
 #include "target/LocateInstalledApplication.h"
 #include "target/OrvelCodeFileHandler.h"
+#include "target/UpdateTrust.h"
 #include "target/ZOTHService.h"
 #include "update/FileManager.h"
 #include "update/PatcherState.h"
@@ -81,12 +82,14 @@ void UpdateEngine::appLaunched() {
 void UpdateEngine::runSteps(Step from) {
     static constexpr Step kSteps[] = {
         &UpdateEngine::startLog,
+        &UpdateEngine::checkSignature,
         &UpdateEngine::loadConfiguration,
         &UpdateEngine::decideMode,
         &UpdateEngine::applyComboFlag,
         &UpdateEngine::takeLock,
         &UpdateEngine::recoverUnfinishedUpdate,
         &UpdateEngine::locateApplication,
+        &UpdateEngine::checkTrust,
         &UpdateEngine::acceptLocatorResult,
         &UpdateEngine::askWelcome,
         &UpdateEngine::checkApplicationChosen,
@@ -120,6 +123,42 @@ bool UpdateEngine::startLog() {
         NSLevelledLog(0, "The log %@ is not used: %@", _logPath, problem);
     }
     return true;
+}
+
+void UpdateEngine::refuseUpdate() {
+    NSLevelledLog(0, "%@; nothing was changed", _trust->problem());
+    endWithFailure("Untrusted update message", SilentReturnCode::NotSignedByTrustedKey);
+}
+
+bool UpdateEngine::checkSignature() {
+    _trust = std::make_unique<UpdateTrust>(_environment.paths);
+    std::optional<std::string> bundle;
+    if (_environment.bundle)
+        bundle = _environment.bundle->bundlePath();
+    const bool accepted = _trust->checkBundle(bundle);
+    for (const std::string& note : _trust->takeNotes())
+        NSLevelledLog(0, "%@", note);
+    if (!accepted)
+        refuseUpdate();
+    return accepted;
+}
+
+bool UpdateEngine::checkTrust() {
+    SignedStatement identity;
+    const ProductData& product = config().getAppLocateInfo();
+    for (const XmlNode& code : product.appOrvelCodeGUIDList)
+        identity.installationCodes.push_back(code.stringValue());
+    if (product.oldVersion)
+        identity.fromVersions.push_back(*product.oldVersion);
+    identity.toVersion = product.newVersion.value_or("");
+    const bool accepted =
+        _trust->checkTarget(identity, config().getAppValidationInfo().appOrvelCodeGUID,
+                            _examinedBundle, _installedVersion);
+    for (const std::string& note : _trust->takeNotes())
+        NSLevelledLog(0, "%@", note);
+    if (!accepted)
+        refuseUpdate();
+    return accepted;
 }
 
 bool UpdateEngine::loadConfiguration() {
@@ -282,6 +321,8 @@ bool UpdateEngine::locateApplication() {
     } else {
         LocateInstalledApplication locator(config(), _isRunningUnderKOR, _environment.paths);
         _locatorResult = locator.locateAndValidateApplication(appPath);
+        _examinedBundle = locator.examinedBundle();
+        _installedVersion = locator.installedVersion();
     }
     ReleaseZOTHService();
     if (!appPath.empty())

@@ -22,6 +22,7 @@ class ProgressWindowController;
 class RunningApplications;
 class RunningAppsWindowController;
 class StringTable;
+class UpdateTrust;
 class UserInterface;
 struct ManifestRunEnvironment;
 enum class LocatorResult : int;
@@ -76,6 +77,8 @@ private:
     // The steps of appLaunched, in their order; each returns whether the run goes on, and
     // one that ends the run has reported it the mode's own way.
     bool startLog();
+    // The bundle's signature, every file read once, before any of it is parsed.
+    bool checkSignature();
     // Finds the bundle's configuration and manifest and loads the configuration; a
     // configuration that cannot be loaded is not reported.
     bool loadConfiguration();
@@ -88,6 +91,9 @@ private:
     bool recoverUnfinishedUpdate();
     // Locates and validates the application with the installation database open.
     bool locateApplication();
+    // The signer trusted, and the signed update for the located installation and no
+    // downgrade of it; whatever the locator's verdict.
+    bool checkTrust();
     bool acceptLocatorResult();
     bool askWelcome();
     bool checkApplicationChosen();
@@ -105,6 +111,8 @@ private:
     // Logs the localised text of key and reports it as the run's failure, then ends the run.
     void endWithFailure(const char* key, SilentReturnCode silentCode);
     void endEarlyRun();
+    // Ends the run as an update that may not be applied: nothing was changed.
+    void refuseUpdate();
     LoadConfigData& config();
 
     EngineEnvironment _environment;
@@ -114,6 +122,7 @@ private:
     std::unique_ptr<ProcessManifest> _processManifest;
     std::unique_ptr<RunningApplications> _ownRunningApplications;
     std::unique_ptr<PatcherState> _state;
+    std::unique_ptr<UpdateTrust> _trust;
     std::thread _lockWaiter;
     std::atomic<bool> _stopWaiting{false};
     bool _notDone = true;
@@ -124,4 +133,8 @@ private:
     std::optional<std::string> _manifestPath;
     LocatorResult _locatorResult{};
     std::optional<std::string> _located; // the located application; none when none was chosen
+    // What the locator examined, whatever its verdict: the application bundle and the
+    // installed version (the installation database's, else the bundle's).
+    std::optional<std::string> _examinedBundle;
+    std::optional<std::string> _installedVersion;
 };

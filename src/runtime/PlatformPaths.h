@@ -34,6 +34,10 @@ struct PlatformPaths {
     std::string authTokenFile = "/tmp/authTokenData";
     std::string tmpVolume = "/tmp";
     std::string installationDatabase = "/var/opt/Orvel/zoth/zoth.db";
+    // Which updates root applies: the public keys trusted to sign them, and the policy file
+    // where developers allow unsigned patchers.
+    std::string trustedKeysFolder = "/etc/orvel/trusted-keys.d";
+    std::string patcherPolicyFile = "/etc/orvel/patcher.conf";
 
     // Processes and services.
     std::string pidFileFormat = "/var/run/%@.pid";

@@ -222,6 +222,15 @@ LocateInstalledApplication::isProperProduct(const std::optional<std::string>& fo
     int32_t modified = 0;
     (void)GetInstalledAndModifiedTimeStime(code.c_str(), &installed, &modified);
     const std::string installedVersion = version;
+    _examinedBundle.reset();
+    _installedVersion.reset();
+    if (!installedVersion.empty())
+        _installedVersion = installedVersion;
+    if (_findAppData.appName) {
+        _examinedBundle = *folder + "/" + *_findAppData.appName + ".app";
+        if (!_installedVersion)
+            _installedVersion = InfoPlistValue(*_examinedBundle, "CFBundleVersion");
+    }
     const std::string historyFile = OrvelCodeFileHandler::patchFilePathForCode(_paths, code);
     NSLevelledLog(3, "Version check ...");
     NSLevelledLog(3, "Version Range: [ %@ , %@ )", _findAppData.oldVersion,

@@ -84,6 +84,12 @@ public:
 
     bool isRunningUnderKOR() const { return _isRunningUnderKOR; }
 
+    // What isProperProduct last examined, whatever it decided: the application bundle in
+    // the folder (when the configuration names the application), and the installed version
+    // (the database's; the bundle's when the database has none).
+    const std::optional<std::string>& examinedBundle() const { return _examinedBundle; }
+    const std::optional<std::string>& installedVersion() const { return _installedVersion; }
+
 private:
     // Follows an application that was moved since it was installed, using the KVR file's
     // path recorded in the database's KVR domain. Returns the new result and sets folder.
@@ -97,4 +103,6 @@ private:
     AppValidationData& _validateAppData;
     bool _isRunningUnderKOR;
     const PlatformPaths& _paths;
+    std::optional<std::string> _examinedBundle;
+    std::optional<std::string> _installedVersion;
 };

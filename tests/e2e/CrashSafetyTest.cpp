@@ -127,6 +127,7 @@ void MakeProbeBundle(const Scenario& s) {
     ASSERT_NE(at, std::string::npos);
     text.replace(at, 25, "<AppName>NoSuchEditor</AppName>");
     WriteTextFile(config, text);
+    s.sign(kProbe);
 }
 
 ChildProcess StartBundle(const Scenario& s, const std::string& bundle,
@@ -423,9 +424,9 @@ TEST(Concurrency, TwoAndFourPatchersAtOnceNeverMix) {
     }
 }
 
-// While another process holds the lock, a silent run waits, and gives up with 11 after its
+// While another process holds the lock, a silent run waits, and gives up with 12 after its
 // limit; once the lock is free, it goes on.
-TEST(Lock, ASilentRunWaitsForTheLockAndGivesUpWithEleven) {
+TEST(Lock, ASilentRunWaitsForTheLockAndGivesUpWithTwelve) {
     ORVEL_E2E_IN_PRIVATE_SYSTEM();
     PreparedUpdate update(0);
     ASSERT_FALSE(::testing::Test::HasFailure());
@@ -437,7 +438,7 @@ TEST(Lock, ASilentRunWaitsForTheLockAndGivesUpWithEleven) {
     ASSERT_TRUE(WaitUntil([&] { return FileExists(held); }, 10s));
 
     ASSERT_EQ(RunBundle(s, s.bundle, {"ORVEL_PATCHER_LOCK_WAIT=1"}), 0);
-    EXPECT_EQ(s.returnCode(), "11");
+    EXPECT_EQ(s.returnCode(), "12");
     EXPECT_EQ(update.count("is updating this machine; waiting for it to finish"), 1);
     EXPECT_EQ(update.count("Another patcher is still updating this machine: giving up after 1 s"),
               1);

@@ -36,8 +36,8 @@ bool MountPrivateSystemFolders() {
         return false;
     }
     bool covered = false;
-    for (const char* folder :
-         {"/opt", "/usr/local/share", "/var/opt", "/tmp", "/run", "/etc/init.d", "/home"}) {
+    for (const char* folder : {"/opt", "/usr/local/share", "/var/opt", "/tmp", "/run",
+                               "/etc/init.d", "/etc/orvel", "/home"}) {
         std::error_code ignored;
         fs::create_directories(folder, ignored);
         const char* options = std::strcmp(folder, "/tmp") == 0 ? "mode=1777" : "mode=0755";
@@ -455,12 +455,32 @@ void Scenario::assemble(const std::string& manifestXml) {
     WriteTextFile(work + "/config.xml", configXml());
     WriteTextFile(work + "/manifest.xml", manifestXml);
     std::string output;
+    if (!FileExists(signingKey)) {
+        fs::create_directories(fs::path(trustedKey).parent_path());
+        ASSERT_EQ(
+            RunTool({ORVEL_MKPATCHER, "keygen", "--private", signingKey, "--public", trustedKey},
+                    &output),
+            0)
+            << output;
+    }
     ASSERT_EQ(RunTool({ORVEL_MKPATCHER, "assemble", "--config", work + "/config.xml", "--manifest",
-                       work + "/manifest.xml", "--payload", payload, "--out", bundle, "--force"},
+                       work + "/manifest.xml", "--payload", payload, "--out", bundle, "--force",
+                       "--sign-key", signingKey},
                       &output),
               0)
         << output;
     ASSERT_TRUE(FileExists(bundle + "/Contents/Resources/Payload.cpio.gz"));
+}
+
+void Scenario::sign(const std::string& bundlePath) const {
+    std::string output;
+    ASSERT_EQ(RunTool({ORVEL_MKPATCHER, "sign", bundlePath, "--key", signingKey}, &output), 0)
+        << output;
+}
+
+void Scenario::unsign() const {
+    ASSERT_EQ(::unlink((bundle + "/Contents/Signature").c_str()), 0);
+    WriteTextFile(policyFile, "allow-unsigned-patchers = yes\n");
 }
 
 ChildProcess Scenario::startPatcher(const std::vector<std::string>& args,

@@ -19,7 +19,8 @@
 
 // True in a copy of this test program that runs the current test alone inside private
 // mount and network namespaces, with tmpfs over /opt, /usr/local/share, /var/opt, /tmp,
-// /run, /etc/init.d and /home; nothing done there reaches the machine's own folders. In the
+// /run, /etc/init.d, /etc/orvel and /home; nothing done there reaches the machine's own
+// folders. In the
 // test program itself it starts that copy, checks that its test passed, and returns false.
 bool InPrivateSystem();
 
@@ -119,8 +120,17 @@ public:
     std::string manifest(const std::vector<FileEntry>& files, bool withBundleSet = true,
                          bool withDirectorySet = true, const std::string& extra = {}) const;
     std::string configXml() const;
-    // Writes the configuration and the manifest and assembles the patcher bundle.
+    // Writes the configuration and the manifest and assembles the patcher bundle, signed
+    // with the vendor's key, which the machine trusts (both made at the first call).
     void assemble(const std::string& manifestXml);
+    // Signs a bundle (again) with the vendor's key, after a test changed it on purpose.
+    void sign(const std::string& bundlePath) const;
+    // Takes the signature off the bundle and lets this machine run unsigned patchers, as a
+    // developer's machine does, for a test of what a signature would have kept out.
+    void unsign() const;
+    const std::string signingKey = "/tmp/e2e/vendor-key.pem";
+    const std::string policyFile = "/etc/orvel/patcher.conf";
+    const std::string trustedKey = "/etc/orvel/trusted-keys.d/vendor.pem";
 
     // The patcher of the bundle, started as a user or an administrator would, with the
     // extra arguments and environment assignments.

@@ -527,6 +527,7 @@ void AssembleWithPayload(Scenario& s, const std::string& fixture,
     entries.insert(entries.end(), extra.begin(), extra.end());
     s.assemble(s.manifest(entries, false, false));
     CopyFixture(fixture, s.bundle + "/Contents/Resources/Payload.cpio.gz");
+    s.sign(s.bundle);
 }
 
 // A refused payload: refused whole at its first hostile entry (new.txt, unpacked before it,
@@ -678,6 +679,7 @@ void ExpectHostileXmlHandled(const std::string& resource, const std::vector<Host
         InstallForCase(s, registered);
         s.assemble(s.manifest(s.updateEntries()));
         CopyFixture(c.fixture, s.bundle + "/Contents/Resources/" + resource);
+        s.unsign();
         const auto app = SnapshotTree(s.app, TreeDetail::ContentsAndModes);
         const auto outside = canary.snapshot();
 
