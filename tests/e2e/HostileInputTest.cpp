@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -84,10 +85,19 @@ TEST(HostileInput, TheLogInAUsersHomeIsTheUsersAndNeverFollowsALink) {
     const std::string upper = "/var/opt/etc-upper";
     fs::create_directories(upper);
     fs::create_directories("/var/opt/etc-work");
+    // The overlay shows the machine's /etc without the private /etc/orvel mounted over it,
+    // so that is mounted again on top (the trusted key).
+    const int orvelEtc = ::open("/etc/orvel", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(orvelEtc, 0);
     ASSERT_EQ(::mount("overlay", "/etc", "overlay", 0,
                       ("lowerdir=/etc,upperdir=" + upper + ",workdir=/var/opt/etc-work").c_str()),
               0)
         << std::strerror(errno);
+    ASSERT_EQ(::mount(("/proc/self/fd/" + std::to_string(orvelEtc)).c_str(), "/etc/orvel", nullptr,
+                      MS_BIND, nullptr),
+              0)
+        << std::strerror(errno);
+    ::close(orvelEtc);
     ASSERT_EQ(AsAttacker("rm '" + s.home + "/.local/state/Orvel/SoftwareUpdates' && ln -s /etc '" +
                          s.home + "/.local/state/Orvel/SoftwareUpdates'"),
               0);
@@ -95,6 +105,7 @@ TEST(HostileInput, TheLogInAUsersHomeIsTheUsersAndNeverFollowsALink) {
     EXPECT_EQ(s.returnCode(), "3");
     EXPECT_TRUE(fs::is_empty(upper));
     EXPECT_FALSE(FileExists("/etc/OrvelSoftwareUpdate.log"));
+    ASSERT_EQ(::umount("/etc/orvel"), 0);
     ASSERT_EQ(::umount("/etc"), 0);
 
     // Without the link the log is the user's, made as the user, and the user can append.

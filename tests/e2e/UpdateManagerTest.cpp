@@ -88,7 +88,8 @@ TEST(UpdateManager, WrongVersionSendsFourWithTheValidationText) {
     ORVEL_E2E_IN_PRIVATE_SYSTEM();
     Scenario s;
     s.installApplication();
-    s.registerInstallation("3.0");
+    // Neither the version the update comes from nor one it would take back.
+    s.registerInstallation("1.5");
     s.assemble(s.manifest(s.updateEntries()));
     int status = -1;
     EXPECT_EQ(s.runUnderUpdateManager({}, &status),

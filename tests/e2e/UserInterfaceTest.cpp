@@ -246,6 +246,29 @@ TEST(UserInterface, CancelAtTheWelcomeReportsNothing) {
     EXPECT_FALSE(FileExists(s.historyFile));
 }
 
+TEST(UserInterface, AnUpdateSignedByAnUntrustedKeyEndsInTheFailureAlert) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    VirtualDisplay display;
+    ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
+    s.assemble(s.manifest(PrepareUpdate(s)));
+    ASSERT_EQ(::unlink(s.trustedKey.c_str()), 0);
+    const auto before = Snapshot(s.app);
+    ChildProcess patcher = s.startPatcher({}, DesktopSession());
+
+    // No welcome: the first window is the failure alert.
+    const std::string alert = WaitForWindow("^Installing the Update$");
+    ASSERT_FALSE(alert.empty()) << s.patcherOutput();
+    EXPECT_TRUE(s.logContains("_reportUpdateFailed"));
+    EXPECT_TRUE(s.logContains("The update is not signed by a trusted key; nothing was changed."));
+    EXPECT_FALSE(s.logContains("Show Welcome Dialog"));
+    Screenshot(alert, "untrusted-update");
+    PressKeys(alert, {"Return"});
+    ExpectPatcherEnds(patcher, s);
+    EXPECT_EQ(Snapshot(s.app), before);
+    EXPECT_FALSE(FileExists(s.historyFile));
+}
+
 // The editor's volume stalls (frozen, as for a snapshot) from the first change on: the
 // update waits in its first entry with the cancel button shown, however fast the machine,
 // until the volume is thawed after the user has confirmed the cancel.
