@@ -26,6 +26,7 @@ constexpr size_t kSignatureSize = 64;
 // A signature file is a few lines per file of the bundle; this is far above any bundle.
 constexpr size_t kMostSignatureBytes = 64 * 1024 * 1024;
 constexpr size_t kMostFiles = 1000000;
+const std::string kCannotCopy = "cannot copy ";
 
 struct PkeyDeleter {
     void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
@@ -83,8 +84,10 @@ std::string Sha256OfBytes(std::string_view bytes) {
     return Hex(digest, length);
 }
 
-// The digest of everything readable from fd; nothing on a read error.
-std::optional<std::string> Sha256OfDescriptor(int fd, uint64_t* size) {
+// The digest of everything readable from fd, also written to copy when that is a
+// descriptor; nothing on a read or write error.
+std::optional<std::string> Sha256OfDescriptor(int fd, uint64_t* size, int copy = -1,
+                                              bool* copyFailed = nullptr) {
     MdContextPtr context(EVP_MD_CTX_new());
     if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1)
         return std::nullopt;
@@ -102,6 +105,11 @@ std::optional<std::string> Sha256OfDescriptor(int fd, uint64_t* size) {
         total += static_cast<uint64_t>(got);
         if (EVP_DigestUpdate(context.get(), buffer.get(), static_cast<size_t>(got)) != 1)
             return std::nullopt;
+        if (copy >= 0 && !WriteAll(copy, buffer.get(), static_cast<size_t>(got))) {
+            if (copyFailed)
+                *copyFailed = true;
+            return std::nullopt;
+        }
     }
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
@@ -505,7 +513,8 @@ std::optional<SignedStatement> SignedStatement::parse(std::string_view text, std
 namespace BundleSignature {
 
 std::optional<std::vector<SignedFile>> digestFiles(const std::string& bundle, std::string* problem,
-                                                   uint64_t* bytesRead) {
+                                                   uint64_t* bytesRead,
+                                                   const CopyWhileReading* copies) {
     UniqueFd folder(::open(bundle.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder.valid()) {
         *problem = Errno("cannot open the bundle " + bundle);
@@ -545,9 +554,22 @@ std::optional<std::vector<SignedFile>> digestFiles(const std::string& bundle, st
                 failures[order[k]] = entry.path + " is not a file";
                 continue;
             }
-            auto digest = Sha256OfDescriptor(file.get(), &entry.size);
+            UniqueFd copy;
+            if (copies && std::find(copies->paths.begin(), copies->paths.end(), entry.path) !=
+                              copies->paths.end()) {
+                const std::string name = entry.path.substr(entry.path.rfind('/') + 1);
+                copy.reset(::openat(copies->folder, name.c_str(),
+                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+                if (!copy.valid()) {
+                    failures[order[k]] = Errno(kCannotCopy + entry.path);
+                    continue;
+                }
+            }
+            bool copyFailed = false;
+            auto digest = Sha256OfDescriptor(file.get(), &entry.size, copy.get(), &copyFailed);
             if (!digest) {
-                failures[order[k]] = Errno("cannot read " + entry.path);
+                failures[order[k]] =
+                    Errno((copyFailed ? kCannotCopy : "cannot read ") + entry.path);
                 continue;
             }
             entry.sha256 = std::move(*digest);
@@ -624,7 +646,7 @@ bool sign(const std::string& bundle, SignedStatement identity, const Ed25519Key&
     return true;
 }
 
-BundleVerdict verify(const std::string& bundle) {
+BundleVerdict verify(const std::string& bundle, const CopyWhileReading* copies) {
     BundleVerdict verdict;
     const auto bad = [&verdict](std::string problem) {
         verdict.state = BundleVerdict::State::Bad;
@@ -667,9 +689,11 @@ BundleVerdict verify(const std::string& bundle) {
     if (!verdict.signer->verify(statementText, *signatureBytes))
         return bad("the signature does not verify with its key " + verdict.signer->fingerprint());
 
-    auto files = digestFiles(bundle, &problem, &verdict.bytesRead);
-    if (!files)
+    auto files = digestFiles(bundle, &problem, &verdict.bytesRead, copies);
+    if (!files) {
+        verdict.copyFailed = problem.rfind(kCannotCopy, 0) == 0;
         return bad(problem);
+    }
     const auto& signedFiles = verdict.statement.files;
     for (const auto& file : *files) {
         const auto match = std::lower_bound(

@@ -91,6 +91,7 @@ struct BundleVerdict {
     SignedStatement statement;        // as read (Bad: as far as it could be read)
     std::optional<Ed25519Key> signer; // the key the signature names
     uint64_t bytesRead = 0;           // of the bundle's files, to check them
+    bool copyFailed = false;          // Bad only because a copy could not be written (a full disk)
 };
 
 namespace BundleSignature {
@@ -98,17 +99,29 @@ namespace BundleSignature {
 // The signature file, below the bundle folder.
 inline constexpr const char* kSignatureFile = "Contents/Signature";
 
+// Files of the bundle to be copied as they are read, so that what is used later is exactly
+// what was checked even when others can change the bundle meanwhile: each path (below the
+// bundle) is written to a new file of its base name in the folder of the handle.
+struct CopyWhileReading {
+    int folder = -1;
+    std::vector<std::string> paths;
+};
+
 // Every file and link below the bundle folder but the signature file, read once each
 // without following links, in byte order of their paths. Nothing, with problem, when one
-// cannot be read or is neither a file, a link nor a folder.
+// cannot be read (or copied) or is neither a file, a link nor a folder.
 [[nodiscard]] std::optional<std::vector<SignedFile>>
-digestFiles(const std::string& bundle, std::string* problem, uint64_t* bytesRead = nullptr);
+digestFiles(const std::string& bundle, std::string* problem, uint64_t* bytesRead = nullptr,
+            const CopyWhileReading* copies = nullptr);
 
 // Signs the bundle for the identity (installation codes, versions from, version to; the
 // statement's files are read from the bundle) with key, replacing an earlier signature.
 [[nodiscard]] bool sign(const std::string& bundle, SignedStatement identity, const Ed25519Key& key,
                         std::string* problem);
 
-[[nodiscard]] BundleVerdict verify(const std::string& bundle);
+// Checks the bundle's signature; copies (when given) are made as the files are read, and
+// are what was signed only when the verdict is Good.
+[[nodiscard]] BundleVerdict verify(const std::string& bundle,
+                                   const CopyWhileReading* copies = nullptr);
 
 } // namespace BundleSignature

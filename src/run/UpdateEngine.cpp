@@ -26,6 +26,8 @@
 #include "update/ProcessManifest.h"
 
 #include <cassert>
+#include <cerrno>
+#include <cstring>
 #include <strings.h>
 #include <unistd.h>
 
@@ -138,9 +140,19 @@ bool UpdateEngine::checkSignature() {
     const bool accepted = _trust->checkBundle(bundle);
     for (const std::string& note : _trust->takeNotes())
         NSLevelledLog(0, "%@", note);
-    if (!accepted)
-        refuseUpdate();
-    return accepted;
+    if (accepted)
+        return true;
+    if (_trust->copyFailed()) {
+        // Nothing is wrong with the signature: the copies of what is checked found no room.
+        NSLevelledLog(0, "%@; nothing was changed", _trust->problem());
+        const bool full = _trust->problem().find(std::strerror(ENOSPC)) != std::string::npos;
+        endWithFailure(full ? "Insufficient space On OS message" : "Error while updating",
+                       full ? SilentReturnCode::NotEnoughDiskSpace
+                            : SilentReturnCode::CancelledOrRolledBack);
+        return false;
+    }
+    refuseUpdate();
+    return false;
 }
 
 bool UpdateEngine::checkTrust() {
@@ -163,7 +175,17 @@ bool UpdateEngine::checkTrust() {
 
 bool UpdateEngine::loadConfiguration() {
     std::optional<std::string> configPath;
-    if (_environment.bundle) {
+    // The files as they were checked: the bundle's own, or private copies of them.
+    const std::string& resources = _trust->resourcesFolder();
+    if (!resources.empty()) {
+        const auto present = [&resources](const char* name) -> std::optional<std::string> {
+            const std::string path = JoinPath(resources, name);
+            return PathExists(path) && !FolderExists(path) ? std::optional<std::string>(path)
+                                                           : std::nullopt;
+        };
+        configPath = present("config.xml");
+        _manifestPath = present("manifest.xml");
+    } else if (_environment.bundle) {
         configPath = _environment.bundle->pathForResource("config", "xml");
         _manifestPath = _environment.bundle->pathForResource("manifest", "xml");
     }
@@ -457,8 +479,9 @@ void UpdateEngine::_updateApp(const InstalledApp& app, const std::string& manife
         progress->awakeFromNib();
         progress->showWindow();
     }
-    const std::string resourceDir =
-        _environment.bundle ? _environment.bundle->resourcePath() : std::string();
+    std::string resourceDir = _trust ? _trust->resourcesFolder() : std::string();
+    if (resourceDir.empty() && _environment.bundle)
+        resourceDir = _environment.bundle->resourcePath();
     const std::string workingFolder =
         StringWithFormat(_environment.paths.workingFolderFormat, static_cast<int>(::getpid()));
 

@@ -8,12 +8,17 @@
 #include <chrono>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <sstream>
 #include <unistd.h>
 
 namespace {
 
 constexpr const char* kAllowUnsigned = "allow-unsigned-patchers";
+// What the run reads of its bundle after the check, below the bundle folder.
+const std::vector<std::string> kUsedResources = {"Contents/Resources/config.xml",
+                                                 "Contents/Resources/manifest.xml",
+                                                 "Contents/Resources/Payload.cpio.gz"};
 
 // The text of a file that passed OpenFileOnlyRootControls; nothing when it is larger than
 // maxBytes or cannot be read.
@@ -113,6 +118,30 @@ std::vector<Ed25519Key> TrustedKeysIn(const std::string& folder, std::vector<std
     return keys;
 }
 
+UpdateTrust::~UpdateTrust() {
+    if (_copyFolder.empty())
+        return;
+    for (const auto& path : kUsedResources)
+        (void)::unlinkat(_copyFolderFd.get(), path.substr(path.rfind('/') + 1).c_str(), 0);
+    _copyFolderFd.reset();
+    (void)::rmdir(_copyFolder.c_str());
+}
+
+bool UpdateTrust::makeCopyFolder() {
+    std::string pattern = _paths.tmpVolume + "/orvel-checked-XXXXXX";
+    // mkdtemp makes a new folder of root's alone (0700) under a name nobody could foresee;
+    // in a sticky folder such as /tmp nobody else can rename or remove it.
+    if (!::mkdtemp(pattern.data())) {
+        _notes.push_back("No private folder can be made in " + _paths.tmpVolume + ": " +
+                         std::strerror(errno));
+        return false;
+    }
+    _copyFolder = pattern;
+    _copyFolderFd.reset(
+        ::open(_copyFolder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return _copyFolderFd.valid();
+}
+
 bool UpdateTrust::refuse(std::string problem) {
     _problem = std::move(problem);
     return false;
@@ -125,9 +154,22 @@ bool UpdateTrust::checkBundle(const std::optional<std::string>& bundle) {
         _notes.push_back("Unsigned patchers are allowed on this machine: " +
                          _paths.patcherPolicyFile + " says " + kAllowUnsigned + " = yes");
 
+    // Files that others could change after the check are copied while they are read.
+    bool onlyRoot = true;
+    for (const auto& path : kUsedResources) {
+        if (bundle && !OpenFileOnlyRootControls(*bundle + "/" + path).valid())
+            onlyRoot = false;
+    }
+    BundleSignature::CopyWhileReading copies;
+    if (bundle && !onlyRoot) {
+        if (!makeCopyFolder())
+            return refuse("The update cannot be checked: no private folder for its files");
+        copies.folder = _copyFolderFd.get();
+        copies.paths = kUsedResources;
+    }
     const auto start = std::chrono::steady_clock::now();
     if (bundle)
-        _verdict = BundleSignature::verify(*bundle);
+        _verdict = BundleSignature::verify(*bundle, onlyRoot ? nullptr : &copies);
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::steady_clock::now() - start);
     switch (_verdict.state) {
@@ -137,6 +179,8 @@ bool UpdateTrust::checkBundle(const std::optional<std::string>& bundle) {
                           " has no " + BundleSignature::kSignatureFile + ")");
         _notes.push_back("This patcher is not signed; it runs only because " +
                          _paths.patcherPolicyFile + " allows unsigned patchers");
+        if (bundle)
+            _resourcesFolder = *bundle + "/Contents/Resources";
         return true;
     case BundleVerdict::State::Bad:
         return refuse("The update's signature does not hold: " + _verdict.problem);
@@ -147,6 +191,11 @@ bool UpdateTrust::checkBundle(const std::optional<std::string>& bundle) {
                      std::to_string(_verdict.statement.files.size()) + " files (" +
                      std::to_string(_verdict.bytesRead) + " bytes) checked in " +
                      std::to_string(took.count()) + " ms");
+    _resourcesFolder = onlyRoot ? *bundle + "/Contents/Resources" : _copyFolder;
+    if (!onlyRoot)
+        _notes.push_back("Others can change the bundle, so its configuration, manifest and "
+                         "payload are read from the copies checked in " +
+                         _copyFolder);
     return true;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/BundleSignature.h"
+#include "base/FileUtil.h"
 #include "runtime/PlatformPaths.h"
 
 #include <optional>
@@ -27,6 +28,10 @@ std::vector<Ed25519Key> TrustedKeysIn(const std::string& folder, std::vector<std
 class UpdateTrust {
 public:
     explicit UpdateTrust(const PlatformPaths& paths) : _paths(paths) {}
+    // Removes the private copies, if any were made.
+    ~UpdateTrust();
+    UpdateTrust(const UpdateTrust&) = delete;
+    UpdateTrust& operator=(const UpdateTrust&) = delete;
 
     // Reads every file of the bundle once. False when the bundle is unsigned (and the policy
     // does not allow that) or its signature does not hold; problem() says why. A run
@@ -42,6 +47,14 @@ public:
                                    const std::optional<std::string>& installedVersion);
 
     bool isSigned() const { return _verdict.state == BundleVerdict::State::Good; }
+    // The bundle's files could not be copied to the private folder (a full disk): the
+    // signature itself was not found wanting.
+    bool copyFailed() const { return _verdict.copyFailed; }
+    // Where the run reads the configuration, the manifest and the payload: the bundle's
+    // Resources folder when only root controls those files, else a private folder of copies
+    // made while they were checked, so that nobody can change them once checked. Set by a
+    // checkBundle that accepted the bundle.
+    const std::string& resourcesFolder() const { return _resourcesFolder; }
     const std::string& problem() const { return _problem; }
     // Lines for the log since the last call.
     std::vector<std::string> takeNotes() { return std::move(_notes); }
@@ -51,9 +64,14 @@ public:
 
 private:
     bool refuse(std::string problem);
+    // A private folder for the copies, or nothing (with a note) when none can be made.
+    bool makeCopyFolder();
 
     const PlatformPaths& _paths;
     BundleVerdict _verdict;
     std::string _problem;
     std::vector<std::string> _notes;
+    std::string _resourcesFolder;
+    std::string _copyFolder; // empty when no copies were made
+    UniqueFd _copyFolderFd;
 };

@@ -173,6 +173,52 @@ TEST_F(UpdateTrustTest, KeysThatAreNotEd25519PublicKeysAreLeftOut) {
     EXPECT_EQ(notes.size(), 2u);
 }
 
+TEST_F(UpdateTrustTest, WhatOthersCanChangeIsReadFromCopiesMadeWhileChecking) {
+    const Ed25519Key key = NewKey();
+    const std::string resources = bundle + "/Contents/Resources";
+    WriteTextFile(resources + "/manifest.xml", "<Manifest/>");
+    WriteTextFile(resources + "/Payload.cpio.gz", RandomText(300000, 7));
+    Sign(key);
+    Trust(key);
+    {
+        // Only root can change the bundle: it is read where it is.
+        UpdateTrust trust(paths);
+        ASSERT_TRUE(trust.checkBundle(bundle)) << trust.problem();
+        EXPECT_EQ(trust.resourcesFolder(), resources);
+    }
+    std::string copies;
+    {
+        // Another user owns the payload: the three files are read from private copies.
+        ASSERT_EQ(::chown((resources + "/Payload.cpio.gz").c_str(), 65534, 65534), 0);
+        paths.tmpVolume = dir.file("tmp");
+        fs::create_directories(paths.tmpVolume);
+        UpdateTrust trust(paths);
+        ASSERT_TRUE(trust.checkBundle(bundle)) << trust.problem();
+        copies = trust.resourcesFolder();
+        EXPECT_EQ(copies.rfind(paths.tmpVolume + "/orvel-checked-", 0), 0u) << copies;
+        EXPECT_TRUE(Contains(trust.takeNotes(), "read from the copies checked in " + copies));
+        struct stat info {};
+        ASSERT_EQ(::stat(copies.c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, 0700u);
+        EXPECT_EQ(info.st_uid, 0u);
+        for (const char* name : {"config.xml", "manifest.xml", "Payload.cpio.gz"})
+            EXPECT_EQ(ReadTextFile(copies + "/" + name), ReadTextFile(resources + "/" + name));
+        // A change after the check does not reach the copies.
+        const std::string checked = ReadTextFile(copies + "/manifest.xml");
+        WriteTextFile(resources + "/manifest.xml", "<Manifest><FileSet/></Manifest>");
+        EXPECT_EQ(ReadTextFile(copies + "/manifest.xml"), checked);
+    }
+    EXPECT_FALSE(fs::exists(copies)) << "the copies go with the check";
+
+    // A bad bundle leaves no copies behind either.
+    {
+        UpdateTrust trust(paths);
+        EXPECT_FALSE(trust.checkBundle(bundle));
+        EXPECT_TRUE(trust.resourcesFolder().empty());
+    }
+    EXPECT_TRUE(fs::is_empty(paths.tmpVolume));
+}
+
 TEST_F(UpdateTrustTest, TheSignedTargetMustBeTheLocatedInstallationAndNoDowngrade) {
     const Ed25519Key key = NewKey();
     Sign(key);

@@ -222,6 +222,22 @@ TEST(SignedUpdate, AnUnsignedBundleRunsOnlyOnADevelopersMachine) {
               0);
 }
 
+// A bundle whose resources another user owns (the libraries it loads must be root's in
+// any case): what was checked is what is applied, from private copies, which go at the end.
+TEST(SignedUpdate, ABundleOthersCanChangeIsAppliedFromCopiesOfWhatWasChecked) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    Prepare(s);
+    ASSERT_EQ(RunTool({"chown", "-R", "65534:65534", s.bundle + "/Contents/Resources"}), 0);
+    ExpectApplied(s);
+    EXPECT_GE(s.logIndex("Others can change the bundle, so its configuration, manifest and "
+                         "payload are read from the copies checked in /tmp/orvel-checked-",
+                         true),
+              0);
+    for (const auto& entry : fs::directory_iterator("/tmp"))
+        EXPECT_NE(entry.path().filename().string().rfind("orvel-checked-", 0), 0u) << entry.path();
+}
+
 TEST(SignedUpdate, TheUpdateManagerHearsOfARefusal) {
     ORVEL_E2E_IN_PRIVATE_SYSTEM();
     Scenario s;

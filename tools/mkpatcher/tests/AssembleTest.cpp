@@ -215,8 +215,11 @@ TEST_F(AssembleTest, AssembledPatcherStartsFromItsNewPlace) {
     ASSERT_EQ(BundleAssembler::assemble(options, nullptr, &error), 0) << error;
     const std::string home = work + "/home";
     fs::create_directories(home);
+    // The bundle is not signed: the private /etc/orvel is a developer's, which allows that.
     const std::string script =
-        "mount -t tmpfs tmpfs /tmp && mount -t tmpfs tmpfs /var/opt && "
+        "mount -t tmpfs tmpfs /tmp && mount -t tmpfs tmpfs /var/opt && mkdir -p /etc/orvel && "
+        "mount -t tmpfs tmpfs /etc/orvel && "
+        "echo 'allow-unsigned-patchers = yes' > /etc/orvel/patcher.conf && "
         "\"$1\" -Silent; echo $? > \"$2/exit\"; cp /tmp/OrvelQX3/retVal \"$2/retVal\" 2>/dev/null; "
         "exit 0";
     const int status =
