@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <mutex>
 #include <optional>
 #include <pthread.h>
 #include <strings.h>
@@ -60,6 +61,27 @@ pid_t ThreadId() {
     return tThreadId;
 }
 
+// The message with the log prefix and a newline.
+std::string ComposeLogLine(std::string_view message) {
+    using namespace std::chrono;
+    const auto now = system_clock::now();
+    const std::time_t seconds = system_clock::to_time_t(now);
+    const auto millis = duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
+    std::tm local{};
+    ::localtime_r(&seconds, &local);
+    char stamp[64];
+    std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02d %02d:%02d:%02d.%03lld ",
+                  local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                  local.tm_min, local.tm_sec, static_cast<long long>(millis));
+    std::string line = stamp;
+    line += program_invocation_short_name;
+    line += "[" + std::to_string(ProcessId()) + ":" + std::to_string(ThreadId()) + "] ";
+    line += message;
+    if (line.back() != '\n')
+        line += '\n';
+    return line;
+}
+
 } // namespace
 
 namespace {
@@ -95,11 +117,52 @@ void GiveRootsToOwner(int fd, const struct stat& owner) {
         (void)::fchown(fd, owner.st_uid, owner.st_gid);
 }
 
-// The log file at relativePath below the folder handle, made where missing, opened for
-// appending without following a link or waiting on a FIFO. With giveTo, what a root run
-// made on the way is given to that owner.
+// The log's folder, reached by the walk from the home folder without following a link,
+// and what every later change in it needs: the log's name there and whose ids to act with.
+struct LogPlace {
+    UniqueFd folder;
+    std::string name;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    bool asOwner = false; // changes are made with the owner's file-system ids
+};
+
+// The log name in the folder, made where missing, opened for appending without following
+// a link or waiting on a FIFO. With giveTo, a log a root run made is given to that owner.
+UniqueFd OpenLogIn(int folder, const std::string& name, std::string& problem,
+                   const struct stat* giveTo = nullptr) {
+    UniqueFd file(::openat(folder, name.c_str(),
+                           O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                           0644));
+    if (!file.valid()) {
+        problem = Reason("cannot open " + name);
+        return UniqueFd();
+    }
+    if (giveTo)
+        GiveRootsToOwner(file.get(), *giveTo);
+    return file;
+}
+
+// Only a regular file is written to, and writing to it may wait (it was opened without
+// waiting only so that a FIFO could not hold the run up).
+bool ReadyForWriting(int fd, std::string& problem) {
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        problem = "the log is not a regular file";
+        return false;
+    }
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        problem = Reason("cannot set up the log");
+        return false;
+    }
+    return true;
+}
+
+// The log file at relativePath below the folder handle, made where missing, and the place
+// holding it. With giveTo, what a root run made on the way is given to that owner.
 UniqueFd OpenLogBelow(int top, const std::string& relativePath, std::string& problem,
-                      const struct stat* giveTo = nullptr) {
+                      LogPlace& place, const struct stat* giveTo = nullptr) {
     std::vector<std::string> names;
     for (size_t start = 0; start < relativePath.size();) {
         const size_t end = std::min(relativePath.find('/', start), relativePath.size());
@@ -134,16 +197,162 @@ UniqueFd OpenLogBelow(int top, const std::string& relativePath, std::string& pro
             GiveRootsToOwner(next.get(), *giveTo);
         folder = std::move(next);
     }
-    UniqueFd file(::openat(folder.get(), names.back().c_str(),
-                           O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
-                           0644));
-    if (!file.valid()) {
-        problem = Reason("cannot open " + names.back());
+    UniqueFd file = OpenLogIn(folder.get(), names.back(), problem, giveTo);
+    if (file.valid()) {
+        place.folder = std::move(folder);
+        place.name = names.back();
+    }
+    return file;
+}
+
+std::string RotatedName(const std::string& name, int number) {
+    return name + "." + std::to_string(number);
+}
+
+// Moves the old logs one number up ("<log>.2" onto "<log>.3", dropping the oldest, then
+// "<log>.1" onto "<log>.2") and the log open as current to "<log>.1", then makes and opens
+// a new log, all with the owner's ids and by name within the verified folder handle, so
+// that nothing is reached through a link and nothing is done the owner could not do.
+//
+// Only regular files are carried along. Anything else at a rotated name (a symbolic link,
+// a FIFO) is neither opened nor moved: the file moved onto its name replaces the entry
+// itself (a rename never follows a link, so what the link points to stays untouched), and
+// one nothing replaces stays as it is. So the rotated names hold only files this log
+// wrote, and the old logs are only renamed, never opened or written through. Should a
+// link be swapped in between the check and the rename, the link is what moves, which is
+// just as harmless. A folder at a rotated name makes its rename fail, and the rotation.
+//
+// When the log's name no longer holds the open file (another run rotated it first),
+// nothing is moved and what the name holds now is opened. shifted tells which happened.
+UniqueFd RotateLog(const LogPlace& place, int current, bool& shifted, std::string& problem) {
+    shifted = false;
+    std::optional<FileSystemIds> ids;
+    if (place.asOwner) {
+        ids.emplace(place.uid, place.gid);
+        // setfsuid reports no failure; asking with an invalid id gives the ids in force.
+        if (static_cast<uid_t>(::setfsuid(static_cast<uid_t>(-1))) != place.uid ||
+            static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1))) != place.gid) {
+            problem = "cannot act as the owner of the log's folder";
+            return UniqueFd();
+        }
+    }
+    const int folder = place.folder.get();
+    struct stat open {};
+    if (::fstat(current, &open) != 0) {
+        problem = Reason("cannot look at the open log");
         return UniqueFd();
     }
-    if (giveTo)
-        GiveRootsToOwner(file.get(), *giveTo);
-    return file;
+    struct stat named {};
+    if (::fstatat(folder, place.name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno != ENOENT) {
+            problem = Reason("cannot look at " + place.name);
+            return UniqueFd();
+        }
+    } else if (named.st_dev == open.st_dev && named.st_ino == open.st_ino) {
+        for (int number = kLogRotationKept - 1; number >= 1; --number) {
+            const std::string from = RotatedName(place.name, number);
+            struct stat info {};
+            if (::fstatat(folder, from.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+                if (errno == ENOENT)
+                    continue;
+                problem = Reason("cannot look at " + from);
+                return UniqueFd();
+            }
+            if (!S_ISREG(info.st_mode))
+                continue;
+            const std::string to = RotatedName(place.name, number + 1);
+            if (::renameat(folder, from.c_str(), folder, to.c_str()) != 0) {
+                problem = Reason("cannot rename " + from + " to " + to);
+                return UniqueFd();
+            }
+        }
+        const std::string first = RotatedName(place.name, 1);
+        if (::renameat(folder, place.name.c_str(), folder, first.c_str()) != 0) {
+            problem = Reason("cannot rename " + place.name + " to " + first);
+            return UniqueFd();
+        }
+        shifted = true;
+    }
+    UniqueFd fresh = OpenLogIn(folder, place.name, problem);
+    if (!fresh.valid() || !ReadyForWriting(fresh.get(), problem))
+        return UniqueFd();
+    return fresh;
+}
+
+std::string RotationFailure(const std::string& problem) {
+    return "The log could not be rotated (" + problem +
+           "); this run goes on writing to the file it has open and does not try again";
+}
+
+// What rotating during a run needs, set by StartLogging. The log's size is counted in
+// memory (its size when opened plus every line written), so a line costs no system call
+// more; only a count that reaches the limit asks the file itself, since what the programs
+// the run starts write to the shared standard error is not counted, and standard error
+// may no longer be the log.
+struct Rotation {
+    std::mutex mutex;
+    LogPlace place;
+    // The log standard error was pointed at; holding it open keeps its inode from being
+    // reused, so comparing it with standard error tells whether that still is the log.
+    UniqueFd log;
+};
+
+Rotation& TheRotation() {
+    // Never destroyed: a thread may still log while the process exits.
+    static Rotation* const rotation = new Rotation;
+    return *rotation;
+}
+
+std::atomic<bool> gRotating{false};
+std::atomic<std::uint64_t> gLogBytes{0};
+
+void WriteLine(const std::string& line) {
+    gLogBytes.fetch_add(line.size(), std::memory_order_relaxed);
+    // One write per line: with O_APPEND the line lands whole even with concurrent writers.
+    (void)WriteAll(STDERR_FILENO, line.data(), line.size());
+}
+
+// Rotates the log when the line of next bytes would take it past the limit. Lines other
+// threads write meanwhile go whole to the old or the new file (the switch is one dup2).
+void RotateDuringRun(size_t next) {
+    Rotation& rotation = TheRotation();
+    std::lock_guard<std::mutex> lock(rotation.mutex);
+    if (!gRotating.load(std::memory_order_relaxed) ||
+        gLogBytes.load(std::memory_order_relaxed) + next <= kLogRotationBytes)
+        return; // another thread rotated it meanwhile
+    struct stat standardError {};
+    struct stat log {};
+    if (::fstat(STDERR_FILENO, &standardError) != 0 || ::fstat(rotation.log.get(), &log) != 0 ||
+        standardError.st_dev != log.st_dev || standardError.st_ino != log.st_ino) {
+        // Standard error was pointed elsewhere since: that is not the log's to rotate.
+        gRotating.store(false, std::memory_order_relaxed);
+        return;
+    }
+    const auto size = static_cast<std::uint64_t>(log.st_size);
+    if (size == 0 || size + next <= kLogRotationBytes) {
+        gLogBytes.store(size, std::memory_order_relaxed);
+        return;
+    }
+    std::string problem;
+    bool shifted = false;
+    UniqueFd fresh = RotateLog(rotation.place, rotation.log.get(), shifted, problem);
+    std::fflush(stderr);
+    if (fresh.valid() && ::dup2(fresh.get(), STDERR_FILENO) < 0) {
+        problem = Reason("cannot redirect the log");
+        fresh.reset();
+    }
+    if (!fresh.valid()) {
+        gRotating.store(false, std::memory_order_relaxed);
+        WriteLine(ComposeLogLine(RotationFailure(problem)));
+        return;
+    }
+    struct stat info {};
+    gLogBytes.store(::fstat(fresh.get(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0,
+                    std::memory_order_relaxed);
+    rotation.log = std::move(fresh);
+    if (shifted)
+        WriteLine(ComposeLogLine("The log was rotated; the earlier lines of this run are in " +
+                                 RotatedName(rotation.place.name, 1)));
 }
 
 } // namespace
@@ -165,35 +374,58 @@ bool StartLogging(const std::string& folder, const std::string& relativePath,
     if (!top.valid() || ::fstat(top.get(), &owner) != 0)
         return fail(Reason("cannot open " + folder));
     const bool asOwner = ::geteuid() == 0 && owner.st_uid != 0;
+    LogPlace place;
+    place.uid = owner.st_uid;
+    place.gid = owner.st_gid;
+    place.asOwner = asOwner;
     UniqueFd file;
     int error = 0;
     {
         std::optional<FileSystemIds> ids;
         if (asOwner)
             ids.emplace(owner.st_uid, owner.st_gid);
-        file = OpenLogBelow(top.get(), relativePath, why);
+        file = OpenLogBelow(top.get(), relativePath, why, place);
         error = errno;
     }
     if (!file.valid() && asOwner && error == EACCES) {
         // Folders or a log that a root run made before the log was opened as its owner:
         // they are given to the owner, and the log is used.
         std::string rootWhy;
-        file = OpenLogBelow(top.get(), relativePath, rootWhy, &owner);
+        file = OpenLogBelow(top.get(), relativePath, rootWhy, place, &owner);
         struct stat info {};
         if (file.valid() && (::fstat(file.get(), &info) != 0 || info.st_uid != owner.st_uid))
             file.reset();
     }
     if (!file.valid())
         return fail(why);
+    if (!ReadyForWriting(file.get(), why))
+        return fail(why);
     struct stat info {};
-    if (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode))
-        return fail("the log is not a regular file");
-    const int flags = ::fcntl(file.get(), F_GETFL);
-    if (flags < 0 || ::fcntl(file.get(), F_SETFL, flags & ~O_NONBLOCK) != 0)
-        return fail(Reason("cannot set up the log"));
+    if (::fstat(file.get(), &info) != 0)
+        return fail(Reason("cannot look at the log"));
+    std::string rotationProblem;
+    if (static_cast<std::uint64_t>(info.st_size) >= kLogRotationBytes) {
+        bool shifted = false;
+        UniqueFd fresh = RotateLog(place, file.get(), shifted, rotationProblem);
+        if (fresh.valid() && ::fstat(fresh.get(), &info) == 0)
+            file = std::move(fresh);
+        else if (rotationProblem.empty())
+            rotationProblem = Reason("cannot look at the new log");
+    }
     std::fflush(stderr);
     if (::dup2(file.get(), STDERR_FILENO) < 0)
         return fail(Reason("cannot redirect the log"));
+    {
+        Rotation& rotation = TheRotation();
+        std::lock_guard<std::mutex> lock(rotation.mutex);
+        rotation.place = std::move(place);
+        rotation.log = std::move(file);
+        gLogBytes.store(static_cast<std::uint64_t>(info.st_size), std::memory_order_relaxed);
+        // After a failure every line would try again: the run keeps to the file it has.
+        gRotating.store(rotationProblem.empty(), std::memory_order_relaxed);
+    }
+    if (!rotationProblem.empty())
+        NSLog(RotationFailure(rotationProblem));
     return true;
 }
 
@@ -218,24 +450,11 @@ std::string GetSeparatorStringGivenType(int type) {
 }
 
 void NSLog(std::string_view message) {
-    using namespace std::chrono;
-    const auto now = system_clock::now();
-    const std::time_t seconds = system_clock::to_time_t(now);
-    const auto millis = duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
-    std::tm local{};
-    ::localtime_r(&seconds, &local);
-    char stamp[64];
-    std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02d %02d:%02d:%02d.%03lld ",
-                  local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                  local.tm_min, local.tm_sec, static_cast<long long>(millis));
-    std::string line = stamp;
-    line += program_invocation_short_name;
-    line += "[" + std::to_string(ProcessId()) + ":" + std::to_string(ThreadId()) + "] ";
-    line += message;
-    if (line.back() != '\n')
-        line += '\n';
-    // One write per line: with O_APPEND the line lands whole even with concurrent writers.
-    (void)WriteAll(STDERR_FILENO, line.data(), line.size());
+    const std::string line = ComposeLogLine(message);
+    if (gRotating.load(std::memory_order_relaxed) &&
+        gLogBytes.load(std::memory_order_relaxed) + line.size() > kLogRotationBytes)
+        RotateDuringRun(line.size());
+    WriteLine(line);
 }
 
 std::string ComposeHeadingLine(int type, const std::string& heading) {

@@ -3,6 +3,7 @@
 #include "base/Format.h"
 #include "runtime/Environment.h"
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,16 @@
 // owner's own next run can append. A log that an earlier root run created there (root's,
 // one name) is handed to the owner. False with the reason in problem when nothing is
 // redirected.
+//
+// The log rotates: a log of kLogRotationBytes or more is moved aside before the run writes
+// to it, and so is the log a line would take past that size during the run. "<log>.2"
+// becomes "<log>.3" (the oldest is dropped), "<log>.1" becomes "<log>.2", the log becomes
+// "<log>.1", and a new log is made, all as the folder's owner through the folder handle
+// the walk opened. When that fails the reason is logged and the run goes on writing to the
+// file it has open, with no further rotation in that run.
+inline constexpr std::uint64_t kLogRotationBytes = 10 * 1024 * 1024;
+inline constexpr int kLogRotationKept = 3;
+
 [[nodiscard]] bool StartLogging(const std::string& folder, const std::string& relativePath,
                                 std::string* problem = nullptr);
 
