@@ -4,6 +4,7 @@
 #include "runtime/PlatformPaths.h"
 
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 // The window that asks the user to quit applications: shows the names, runs modally until
@@ -24,17 +25,24 @@ public:
 // in the table's procRoot, the CFBundleName of the ".app" bundle that holds its executable
 // (the bundle's name when it has none), else the executable's file name. The search for the
 // bundle stops at the table's protected folders.
+//
+// The process "self" and every process descended from it (parent ids read from
+// "<procRoot>/<pid>/stat") are left out: the patcher's own bundle or name often matches the
+// applications it updates, and neither it nor what it started has to be quit by the user.
 class RunningApplications {
 public:
     virtual ~RunningApplications() = default;
     virtual std::vector<std::string> launchedApplications() const;
 
-    explicit RunningApplications(const PlatformPaths& paths)
-        : _procRoot(paths.procRoot), _protectedFolders(paths.protectedFolders) {}
+    // self: the process whose family is left out; 0 means the one listing, as getpid()
+    // gives it at the time of each listing.
+    explicit RunningApplications(const PlatformPaths& paths, pid_t self = 0)
+        : _procRoot(paths.procRoot), _protectedFolders(paths.protectedFolders), _self(self) {}
 
 private:
     std::string _procRoot;
     std::vector<std::string> _protectedFolders;
+    pid_t _self;
 };
 
 // Makes sure none of the configured applications runs before files are touched.

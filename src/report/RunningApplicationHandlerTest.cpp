@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -16,27 +17,42 @@ extern char** environ;
 
 namespace {
 
-// A real process running a copy of sleep from the given path.
+// The process of /proc that runs the executable, or -1.
+pid_t ProcessRunning(const std::string& executable) {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+        std::error_code linkError;
+        if (std::filesystem::read_symlink(entry.path() / "exe", linkError) == executable)
+            return static_cast<pid_t>(std::atoi(entry.path().filename().c_str()));
+    }
+    return -1;
+}
+
+// A real process running a copy of sleep from the given path. With throughShell the copy
+// is started by a shell, so it is a grandchild of the test.
 class RunningProcess {
 public:
-    explicit RunningProcess(const std::string& executable) {
+    explicit RunningProcess(const std::string& executable, bool throughShell = false) {
         std::filesystem::create_directories(std::filesystem::path(executable).parent_path());
         std::filesystem::copy_file("/bin/sleep", executable);
-        char* argv[] = {const_cast<char*>(executable.c_str()), const_cast<char*>("60"), nullptr};
-        EXPECT_EQ(::posix_spawn(&_pid, executable.c_str(), nullptr, nullptr, argv, environ), 0);
+        std::vector<std::string> args = {executable, "60"};
+        if (throughShell)
+            args = {"/bin/sh", "-c", "\"$0\" 60 & wait", executable};
+        std::vector<char*> argv;
+        for (auto& arg : args)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        EXPECT_EQ(::posix_spawn(&_pid, argv[0], nullptr, nullptr, argv.data(), environ), 0);
         // Wait until the program has been executed, so /proc names it.
-        const std::string link = "/proc/" + std::to_string(_pid) + "/exe";
-        for (int i = 0; i < 500; ++i) {
-            std::error_code error;
-            if (std::filesystem::read_symlink(link, error) == executable)
-                break;
+        for (int i = 0; i < 500 && (_sleeper = ProcessRunning(executable)) <= 0; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
     }
     ~RunningProcess() { stop(); }
+    pid_t pid() const { return _pid; }
     void stop() {
         if (_pid > 0) {
-            ::kill(_pid, SIGKILL);
+            // A shell is left to reap its sleeper and end by itself, so no orphan is left.
+            ::kill(_sleeper > 0 ? _sleeper : _pid, SIGKILL);
             ::waitpid(_pid, nullptr, 0);
             _pid = -1;
         }
@@ -44,7 +60,30 @@ public:
 
 private:
     pid_t _pid = -1;
+    pid_t _sleeper = -1;
 };
+
+// Beyond the kernel's highest process id (2^22): no process descends from it, so a listing
+// with it as self leaves nothing out, not even the processes this test starts.
+constexpr pid_t kNoProcess = 0x7fffffff;
+
+// A process of a fake /proc tree: its exe link (none when executable is empty) and, when
+// parent is not negative, a stat file with the parent and the start time.
+void WriteFakeProcess(const std::string& proc, long pid, const std::string& executable, long parent,
+                      unsigned long long start = 0, const std::string& command = "x") {
+    const std::string folder = proc + "/" + std::to_string(pid);
+    std::filesystem::create_directories(folder);
+    if (!executable.empty()) {
+        ASSERT_EQ(::symlink(executable.c_str(), (folder + "/exe").c_str()), 0);
+    }
+    if (parent < 0)
+        return;
+    std::string stat = std::to_string(pid) + " (" + command + ") S " + std::to_string(parent);
+    for (int field = 5; field < 22; ++field)
+        stat += " 0";
+    stat += " " + std::to_string(start) + " 0 0\n";
+    WriteTextFile(folder + "/stat", stat);
+}
 
 // Tests of other processes run at the same time and start editors of their own: this
 // process's editor carries its process id in its name.
@@ -95,7 +134,7 @@ protected:
                           Name() + "</string></dict></plist>");
     }
     TempDir dir;
-    RunningApplications running{PlatformPaths::defaults()};
+    RunningApplications running{PlatformPaths::defaults(), kNoProcess};
 };
 
 TEST_F(RunningApplicationHandlerTest, BundledProcessIsNamedByItsBundle) {
@@ -190,6 +229,87 @@ TEST_F(RunningApplicationHandlerTest, MissingProcFolderListsNothing) {
     paths.procRoot = dir.file("no-proc");
     RunningApplications nowhere(paths);
     EXPECT_TRUE(nowhere.launchedApplications().empty());
+}
+
+TEST_F(RunningApplicationHandlerTest, SelfAndItsDescendantsAreLeftOut) {
+    const std::string proc = dir.file("proc");
+    const std::string bundle = dir.file("Notes Update.app");
+    WriteTextFile(bundle + "/Contents/Info.plist",
+                  "<plist version=\"1.0\"><dict><key>CFBundleName</key>"
+                  "<string>Notes Update</string></dict></plist>\n");
+    WriteFakeProcess(proc, 1, "/sbin/init", 0, 1);
+    // The patcher, a child, and a grandchild through a child whose executable is not seen.
+    WriteFakeProcess(proc, 500, bundle + "/Contents/MacOS/NotesUpdate", 1, 100, "NotesUpdate");
+    WriteFakeProcess(proc, 501, "/opt/Notes/Notes", 500, 110, "Notes) (odd");
+    WriteFakeProcess(proc, 510, "", 500, 120);
+    WriteFakeProcess(proc, 511, "/opt/Notes/Notes", 510, 130);
+    // The same application, not started by the patcher.
+    WriteFakeProcess(proc, 600, "/opt/Notes/Notes", 1, 50);
+    // Gone while listed: its stat file is missing, so its parents are not known.
+    WriteFakeProcess(proc, 700, "/opt/Notes/Notes", -1);
+    // Its parent is gone.
+    WriteFakeProcess(proc, 701, "/opt/Notes/Notes", 800, 140);
+    // Its parent pid now names a process that started after it: a newer process that got
+    // the pid of its ended parent, so not its parent.
+    WriteFakeProcess(proc, 702, "/opt/Notes/Notes", 510, 115);
+    // Parents in a loop.
+    WriteFakeProcess(proc, 950, "/opt/Notes/Notes", 951, 150);
+    WriteFakeProcess(proc, 951, "/opt/Notes/Notes", 950, 150);
+    PlatformPaths paths;
+    paths.procRoot = proc;
+
+    RunningApplications asPatcher(paths, 500);
+    EXPECT_EQ(
+        asPatcher.launchedApplications(),
+        (std::vector<std::string>{"init", "Notes", "Notes", "Notes", "Notes", "Notes", "Notes"}));
+    RunningApplicationHandler handler(Entries({"^Notes"}), false, nullptr, asPatcher);
+    std::string names;
+    EXPECT_TRUE(handler.areOrvelAppsRunning(names));
+    EXPECT_EQ(names, "Notes\nNotes\nNotes\nNotes\nNotes\nNotes\n");
+
+    // Seen from the child, only the child and what descends from it are left out.
+    RunningApplications asChild(paths, 510);
+    EXPECT_EQ(asChild.launchedApplications(),
+              (std::vector<std::string>{"init", "Notes Update", "Notes", "Notes", "Notes", "Notes",
+                                        "Notes", "Notes", "Notes"}));
+
+    // Alone, the patcher's bundle matches: nothing else of the family runs.
+    for (long pid : {501, 511, 600, 700, 701, 702, 950, 951})
+        std::filesystem::remove_all(proc + "/" + std::to_string(pid));
+    RunningApplicationHandler updater(Entries({"^Notes"}), false, nullptr, asPatcher);
+    EXPECT_FALSE(updater.areOrvelAppsRunning(names));
+    EXPECT_EQ(names, "");
+    RunningApplications asAnother(paths, 600);
+    RunningApplicationHandler seenByAnother(Entries({"^Notes"}), false, nullptr, asAnother);
+    EXPECT_TRUE(seenByAnother.areOrvelAppsRunning(names));
+    EXPECT_EQ(names, "Notes Update\n");
+}
+
+TEST_F(RunningApplicationHandlerTest, RealChildrenOfSelfAreLeftOut) {
+    const std::string name = "OrvelNotes" + Tag();
+    RunningProcess child(dir.file("child/" + name));
+    RunningProcess grandchild(dir.file("grandchild/" + name), true);
+    RunningProcess other(dir.file("other/orvelunrelated" + Tag()));
+    const auto count = [&](const std::vector<std::string>& names) {
+        return std::count(names.begin(), names.end(), name);
+    };
+    EXPECT_EQ(
+        count(RunningApplications(PlatformPaths::defaults(), kNoProcess).launchedApplications()),
+        2);
+
+    RunningApplications asSelf(PlatformPaths::defaults());
+    EXPECT_EQ(count(asSelf.launchedApplications()), 0);
+    RunningApplications asTest(PlatformPaths::defaults(), ::getpid());
+    RunningApplicationHandler handler(Entries({"^" + name + "$"}), false, nullptr, asTest);
+    std::string names;
+    EXPECT_FALSE(handler.areOrvelAppsRunning(names));
+    EXPECT_EQ(names, "");
+
+    // Another process does not descend from the test: both copies are counted.
+    RunningApplications asOther(PlatformPaths::defaults(), other.pid());
+    RunningApplicationHandler fromOther(Entries({"^" + name + "$"}), false, nullptr, asOther);
+    EXPECT_TRUE(fromOther.areOrvelAppsRunning(names));
+    EXPECT_EQ(names, name + "\n" + name + "\n");
 }
 
 } // namespace
