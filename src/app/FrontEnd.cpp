@@ -5,10 +5,12 @@
 #include "base/StringTable.h"
 #include "report/KORInstallerResultsWrapper.h"
 #include "report/ProgressWindowController.h"
+#include "report/SilentReturnHandler.h"
 #include "report/UserInterface.h"
 #include "run/UpdateEngine.h"
 #include "runtime/CommonUtility.h"
 #include "runtime/Environment.h"
+#include "runtime/LoggerUtility.h"
 #include "runtime/MainLoop.h"
 #include "ui/QtMainLoop.h"
 #include "ui/QtProgressWindow.h"
@@ -85,7 +87,19 @@ int RunHeadless(const RunSetting& setting) {
     environment.userInterface = &ui;
     UpdateEngine engine(std::move(environment));
     loop.post([&engine] { engine.appLaunched(); });
-    return loop.run();
+    const int status = loop.run();
+    if (!GetENVsilentFlag())
+        return status;
+    // A silent run ends with its return code, so that a script can test it; one that ended
+    // without a result says so in the file too.
+    auto code = SilentReturnHandler::lastReturnCode();
+    if (!code) {
+        NSLevelledLog(0, "The run ended without a result; it counts as failed, with nothing "
+                         "changed");
+        code = SilentReturnCode::CancelledOrRolledBack;
+        SilentReturnHandler::setReturnCode(*code, setting.paths);
+    }
+    return static_cast<int>(*code);
 }
 
 int RunTerminal(const RunSetting& setting) {

@@ -1,10 +1,27 @@
+#include "app/CommandLine.h"
 #include "app/FrontEnd.h"
 #include "runtime/Environment.h"
 #include "runtime/RootEnvironment.h"
 
 #include <clocale>
+#include <cstdio>
 
 int main(int argc, char** argv) {
+    // Help, the version and a mistyped option end here, before anything else runs.
+    const CommandLine line = CommandLine::parse(argc, argv);
+    if (line.help || line.version) {
+        std::fputs(line.help ? PatcherUsage().c_str() : PatcherVersionText().c_str(), stdout);
+        return 0;
+    }
+    if (line.dryRun || line.resultJson || line.statusFd) {
+        std::fprintf(stderr, "PatcherApp: --dry-run, --result-json and --status-fd are not "
+                             "available in this version\n");
+        return 2;
+    }
+    if (!line.error.empty()) {
+        std::fprintf(stderr, "PatcherApp: %s\n%s", line.error.c_str(), PatcherUsage().c_str());
+        return 2;
+    }
     StartAgainWithoutUnsafeVariables(argv);
     ReadRunFlags(argc, argv);
     std::setlocale(LC_ALL, "");

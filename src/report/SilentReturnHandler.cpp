@@ -5,6 +5,7 @@
 #include "runtime/CommonUtility.h"
 #include "runtime/LoggerUtility.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -52,7 +53,29 @@ UniqueFd SilentReturnHandler::openResultFolder(const std::string& folder) {
     return handle;
 }
 
+namespace {
+std::atomic<int> lastCode{-1};
+} // namespace
+
+std::optional<SilentReturnCode> SilentReturnHandler::lastReturnCode() {
+    const int code = lastCode.load();
+    if (code < 0)
+        return std::nullopt;
+    return static_cast<SilentReturnCode>(code);
+}
+
+void SilentReturnHandler::removeReturnCode(const PlatformPaths& paths) {
+    const std::string& file = paths.returnCodeFile;
+    const std::string folder = ParentPath(file);
+    if (!PathExistsNoFollow(folder.empty() ? "." : folder))
+        return;
+    const UniqueFd handle = openResultFolder(folder.empty() ? "." : folder);
+    if (handle.valid() && ::unlinkat(handle.get(), LastPathComponent(file).c_str(), 0) == 0)
+        NSLevelledLog(0, "Removed the return code %@ of an earlier run", file);
+}
+
 void SilentReturnHandler::setReturnCode(SilentReturnCode code, const PlatformPaths& paths) {
+    lastCode = static_cast<int>(code);
     const std::string& file = paths.returnCodeFile;
     const std::string folder = ParentPath(file);
     const std::string name = LastPathComponent(file);

@@ -3,6 +3,7 @@
 #include "base/FileUtil.h"
 #include "runtime/PlatformPaths.h"
 
+#include <optional>
 #include <string>
 
 // The results of a silent run, by the numbers the return-code file holds. Codes 1, 2 and 4
@@ -33,6 +34,11 @@ class SilentReturnHandler {
 public:
     // Creates the file's folder when missing.
     static void setReturnCode(SilentReturnCode code, const PlatformPaths& paths);
+    // Removes the code an earlier run left, so that a caller never reads it as this run's;
+    // a folder that fails the checks above is left alone.
+    static void removeReturnCode(const PlatformPaths& paths);
+    // The last code this process set, written or not; none before the first.
+    static std::optional<SilentReturnCode> lastReturnCode();
     // A handle of folder (made when missing) when it passes the checks above; else none,
     // logged.
     static UniqueFd openResultFolder(const std::string& folder);

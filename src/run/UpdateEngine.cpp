@@ -124,6 +124,8 @@ bool UpdateEngine::startLog() {
         NSLevelledLog(3, "Logging Failed");
         NSLevelledLog(0, "The log %@ is not used: %@", _logPath, problem);
     }
+    if (_isSilentInstall)
+        SilentReturnHandler::removeReturnCode(_environment.paths);
     return true;
 }
 

@@ -363,7 +363,7 @@ TEST(Recovery, TheNextStartSaysWhatItFoundAndWhatItDid) {
             break;
     }
     ASSERT_TRUE(FileExists(kStateFolder + "/update-in-progress"));
-    ASSERT_EQ(RunBundle(s, s.bundle), 0);
+    ASSERT_EQ(RunBundle(s, s.bundle), 3);
     EXPECT_EQ(s.returnCode(), "3");
     EXPECT_EQ(update.count("That update had been committed: " + s.installDir +
                            " is at its new version; its journal is discarded"),
@@ -385,7 +385,7 @@ TEST(Signals, TermHupAndIntDuringTheWalkRollBackWithNine) {
         ResetInstallation(s);
         auto env = FaultAssignments(update.calls / 2, "");
         env.push_back("ORVEL_FAULT_SIGNAL=" + name);
-        ASSERT_EQ(RunBundle(s, s.bundle, env), 0) << s.patcherOutput();
+        ASSERT_EQ(RunBundle(s, s.bundle, env), 9) << s.patcherOutput();
         EXPECT_EQ(s.returnCode(), "9");
         EXPECT_EQ(update.count(logged + " "), 1) << ReadTextFile(s.logFile);
         EXPECT_EQ(update.count("received: the update is cancelled"), 1);
@@ -437,7 +437,7 @@ TEST(Lock, ASilentRunWaitsForTheLockAndGivesUpWithTwelve) {
                         CleanEnvironment({}));
     ASSERT_TRUE(WaitUntil([&] { return FileExists(held); }, 10s));
 
-    ASSERT_EQ(RunBundle(s, s.bundle, {"ORVEL_PATCHER_LOCK_WAIT=1"}), 0);
+    ASSERT_EQ(RunBundle(s, s.bundle, {"ORVEL_PATCHER_LOCK_WAIT=1"}), 12);
     EXPECT_EQ(s.returnCode(), "12");
     EXPECT_EQ(update.count("is updating this machine; waiting for it to finish"), 1);
     EXPECT_EQ(update.count("Another patcher is still updating this machine: giving up after 1 s"),
@@ -466,7 +466,7 @@ bool MountSmallTmpfs(const std::string& folder, const std::string& size) {
 void ExpectRolledBackForWantOfSpace(PreparedUpdate& update,
                                     const std::string& logged = "No space left on device") {
     Scenario& s = update.s;
-    ASSERT_EQ(RunBundle(s, s.bundle), 0) << s.patcherOutput();
+    ASSERT_EQ(RunBundle(s, s.bundle), 9) << s.patcherOutput();
     EXPECT_EQ(s.returnCode(), "9") << ReadTextFile(s.logFile);
     EXPECT_GE(update.count(logged), 1) << ReadTextFile(s.logFile);
     EXPECT_TRUE(s.logContains("Rollback successful"));

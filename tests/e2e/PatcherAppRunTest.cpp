@@ -41,7 +41,7 @@ int RunPatcher(const TempDir& home, std::vector<std::string> args) {
 
 TEST(PatcherAppRunTest, SilentRunAtWarningWritesFilteredLogWithPrefix) {
     TempDir home;
-    ASSERT_EQ(RunPatcher(home, {"-logLevel=warning", "-Silent"}), 0);
+    ASSERT_EQ(RunPatcher(home, {"-logLevel=warning", "-Silent"}), 6);
 
     const std::string logPath = home.path() + kLogInHome;
     ASSERT_TRUE(FileExists(logPath));
@@ -68,7 +68,7 @@ TEST(PatcherAppRunTest, SilentRunAtWarningWritesFilteredLogWithPrefix) {
 
 TEST(PatcherAppRunTest, SecondRunAppendsAndDebugShowsEverything) {
     TempDir home;
-    ASSERT_EQ(RunPatcher(home, {"-Silent"}), 0);
+    ASSERT_EQ(RunPatcher(home, {"-Silent"}), 6);
     const std::string logPath = home.path() + kLogInHome;
     const size_t firstRunLines = Lines(ReadTextFile(logPath)).size();
     ASSERT_EQ(RunPatcher(home, {}), 0);
@@ -88,7 +88,7 @@ TEST(PatcherAppRunTest, SecondRunAppendsAndDebugShowsEverything) {
 TEST(PatcherAppRunTest, UnwritableLogFolderFallsBackToStandardError) {
     TempDir home;
     WriteTextFile(home.file(".local"), "a file where the log folder should be");
-    ASSERT_EQ(RunPatcher(home, {"-Silent"}), 0);
+    ASSERT_EQ(RunPatcher(home, {"-Silent"}), 6);
     auto messages = Lines(ReadTextFile(home.file("stderr")));
     for (auto& line : messages)
         line = StripLogPrefix(line);

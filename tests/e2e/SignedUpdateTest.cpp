@@ -39,7 +39,7 @@ std::vector<std::string> SignedFiles(const Scenario& s) {
 void ExpectRefused(const Scenario& s, const std::string& reason) {
     const auto before = Snapshot(s.app);
     ::unlink(s.logFile.c_str());
-    (void)s.runPatcher({"-Silent"});
+    EXPECT_EQ(s.runPatcher({"-Silent"}), 11);
     EXPECT_EQ(s.returnCode(), "11") << ReadTextFile(s.logFile);
     EXPECT_GE(s.logIndex(reason, true), 0) << reason << "\n" << ReadTextFile(s.logFile);
     EXPECT_GE(s.logIndex("; nothing was changed", true), 0);
@@ -51,7 +51,7 @@ void ExpectRefused(const Scenario& s, const std::string& reason) {
 }
 
 void ExpectApplied(const Scenario& s) {
-    (void)s.runPatcher({"-Silent"});
+    EXPECT_EQ(s.runPatcher({"-Silent"}), 0);
     EXPECT_EQ(s.returnCode(), "0") << ReadTextFile(s.logFile);
     EXPECT_EQ(Md5OfFile(s.app + "/Contents/MacOS/Editor").value_or(""), s.md5.at("editor2"));
     EXPECT_TRUE(FileExists(s.historyFile));

@@ -80,7 +80,7 @@ TEST(SilentMode, ValidUpdateReturnsZeroAndRecordsThePatch) {
 
     // The same patcher again: the editor is now up to date.
     const auto updated = Snapshot(s.app);
-    ASSERT_EQ(s.runPatcher({"-Silent"}), 0);
+    ASSERT_EQ(s.runPatcher({"-Silent"}), 3);
     EXPECT_EQ(s.returnCode(), "3");
     EXPECT_TRUE(s.logContains("Verifying from patch file:"));
     EXPECT_TRUE(s.logContains("Repair Mode"));
@@ -111,7 +111,7 @@ TEST(SilentMode, NoDatabaseEntryReturnsFive) {
     s.updateEntries();
     s.assemble(s.manifest({}));
     const auto before = Snapshot(s.app);
-    ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
+    ASSERT_EQ(s.runPatcher({"-Silent"}), 5) << s.patcherOutput();
     ExpectEarlyEnd(s, before, "5", "The application to update could not be found.");
     EXPECT_TRUE(s.logContains("No entry for OrvelCode GUID (1) : " + s.code));
 }
@@ -123,7 +123,7 @@ TEST(SilentMode, WrongInstalledVersionReturnsSix) {
     s.registerInstallation("0.9");
     s.assemble(s.manifest(s.updateEntries()));
     const auto before = Snapshot(s.app);
-    ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
+    ASSERT_EQ(s.runPatcher({"-Silent"}), 6) << s.patcherOutput();
     ExpectEarlyEnd(s, before, "6", "The installed application cannot be updated by this patch.");
     EXPECT_TRUE(s.logContains("Version of installed App: 0.9"));
     EXPECT_TRUE(s.logContains("Version does not match."));
@@ -140,7 +140,7 @@ TEST(SilentMode, WrongBundleIdentifierReturnsSix) {
     plist.replace(plist.find("com.orvel.editor"), 16, "com.example.other");
     WriteTextFile(s.app + "/Contents/Info.plist", plist);
     const auto before = Snapshot(s.app);
-    ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
+    ASSERT_EQ(s.runPatcher({"-Silent"}), 6) << s.patcherOutput();
     ExpectEarlyEnd(s, before, "6", "The installed application cannot be updated by this patch.");
     EXPECT_TRUE(s.logContains("BundleIdentifier does not match"));
 }
@@ -156,7 +156,7 @@ TEST(SilentMode, TooLittleSpaceOnTheApplicationsVolumeReturnsSeven) {
     s.registerInstallation();
     s.assemble(s.manifest(s.updateEntries()));
     const auto before = Snapshot(s.app);
-    ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
+    ASSERT_EQ(s.runPatcher({"-Silent"}), 7) << s.patcherOutput();
     ExpectEarlyEnd(s, before, "7",
                    "There is not enough free space on the application's disk to install the "
                    "update.");
@@ -174,7 +174,7 @@ TEST(SilentMode, TooLittleSpaceOnTheSystemVolumeReturnsSeven) {
     s.registerInstallation();
     s.assemble(s.manifest(s.updateEntries()));
     const auto before = Snapshot(s.app);
-    ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
+    ASSERT_EQ(s.runPatcher({"-Silent"}), 7) << s.patcherOutput();
     ExpectEarlyEnd(s, before, "7",
                    "There is not enough free space on the system disk to install the update.");
 }
@@ -188,7 +188,7 @@ TEST(SilentMode, RunningEditorReturnsEight) {
     s.assemble(s.manifest(s.updateEntries()));
     const auto before = Snapshot(s.app);
     ChildProcess editor = s.startEditor();
-    ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
+    ASSERT_EQ(s.runPatcher({"-Silent"}), 8) << s.patcherOutput();
     EXPECT_TRUE(editor.running()) << "the patcher never quits applications itself";
     EXPECT_EQ(s.returnCode(), "8");
     EXPECT_EQ(Snapshot(s.app), before);
@@ -221,7 +221,7 @@ TEST(SilentMode, FailingEntryIsRolledBackAndReturnsNine) {
     WriteTextFile(s.app + "/Contents/Resources/keep.txt", "edited by the user\n");
     const auto before = Snapshot(s.app);
 
-    ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
+    ASSERT_EQ(s.runPatcher({"-Silent"}), 9) << s.patcherOutput();
     EXPECT_EQ(s.returnCode(), "9");
     // Every content, link and mode is back.
     EXPECT_EQ(Snapshot(s.app), before);
@@ -258,7 +258,7 @@ TEST(SilentMode, AFileChangedTwiceIsRolledBackToItsFirstState) {
     s.assemble(s.manifest(entries, false, false));
     const auto before = Snapshot(s.app);
 
-    ASSERT_EQ(s.runPatcher({"-Silent"}), 0) << s.patcherOutput();
+    ASSERT_EQ(s.runPatcher({"-Silent"}), 9) << s.patcherOutput();
     EXPECT_EQ(s.returnCode(), "9");
     EXPECT_TRUE(s.logContains("Rollback successful"));
     EXPECT_TRUE(s.logContains("Exit code: 2"));

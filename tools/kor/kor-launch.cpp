@@ -10,6 +10,7 @@
 // (~/.local/share/Orvel/Updater/Install/OrvelUpdaterInstallerData.plist), as the update
 // manager does before it launches an installer.
 
+#include "base/Version.h"
 #include "report/KORInstallerResults.h"
 
 #include <plist/plist.h>
@@ -97,6 +98,18 @@ int main(int argc, char** argv) {
     int i = 1;
     for (; i < argc; ++i) {
         std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            std::printf("usage: kor-launch --client APP_PATH [--id APP_ID] BUNDLE.app [ARGS...]\n"
+                        "Starts the patcher of BUNDLE.app as the update manager does, for the\n"
+                        "client application APP_PATH, and prints the result it sends:\n"
+                        "\"code: N\" and \"message: TEXT\". Exit status 0 when a result arrived,\n"
+                        "1 when none did, 2 on bad usage.\n");
+            return 0;
+        }
+        if (arg == "--version") {
+            std::printf("kor-launch (Orvel patcher) %s\n", kOrvelVersion);
+            return 0;
+        }
         if (arg == "--client" && i + 1 < argc)
             client = argv[++i];
         else if (arg == "--id" && i + 1 < argc)

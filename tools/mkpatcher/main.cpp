@@ -4,6 +4,7 @@
 #include "BundleAssembler.h"
 #include "BundleSigner.h"
 #include "PatcherBuilder.h"
+#include "base/Version.h"
 
 #include <unistd.h>
 
@@ -439,6 +440,10 @@ int main(int argc, char** argv) {
         return Sign(argc, argv);
     if (command == "verify")
         return Verify(argc, argv);
+    if (command == "--version") {
+        std::printf("mkpatcher (Orvel patcher) %s\n", kOrvelVersion);
+        return 0;
+    }
     if (command == "--help" || command == "-h" || command == "help") {
         std::printf("%s", kUsage);
         return 0;

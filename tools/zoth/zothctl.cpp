@@ -4,6 +4,7 @@
 // Exit status: 0 done; 1 the code is not registered (or already registered, for add);
 // 2 wrong command line; 3 the database could not be opened, read or written.
 #include "ZothStore.h"
+#include "base/Version.h"
 
 #include <cerrno>
 #include <climits>
@@ -310,6 +311,10 @@ int main(int argc, char** argv) {
         const std::string& arg = args[next];
         if (arg == "--help" || arg == "-h") {
             std::fputs(kUsage, stdout);
+            return kExitOk;
+        }
+        if (arg == "--version") {
+            std::printf("zothctl (Orvel patcher) %s\n", kOrvelVersion);
             return kExitOk;
         }
         if (arg == "--db") {
