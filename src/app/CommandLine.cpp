@@ -104,7 +104,7 @@ CommandLine CommandLine::parse(int argc, const char* const* argv) {
 }
 
 std::string PatcherUsage() {
-    return "usage: PatcherApp [-Silent] [-logLevel=LEVEL]\n"
+    return "usage: PatcherApp [-Silent] [-logLevel=LEVEL] [--result-json FILE] [--status-fd N]\n"
            "       PatcherApp --help | --version\n"
            "\n"
            "Brings the installed application this patcher is made for to the new version,\n"
@@ -118,6 +118,8 @@ std::string PatcherUsage() {
            "                     key, 12 another patcher busy)\n"
            "  -logLevel=LEVEL    debug (default), info, notice, warning, error, critical, alert\n"
            "                     or emergency\n"
+           "  --result-json FILE write the result as a JSON object when the run ends\n"
+           "  --status-fd N      write progress as JSON lines to file descriptor N\n"
            "  -h, --help         print this help and end\n"
            "  --version          print the version and end\n"
            "\n"

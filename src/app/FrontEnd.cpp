@@ -1,10 +1,12 @@
 #include "app/FrontEnd.h"
 
+#include "app/CommandLine.h"
 #include "app/TerminalFrontEnd.h"
 #include "base/AppBundle.h"
 #include "base/StringTable.h"
 #include "report/KORInstallerResultsWrapper.h"
 #include "report/ProgressWindowController.h"
+#include "report/RunRecorder.h"
 #include "report/SilentReturnHandler.h"
 #include "report/UserInterface.h"
 #include "run/UpdateEngine.h"
@@ -51,6 +53,7 @@ struct RunSetting {
     const PlatformPaths& paths;
     const std::optional<AppBundle>& bundle;
     const StringTable* strings;
+    RunRecorder* recorder;
 };
 
 KORInstallerResultsWrapper MakeReporter(const RunSetting& setting, UserInterface& ui) {
@@ -69,6 +72,7 @@ EngineEnvironment BaseEnvironment(const RunSetting& setting, MainLoop& loop,
     environment.bundle = setting.bundle;
     environment.paths = setting.paths;
     environment.strings = setting.strings;
+    environment.recorder = setting.recorder;
     // How long a silent or managed run waits for another patcher, in seconds.
     if (const char* wait = std::getenv("ORVEL_PATCHER_LOCK_WAIT")) {
         unsigned long seconds = 0;
@@ -160,23 +164,31 @@ void PrepareMessageLocale() {
     }
 }
 
-int RunPatcherApplication(int argc, char** argv) {
+int RunPatcherApplication(int argc, char** argv, const CommandLine& line) {
     PrepareMessageLocale();
     const auto bundle = AppBundle::mainBundle();
     std::unique_ptr<StringTable> strings;
     if (bundle)
         strings = std::make_unique<StringTable>(bundle->localePath());
     // The one place that takes the machine's table: everything below is handed it.
-    const RunSetting setting{PlatformPaths::defaults(), bundle, strings.get()};
+    RunRecorder recorder;
+    recorder.setOutputs(line.statusFd.value_or(-1), line.resultJson.value_or(""));
+    const RunSetting setting{PlatformPaths::defaults(), bundle, strings.get(), &recorder};
     const bool underUpdateManager =
         KORInstallerResultsWrapper(ReportingContext{}).runningUnderKOR();
+    int status = 0;
     switch (ChooseFrontEnd(GetENVsilentFlag(), underUpdateManager, HaveDisplay())) {
     case FrontEndKind::Qt:
-        return RunQt(argc, argv, setting);
+        status = RunQt(argc, argv, setting);
+        break;
     case FrontEndKind::Terminal:
-        return RunTerminal(setting);
+        status = RunTerminal(setting);
+        break;
     case FrontEndKind::Headless:
+        status = RunHeadless(setting);
         break;
     }
-    return RunHeadless(setting);
+    recorder.finish(SilentReturnCode::CancelledOrRolledBack, "The run ended without a result");
+    (void)recorder.writeResult();
+    return status;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+struct CommandLine;
+
 // Which front end a run gets: the Qt windows when a user started it and a display is
 // there, the terminal when a user started it without a display, and none (headless) for
 // silent and update-manager runs, which never need a display.
@@ -15,4 +17,4 @@ void PrepareMessageLocale();
 
 // Runs the patcher's event loop with the chosen front end until the run ends; returns the
 // process's exit status.
-int RunPatcherApplication(int argc, char** argv);
+int RunPatcherApplication(int argc, char** argv, const CommandLine& line);

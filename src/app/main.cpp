@@ -4,6 +4,7 @@
 #include "runtime/RootEnvironment.h"
 
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 
 int main(int argc, char** argv) {
@@ -13,17 +14,19 @@ int main(int argc, char** argv) {
         std::fputs(line.help ? PatcherUsage().c_str() : PatcherVersionText().c_str(), stdout);
         return 0;
     }
-    if (line.dryRun || line.resultJson || line.statusFd) {
-        std::fprintf(stderr, "PatcherApp: --dry-run, --result-json and --status-fd are not "
-                             "available in this version\n");
+    if (line.dryRun) {
+        std::fprintf(stderr, "PatcherApp: --dry-run is not available in this version\n");
         return 2;
     }
     if (!line.error.empty()) {
         std::fprintf(stderr, "PatcherApp: %s\n%s", line.error.c_str(), PatcherUsage().c_str());
         return 2;
     }
+    // A reader of the status stream or of standard error that goes away must not end an
+    // update half-way; a failed write is seen as such.
+    ::signal(SIGPIPE, SIG_IGN);
     StartAgainWithoutUnsafeVariables(argv);
     ReadRunFlags(argc, argv);
     std::setlocale(LC_ALL, "");
-    return RunPatcherApplication(argc, argv);
+    return RunPatcherApplication(argc, argv, line);
 }

@@ -4,6 +4,7 @@
 #include "base/StringTable.h"
 #include "report/KORInstallerResultsWrapper.h"
 #include "report/ProgressWindowController.h"
+#include "report/RunRecorder.h"
 #include "report/RunningApplicationHandler.h"
 #include "report/SilentReturnHandler.h"
 #include "report/UserInterface.h"
@@ -69,6 +70,8 @@ void UpdateEngine::endEarlyRun() {
 
 void UpdateEngine::endWithFailure(const char* key, SilentReturnCode silentCode) {
     const std::string message = localized(key);
+    if (_environment.recorder)
+        _environment.recorder->finish(silentCode, message);
     NSLevelledLog(3, "%@", message);
     if (_isSilentInstall)
         SilentReturnHandler::setReturnCode(silentCode, _environment.paths);
@@ -199,6 +202,12 @@ bool UpdateEngine::loadConfiguration() {
 bool UpdateEngine::decideMode() {
     _isRunningUnderKOR = _environment.reporter->runningUnderKOR();
     NSLevelledLog(0, "Mode of Execution: %@", modeOfExecution());
+    if (RunRecorder* recorder = _environment.recorder) {
+        recorder->setMode(modeOfExecution());
+        const ProductData& product = config().getAppLocateInfo();
+        recorder->setIdentity(config().getProductName().value_or(""),
+                              product.oldVersion.value_or(""), product.newVersion.value_or(""));
+    }
     return true;
 }
 
@@ -295,6 +304,7 @@ ManifestRunEnvironment UpdateEngine::manifestEnvironment() const {
     environment.serviceSettings = _environment.serviceSettings;
     environment.silent = GetENVsilentFlag();
     environment.cmdOptions.protectedFolders = _environment.paths.protectedFolders;
+    environment.recorder = _environment.recorder;
     return environment;
 }
 
@@ -370,6 +380,8 @@ bool UpdateEngine::acceptLocatorResult() {
         NSLevelledLog(3, "App is already up-to-date");
         const std::string message = StringWithFormat(localized("Up to date message"),
                                                      config().getProductName().value_or(""));
+        if (_environment.recorder)
+            _environment.recorder->finish(SilentReturnCode::AlreadyUpToDate, message);
         if (_isSilentInstall)
             SilentReturnHandler::setReturnCode(SilentReturnCode::AlreadyUpToDate,
                                                _environment.paths);
@@ -398,6 +410,9 @@ bool UpdateEngine::askWelcome() {
     const bool fullUserInterface = !_isRunningUnderKOR && !_isSilentInstall;
     if (fullUserInterface && showWelcomeDlg() == 1) {
         NSLevelledLog(3, "User cancelled, nothing to report");
+        if (_environment.recorder)
+            _environment.recorder->finish(SilentReturnCode::CancelledOrRolledBack,
+                                          "User cancelled");
         _environment.loop->terminate(0);
         return false;
     }
@@ -413,8 +428,14 @@ bool UpdateEngine::checkApplicationChosen() {
                          "if the application is already patched or damaged.");
         NSLevelledLog(3, "We assume that Application is already updated.");
         (void)_environment.reporter->setInstallerResults(0, std::string("TBD:Cancel Message"));
+        if (_environment.recorder)
+            _environment.recorder->finish(SilentReturnCode::AlreadyUpToDate,
+                                          "The application is taken to be up to date");
     } else {
         NSLevelledLog(3, "User has cancelled the installation");
+        if (_environment.recorder)
+            _environment.recorder->finish(SilentReturnCode::CancelledOrRolledBack,
+                                          "User has cancelled the installation");
         _environment.reporter->reportUpdateCancelled();
     }
     endEarlyRun();
@@ -441,6 +462,8 @@ bool UpdateEngine::checkRunningApplications() {
         return true;
 
     NSLevelledLog(3, "Following apps were not shutdown %@", names);
+    if (_environment.recorder)
+        _environment.recorder->finish(SilentReturnCode::ApplicationsStillRunning, names);
     if (_isSilentInstall)
         SilentReturnHandler::setReturnCode(SilentReturnCode::ApplicationsStillRunning,
                                            _environment.paths);

@@ -19,6 +19,7 @@ class MainLoop;
 class PatcherState;
 class ProcessManifest;
 class ProgressWindowController;
+class RunRecorder;
 class RunningApplications;
 class RunningAppsWindowController;
 class StringTable;
@@ -47,6 +48,7 @@ struct EngineEnvironment {
     // How long a silent or managed run waits for another patcher to finish before it gives
     // up; a run with a user waits as long as it takes.
     std::chrono::seconds unattendedLockWait{300};
+    RunRecorder* recorder = nullptr; // none: the result goes only where the mode sends it
 };
 
 // Drives one run of the patcher from launch to exit: log, mode, configuration, locating

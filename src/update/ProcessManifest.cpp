@@ -6,6 +6,7 @@
 #include "base/StringTable.h"
 #include "report/KORInstallerResultsWrapper.h"
 #include "report/ProgressWindowController.h"
+#include "report/RunRecorder.h"
 #include "report/SilentReturnHandler.h"
 #include "report/ThreadWorker.h"
 #include "runtime/CancelSignals.h"
@@ -105,6 +106,9 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
             filesToChecksumAhead(entries, dirToken, _appPath, {}),
             ChecksumPrefetcher::kEntriesBeforeStart, true);
     }
+    if (_environment.recorder)
+        _environment.recorder->progress("extracting", 0, 0,
+                                        JoinPath(_resourceDir, "Payload.cpio.gz"));
     (void)PayloadHandler::extractFile(_resourceDir, _payloadDir, fileSystem());
     if (_environment.state) {
         _backupDir = _environment.record.backupFolder;
@@ -288,11 +292,12 @@ std::string ProcessManifest::invokeAction(const XmlNode& rootNode, const std::st
     const auto aliases = Select(rootNode, "/Manifest/AliasSet/Alias");
     const auto directories = Select(rootNode, "/Manifest/DirectorySet/Directory");
 
-    if (progress && !isRollback) {
+    if (!isRollback) {
         currentNodesCount = 0;
         totalNodesCount = static_cast<int>(files.size() + bundleFiles.size() + aliases.size() +
                                            directories.size());
-        progress->setProperties(totalNodesCount);
+        if (progress)
+            progress->setProperties(totalNodesCount);
     }
 
     std::string result = kSuccessful;
@@ -348,22 +353,28 @@ bool ProcessManifest::progressStep(ProgressWindowController* progress,
             return false;
         }
     }
-    if (!progress)
-        return true;
+    RunRecorder* recorder = _environment.recorder;
     if (_isProcessingRollback) {
         --currentNodesCount;
-        progress->setProgress(currentNodesCount, workingFile);
+        if (recorder)
+            recorder->progress("undoing", currentNodesCount, totalNodesCount, workingFile);
+        if (progress)
+            progress->setProgress(currentNodesCount, workingFile);
         return true;
     }
-    // The user is answering the cancel question: wait for the answer.
-    while (progress->waitForCancelConfirmation())
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    if (progress->userCancelUpdate()) {
-        progress->setCancelButtonEnabled(false);
-        return false;
+    if (progress) {
+        // The user is answering the cancel question: wait for the answer.
+        while (progress->waitForCancelConfirmation())
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        if (progress->userCancelUpdate()) {
+            progress->setCancelButtonEnabled(false);
+            return false;
+        }
+        progress->setProgress(currentNodesCount, workingFile);
     }
-    progress->setProgress(currentNodesCount, workingFile);
     ++currentNodesCount;
+    if (recorder)
+        recorder->progress("applying", currentNodesCount, totalNodesCount, workingFile);
     return true;
 }
 
@@ -440,6 +451,7 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
             return kUserCancelled;
 
         const int32_t status = commands.performFileUpdationWithInfo(info);
+        recordOperation(info.Operation, info.DestinationPath, status);
         if (status == 1)
             return kPermanentError;
         if (status != 0)
@@ -579,6 +591,7 @@ std::string ProcessManifest::processDirectorySet(WorkDictionary& work, ThreadWor
         if (!progressStep(work.progress, info.DirectoryBase))
             return kUserCancelled;
         const int32_t status = work.cmdInterface->performDirectoryUpdationWithInfo(info);
+        recordOperation("Directory " + info.Operation, info.DirectoryBase, status);
         if (status == 2)
             return kUserCancelled;
         if (status != 0)
@@ -736,12 +749,31 @@ void ProcessManifest::forgetUpdate() {
     (void)state->removeBackupFolder(_backupDir);
 }
 
+void ProcessManifest::recordOperation(const std::string& keyword, const std::string& path,
+                                      int32_t status) {
+    if (!_environment.recorder || _isProcessingRollback)
+        return;
+    // The bytes are measured once the whole update is in place.
+    _environment.recorder->operation({keyword, path, status == 0 ? "done" : "failed", 0});
+}
+
 void ProcessManifest::report(int exitCode, int rollbackState) {
+    const SilentReturnCode code = exitCode == 0 ? SilentReturnCode::Updated
+                                  : (exitCode == 1 || rollbackState == 0)
+                                      ? SilentReturnCode::CancelledOrRolledBack
+                                      : SilentReturnCode::RollbackFailed;
+    const auto product = _dataLoader ? _dataLoader->getProductName().value_or("") : std::string();
+    if (RunRecorder* recorder = _environment.recorder) {
+        if (exitCode == 0)
+            recorder->measureDoneOperations();
+        recorder->setRolledBack(exitCode != 0 && rollbackState == 0);
+        recorder->finish(
+            code, exitCode == 0 ? StringWithFormat(localized("Patcher successful message"), product)
+                  : exitCode == 1      ? localized("Update cancelled message")
+                  : rollbackState == 0 ? localized("Error while updating")
+                                       : localized("Error while updating and rollback failed"));
+    }
     if (_isSilentInstall) {
-        const SilentReturnCode code = exitCode == 0 ? SilentReturnCode::Updated
-                                      : (exitCode == 1 || rollbackState == 0)
-                                          ? SilentReturnCode::CancelledOrRolledBack
-                                          : SilentReturnCode::RollbackFailed;
         SilentReturnHandler::setReturnCode(code, _environment.paths);
         return;
     }
@@ -749,8 +781,6 @@ void ProcessManifest::report(int exitCode, int rollbackState) {
     const KORInstallerResultsWrapper& reporter =
         _environment.reporter ? *_environment.reporter : withoutUserInterface;
     if (exitCode == 0) {
-        const auto product =
-            _dataLoader ? _dataLoader->getProductName().value_or("") : std::string();
         reporter.reportUpToDate(StringWithFormat(localized("Patcher successful message"), product));
     } else if (exitCode == 1) {
         reporter.reportUpdateCancelled();

@@ -38,6 +38,8 @@ struct WorkDictionary {
 
 // Everything outside the manifest that a run touches, handed in so tests can use folders,
 // services and a main loop of their own.
+class RunRecorder;
+
 struct ManifestRunEnvironment {
     MainLoop* loop = nullptr; // where the completion runs; required
     PlatformPaths paths;      // the run's fixed locations; required
@@ -57,6 +59,7 @@ struct ManifestRunEnvironment {
     // payloadDir/backupDir and nothing of the run outlives it.
     PatcherState* state = nullptr;
     PatcherState::Record record;
+    RunRecorder* recorder = nullptr; // none: no progress lines and no result for scripts
 };
 
 // Applies a manifest to the installed application on a background worker: services
@@ -146,6 +149,9 @@ private:
     // The seam every change to the disk goes through.
     FileSystem& fileSystem() const;
     void report(int exitCode, int rollbackState);
+    // One operation of the manifest as it turned out (status as CmdInterface gives it), for
+    // the run's result.
+    void recordOperation(const std::string& keyword, const std::string& path, int32_t status);
 
     std::string _manifestFile;
     std::string _payloadDir;
