@@ -45,8 +45,8 @@ TEST(RunRecorderTest, TheResultIsOneJsonObjectWithEveryOperation) {
                   "for o in r['operations']: print(o['keyword'], repr(o['path']), o['result'], "
                   "o['bytes'])");
     EXPECT_EQ(out, "9 Error while updating SILENT MODE Orvel \"Editor\" 1.0 2.0 True float Z\n"
-                   "ADD 'https://fd-gally.netlify.app/hf/opt/a\\nb.txt' done 12\n"
-                   "REMOVE 'https://fd-gally.netlify.app/hf/opt/old.txt' failed 0\n");
+                   "ADD '/opt/a\\nb.txt' done 12\n"
+                   "REMOVE '/opt/old.txt' failed 0\n");
 }
 
 TEST(RunRecorderTest, ProgressLinesGoToTheStatusDescriptorAndEndWithDone) {
