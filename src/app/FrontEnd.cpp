@@ -19,14 +19,22 @@
 #include "ui/QtRunningAppsDialog.h"
 #include "ui/QtUserInterface.h"
 
+#include "base/FileUtil.h"
+
 #include <QApplication>
 #include <QTimer>
 
 #include <charconv>
 #include <clocale>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <vector>
 
 FrontEndKind ChooseFrontEnd(bool silent, bool underUpdateManager, bool haveDisplay) {
     if (silent || underUpdateManager)
@@ -47,6 +55,80 @@ bool HaveDisplay() {
 
 namespace {
 
+// Connects a stream socket to the address; the error text when that fails.
+std::optional<std::string> TryConnect(const sockaddr* address, socklen_t length, int family) {
+    UniqueFd socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!socket.valid() || ::connect(socket.get(), address, length) != 0)
+        return std::string(std::strerror(errno));
+    return std::nullopt;
+}
+
+std::optional<std::string> TryUnixSocket(const std::string& path, bool abstract) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const size_t offset = abstract ? 1 : 0;
+    if (path.size() + offset >= sizeof address.sun_path)
+        return std::string("the socket name is too long");
+    std::memcpy(address.sun_path + offset, path.data(), path.size());
+    return TryConnect(
+        reinterpret_cast<const sockaddr*>(&address),
+        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + offset + path.size()), AF_UNIX);
+}
+
+} // namespace
+
+std::optional<std::string> DisplayProblem() {
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    if (wayland && *wayland) {
+        std::string path = wayland;
+        if (path.front() != '/') {
+            const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+            path = std::string(runtime ? runtime : "") + "/" + path;
+        }
+        if (!TryUnixSocket(path, false))
+            return std::nullopt;
+        // A Wayland session usually offers X as well; try that before giving up.
+    }
+    const char* platform = std::getenv("QT_QPA_PLATFORM");
+    if (platform && std::string(platform).rfind("offscreen", 0) == 0)
+        return std::nullopt;
+    const char* display = std::getenv("DISPLAY");
+    if (!display || !*display)
+        return std::string("no display is named");
+    // [host]:number[.screen], host "unix" or empty meaning this machine.
+    const std::string text = display;
+    const size_t colon = text.rfind(':');
+    const std::string host = colon == std::string::npos ? std::string() : text.substr(0, colon);
+    const std::string number = colon == std::string::npos
+                                   ? std::string()
+                                   : text.substr(colon + 1, text.find('.', colon) - colon - 1);
+    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos)
+        return "DISPLAY=" + text + " is not a display name";
+    if (host.empty() || host == "unix") {
+        const std::string socket = "/tmp/.X11-unix/X" + number;
+        if (!TryUnixSocket(socket, true))
+            return std::nullopt;
+        if (auto problem = TryUnixSocket(socket, false))
+            return "DISPLAY=" + text + ": " + socket + ": " + *problem;
+        return std::nullopt;
+    }
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const std::string port = std::to_string(6000 + std::stoi(number));
+    if (::getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0 || !found)
+        return "DISPLAY=" + text + ": the host " + host + " is not known";
+    std::optional<std::string> problem = std::string("no address");
+    for (addrinfo* address = found; address && problem; address = address->ai_next)
+        problem = TryConnect(address->ai_addr, address->ai_addrlen, address->ai_family);
+    ::freeaddrinfo(found);
+    if (problem)
+        return "DISPLAY=" + text + ": " + host + " port " + port + ": " + *problem;
+    return std::nullopt;
+}
+
+namespace {
+
 // What every front end hands the engine besides its own windows: the machine's table, the
 // patcher's bundle and its string tables.
 struct RunSetting {
@@ -54,6 +136,7 @@ struct RunSetting {
     const std::optional<AppBundle>& bundle;
     const StringTable* strings;
     RunRecorder* recorder;
+    std::vector<std::string> notes; // for the log, once it is open
 };
 
 KORInstallerResultsWrapper MakeReporter(const RunSetting& setting, UserInterface& ui) {
@@ -73,6 +156,7 @@ EngineEnvironment BaseEnvironment(const RunSetting& setting, MainLoop& loop,
     environment.paths = setting.paths;
     environment.strings = setting.strings;
     environment.recorder = setting.recorder;
+    environment.startNotes = setting.notes;
     // How long a silent or managed run waits for another patcher, in seconds.
     if (const char* wait = std::getenv("ORVEL_PATCHER_LOCK_WAIT")) {
         unsigned long seconds = 0;
@@ -116,7 +200,7 @@ int RunTerminal(const RunSetting& setting) {
     };
     TerminalProgressView progressView(loop, ui);
     ProgressWindowController progress(progressView, loop, strings);
-    TerminalRunningAppsWindow runningApps(ui, text("RunningAppsMessage"), text("Retry"),
+    TerminalRunningAppsWindow runningApps(ui, text("Terminal running apps message"), text("Retry"),
                                           text("Cancel"));
     InterruptToCancel interrupt(loop, progress);
     EngineEnvironment environment = BaseEnvironment(setting, loop, reporter);
@@ -173,11 +257,20 @@ int RunPatcherApplication(int argc, char** argv, const CommandLine& line) {
     // The one place that takes the machine's table: everything below is handed it.
     RunRecorder recorder;
     recorder.setOutputs(line.statusFd.value_or(-1), line.resultJson.value_or(""));
-    const RunSetting setting{PlatformPaths::defaults(), bundle, strings.get(), &recorder};
+    RunSetting setting{PlatformPaths::defaults(), bundle, strings.get(), &recorder, {}};
     const bool underUpdateManager =
         KORInstallerResultsWrapper(ReportingContext{}).runningUnderKOR();
+    FrontEndKind kind = ChooseFrontEnd(GetENVsilentFlag(), underUpdateManager, HaveDisplay());
+    if (kind == FrontEndKind::Qt) {
+        // The windows library ends the process when it cannot open its display; ask first.
+        if (auto problem = DisplayProblem()) {
+            setting.notes.push_back("The display cannot be opened (" + *problem +
+                                    "); the questions go to the terminal instead");
+            kind = FrontEndKind::Terminal;
+        }
+    }
     int status = 0;
-    switch (ChooseFrontEnd(GetENVsilentFlag(), underUpdateManager, HaveDisplay())) {
+    switch (kind) {
     case FrontEndKind::Qt:
         status = RunQt(argc, argv, setting);
         break;

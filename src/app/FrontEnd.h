@@ -1,5 +1,8 @@
 #pragma once
 
+#include <optional>
+#include <string>
+
 struct CommandLine;
 
 // Which front end a run gets: the Qt windows when a user started it and a display is
@@ -11,6 +14,10 @@ FrontEndKind ChooseFrontEnd(bool silent, bool underUpdateManager, bool haveDispl
 
 // True when DISPLAY or WAYLAND_DISPLAY names a display.
 bool HaveDisplay();
+
+// Nothing when the display the environment names answers a connection (the Wayland socket,
+// the X server's local socket or its TCP port); else why not, for the log.
+std::optional<std::string> DisplayProblem();
 
 // Makes the bundle's string tables usable whatever locales the machine has installed.
 void PrepareMessageLocale();

@@ -3,6 +3,7 @@
 #include "runtime/MainLoop.h"
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -16,14 +17,59 @@ bool IsTerminal(std::FILE* file) {
     return file && ::isatty(::fileno(file)) == 1;
 }
 
-std::string ReadLine(std::FILE* input) {
-    char buffer[256];
-    if (!std::fgets(buffer, sizeof buffer, input))
-        return {};
-    std::string line = buffer;
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
-        line.pop_back();
-    return line;
+// Set by SIGINT while a question waits for its answer.
+volatile std::sig_atomic_t gQuestionInterrupted = 0;
+
+void OnQuestionInterrupt(int) {
+    gQuestionInterrupted = 1;
+}
+
+// Ctrl-C answers the question being asked, for as long as this lives.
+class QuestionInterrupts {
+public:
+    QuestionInterrupts() {
+        gQuestionInterrupted = 0;
+        struct sigaction action {};
+        action.sa_handler = OnQuestionInterrupt;
+        sigemptyset(&action.sa_mask);
+        ::sigaction(SIGINT, &action, &_previous);
+    }
+    ~QuestionInterrupts() { ::sigaction(SIGINT, &_previous, nullptr); }
+    QuestionInterrupts(const QuestionInterrupts&) = delete;
+    QuestionInterrupts& operator=(const QuestionInterrupts&) = delete;
+
+private:
+    struct sigaction _previous {};
+};
+
+enum class Read { Line, EndOfInput, Interrupted };
+
+// One line typed on the terminal, read straight from its descriptor so that waiting can
+// end with Ctrl-C.
+Read ReadLine(std::FILE* input, std::string& line) {
+    line.clear();
+    const int fd = ::fileno(input);
+    for (;;) {
+        if (gQuestionInterrupted)
+            return Read::Interrupted;
+        pollfd wait{fd, POLLIN, 0};
+        const int ready = ::poll(&wait, 1, 100);
+        if (ready < 0 && errno != EINTR)
+            return Read::EndOfInput;
+        if (ready <= 0)
+            continue;
+        char c = 0;
+        const ssize_t got = ::read(fd, &c, 1);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return line.empty() ? Read::EndOfInput : Read::Line;
+        if (c == '\n')
+            break;
+        if (c != '\r')
+            line += c;
+    }
+    return Read::Line;
 }
 
 } // namespace
@@ -50,20 +96,38 @@ int TerminalUserInterface::runAlertPanel(AlertStyle style, const std::string& ti
     if (!otherButton.empty())
         choices.push_back({&otherButton, kAlertOtherReturn});
 
+    // The cancel answer: the alternate button when there is one.
+    const Choice& cancel = choices.size() > 1 ? choices[1] : choices[0];
     if (choices.size() == 1 || !IsTerminal(_input)) {
         std::fprintf(_output, "[%s]\n", defaultButton.c_str());
         std::fflush(_output);
         return kAlertDefaultReturn;
     }
+    if (_endOfInput) {
+        std::fprintf(_output, "[%s: the input has ended]\n", cancel.text->c_str());
+        std::fflush(_output);
+        return cancel.result;
+    }
+    QuestionInterrupts interrupts;
     for (;;) {
-        for (size_t i = 0; i < choices.size(); ++i)
-            std::fprintf(_output, "  %zu) %s%s\n", i + 1, choices[i].text->c_str(),
-                         i == 0 ? " (default)" : "");
+        for (size_t i = 0; i < choices.size(); ++i) {
+            std::string keys = i == 0 ? "Enter or 1" : std::to_string(i + 1);
+            if (&choices[i] == &cancel)
+                keys += ", Ctrl-C";
+            std::fprintf(_output, "  %zu) %s  [%s]\n", i + 1, choices[i].text->c_str(),
+                         keys.c_str());
+        }
         std::fprintf(_output, "> ");
         std::fflush(_output);
-        if (std::feof(_input))
-            return kAlertDefaultReturn;
-        const std::string answer = ReadLine(_input);
+        std::string answer;
+        const Read read = ReadLine(_input, answer);
+        if (read != Read::Line) {
+            _endOfInput = read == Read::EndOfInput;
+            std::fprintf(_output, "%s\n[%s]\n", read == Read::Interrupted ? "^C" : "",
+                         cancel.text->c_str());
+            std::fflush(_output);
+            return cancel.result;
+        }
         if (answer.empty())
             return kAlertDefaultReturn;
         const unsigned long picked = std::strtoul(answer.c_str(), nullptr, 10);
@@ -74,6 +138,16 @@ int TerminalUserInterface::runAlertPanel(AlertStyle style, const std::string& ti
                 return choice.result;
         }
     }
+}
+
+bool TerminalUserInterface::answersCanCome() const {
+    return IsTerminal(_input) && !_endOfInput;
+}
+
+void TerminalUserInterface::tell(const std::string& title, const std::string& message,
+                                 const std::string& note) {
+    std::fprintf(_output, "\n! %s\n%s\n[%s]\n", title.c_str(), message.c_str(), note.c_str());
+    std::fflush(_output);
 }
 
 TerminalProgressView::TerminalProgressView(MainLoop& loop, UserInterface& questions,
@@ -142,8 +216,9 @@ void TerminalProgressView::beginCancelSheet(const std::string& title, const std:
     });
 }
 
-TerminalRunningAppsWindow::TerminalRunningAppsWindow(UserInterface& questions, std::string heading,
-                                                     std::string retry, std::string cancel)
+TerminalRunningAppsWindow::TerminalRunningAppsWindow(TerminalUserInterface& questions,
+                                                     std::string heading, std::string retry,
+                                                     std::string cancel)
     : _questions(questions), _heading(std::move(heading)), _retry(std::move(retry)),
       _cancel(std::move(cancel)) {}
 
@@ -153,6 +228,11 @@ void TerminalRunningAppsWindow::resetRunningApplications(const std::string& name
 }
 
 void TerminalRunningAppsWindow::runModal() {
+    if (!_questions.answersCanCome()) {
+        _questions.tell(_heading, _names, _cancel + ": nobody can answer on standard input");
+        _userAction = 2;
+        return;
+    }
     const int answer =
         _questions.runAlertPanel(AlertStyle::Warning, _heading, _names, _retry, _cancel);
     _userAction = answer == kAlertDefaultReturn ? 1 : 2;

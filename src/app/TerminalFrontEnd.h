@@ -14,6 +14,11 @@ class MainLoop;
 // and alerts on the terminal, answered on standard input when it is a terminal (the
 // default button otherwise), and a progress line. The log keeps standard error, so all of
 // this goes to standard output.
+//
+// Enter takes the default answer, a number or the start of a button's text another one.
+// Ctrl-C at a question answers with its cancel button (the alternate one, the only one
+// when there is no other); so does the end of input (Ctrl-D), after which every later
+// question takes its cancel answer too.
 class TerminalUserInterface final : public UserInterface {
 public:
     explicit TerminalUserInterface(std::FILE* input = stdin, std::FILE* output = stdout);
@@ -21,9 +26,15 @@ public:
                       const std::string& defaultButton, const std::string& alternateButton = {},
                       const std::string& otherButton = {}) override;
 
+    // Whether a person can still answer: standard input is a terminal that has not ended.
+    bool answersCanCome() const;
+    // Prints what a question would say, for a question nobody can answer.
+    void tell(const std::string& title, const std::string& message, const std::string& note);
+
 private:
     std::FILE* _input;
     std::FILE* _output;
+    bool _endOfInput = false;
 };
 
 class TerminalProgressView final : public ProgressView {
@@ -63,7 +74,9 @@ private:
 
 class TerminalRunningAppsWindow final : public RunningAppsWindowController {
 public:
-    explicit TerminalRunningAppsWindow(UserInterface& questions, std::string heading,
+    // Asks again after every Retry, so it is asked only while answersCanCome(): without a
+    // person to answer, it ends with Cancel at once instead of for ever.
+    explicit TerminalRunningAppsWindow(TerminalUserInterface& questions, std::string heading,
                                        std::string retry, std::string cancel);
 
     void resetRunningApplications(const std::string& names) override;
@@ -71,7 +84,7 @@ public:
     int getUserAction() const override { return _userAction; }
 
 private:
-    UserInterface& _questions;
+    TerminalUserInterface& _questions;
     std::string _heading;
     std::string _retry;
     std::string _cancel;

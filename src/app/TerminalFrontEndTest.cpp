@@ -90,7 +90,44 @@ TEST(TerminalUserInterfaceTest, AnswersTypedOnTheTerminal) {
     pty.type("7\n\n");
     EXPECT_EQ(ui.runAlertPanel(AlertStyle::Informational, "t", "m", "Continue", "Cancel"),
               kAlertDefaultReturn);
-    EXPECT_NE(out.text().find("1) Continue (default)\n  2) Cancel\n> "), std::string::npos);
+    EXPECT_NE(out.text().find("  1) Continue  [Enter or 1]\n  2) Cancel  [2, Ctrl-C]\n> "),
+              std::string::npos)
+        << out.text();
+}
+
+TEST(TerminalUserInterfaceTest, TheEndOfInputAnswersWithCancelFromThenOn) {
+    PseudoTerminal pty;
+    OutputFile out;
+    TerminalUserInterface ui(pty.terminal(), out.get());
+    pty.type("\x04"); // Ctrl-D at the start of a line
+    EXPECT_EQ(ui.runAlertPanel(AlertStyle::Informational, "t", "m", "Continue", "Cancel"),
+              kAlertAlternateReturn);
+    EXPECT_FALSE(ui.answersCanCome());
+    EXPECT_EQ(ui.runAlertPanel(AlertStyle::Informational, "t", "m", "Retry", "Cancel"),
+              kAlertAlternateReturn);
+    EXPECT_NE(out.text().find("[Cancel: the input has ended]"), std::string::npos) << out.text();
+}
+
+TEST(TerminalUserInterfaceTest, CtrlCAtAQuestionAnswersWithCancel) {
+    PseudoTerminal pty;
+    OutputFile out;
+    TerminalUserInterface ui(pty.terminal(), out.get());
+    // SIGINT would end the test program but for the question's own handling of it.
+    std::thread interrupter([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        ::kill(::getpid(), SIGINT);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ui.runAlertPanel(AlertStyle::Informational, "t", "m", "Continue", "Cancel"),
+              kAlertAlternateReturn);
+    interrupter.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_NE(out.text().find("^C\n[Cancel]"), std::string::npos) << out.text();
+    // The next question is asked as usual.
+    EXPECT_TRUE(ui.answersCanCome());
+    pty.type("\n");
+    EXPECT_EQ(ui.runAlertPanel(AlertStyle::Informational, "t", "m", "Continue", "Cancel"),
+              kAlertDefaultReturn);
 }
 
 TEST(TerminalProgressViewTest, WithoutATerminalPrintsALineEveryTenth) {
@@ -149,6 +186,27 @@ TEST(TerminalRunningAppsWindowTest, RetryOrCancel) {
     window.runModal();
     EXPECT_EQ(window.getUserAction(), 2);
     EXPECT_NE(out.text().find("Quit these:\nOrvel Editor\n"), std::string::npos);
+    // The end of input: Cancel, not Retry for ever.
+    pty.type("\x04");
+    window.runModal();
+    EXPECT_EQ(window.getUserAction(), 2);
+    window.runModal();
+    EXPECT_EQ(window.getUserAction(), 2);
+}
+
+TEST(TerminalRunningAppsWindowTest, WithoutATerminalItCancelsAtOnce) {
+    OutputFile out;
+    TempDir dir;
+    WriteTextFile(dir.file("in"), "\n\n\n");
+    std::FILE* in = std::fopen(dir.file("in").c_str(), "r");
+    TerminalUserInterface ui(in, out.get());
+    TerminalRunningAppsWindow window(ui, "Quit these:", "Retry", "Cancel");
+    window.resetRunningApplications("Orvel Editor\n");
+    window.runModal();
+    std::fclose(in);
+    EXPECT_EQ(window.getUserAction(), 2);
+    EXPECT_NE(out.text().find("[Cancel: nobody can answer on standard input]"), std::string::npos)
+        << out.text();
 }
 
 } // namespace

@@ -118,6 +118,8 @@ bool UpdateEngine::startLog() {
         NSFormatLogWithHeading(0, "Orvel Software Update");
         NSFormatLog(0);
     }
+    for (const std::string& note : _environment.startNotes)
+        NSLevelledLog(0, "%@", note);
     if (!KORResultsLibrary::loadProblem().empty())
         NSLevelledLog(0, "%@", KORResultsLibrary::loadProblem());
     if (!IgnoredEnvironment().empty())

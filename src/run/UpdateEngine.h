@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 class InstalledApp;
 class KORInstallerResultsWrapper;
@@ -48,7 +49,8 @@ struct EngineEnvironment {
     // How long a silent or managed run waits for another patcher to finish before it gives
     // up; a run with a user waits as long as it takes.
     std::chrono::seconds unattendedLockWait{300};
-    RunRecorder* recorder = nullptr; // none: the result goes only where the mode sends it
+    RunRecorder* recorder = nullptr;     // none: the result goes only where the mode sends it
+    std::vector<std::string> startNotes; // what the front end has to say, logged at the start
 };
 
 // Drives one run of the patcher from launch to exit: log, mode, configuration, locating

@@ -142,6 +142,24 @@ TEST(Automation, HelpAndVersionNeverStartAnUpdate) {
     EXPECT_FALSE(FileExists(s.returnCodeFile));
 }
 
+// A display that is named but not there: the terminal front end instead of an abort, and,
+// without a terminal either, the default answers.
+TEST(Automation, AnUnreachableDisplayFallsBackToTheTerminal) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    s.installApplication();
+    s.registerInstallation();
+    s.assemble(s.manifest(s.updateEntries()));
+    EXPECT_EQ(s.runPatcher({}, {"DISPLAY=:97"}), 0) << s.patcherOutput();
+    EXPECT_GE(s.logIndex("The display cannot be opened (DISPLAY=:97: /tmp/.X11-unix/X97: ", true),
+              0)
+        << ReadTextFile(s.logFile);
+    EXPECT_GE(s.logIndex("); the questions go to the terminal instead", true), 0);
+    EXPECT_NE(s.patcherOutput().find("[Continue]"), std::string::npos) << s.patcherOutput();
+    EXPECT_TRUE(s.logContains("Exit code: 0"));
+    EXPECT_TRUE(FileExists(s.historyFile));
+}
+
 TEST(Automation, ASilentRunRemovesTheCodeAnEarlierRunLeft) {
     ORVEL_E2E_IN_PRIVATE_SYSTEM();
     Scenario s;
