@@ -10,7 +10,7 @@ packages=(
   libdivsufsort-dev libsqlite3-dev sqlite3 zlib1g-dev qt6-base-dev gettext
   libgtest-dev libgmock-dev
   xvfb xdotool x11-apps netpbm e2fsprogs bsdiff cpio util-linux dpkg procps rsync bc python3
-  strace openssl tmux
+  strace openssl tmux pkexec
 )
 
 missing=()

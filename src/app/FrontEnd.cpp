@@ -1,6 +1,7 @@
 #include "app/FrontEnd.h"
 
 #include "app/CommandLine.h"
+#include "app/Elevation.h"
 #include "app/TerminalFrontEnd.h"
 #include "base/AppBundle.h"
 #include "base/StringTable.h"
@@ -231,6 +232,46 @@ int RunQt(int argc, char** argv, const RunSetting& setting) {
     return QApplication::exec();
 }
 
+constexpr const char* kPkexec = "/usr/bin/pkexec";
+
+// This program's own path and its arguments.
+std::vector<std::string> OwnCommandLine(int argc, char** argv) {
+    char path[4096];
+    const ssize_t length =
+        ::readlink("/proc/self/exe", path, sizeof path - 1);
+    std::vector<std::string> line = {length > 0 ? std::string(path, static_cast<size_t>(length))
+                                                : std::string(argv[0])};
+    line.insert(line.end(), argv + 1, argv + argc);
+    return line;
+}
+
+// The words quoted for a shell, for a command line to copy.
+std::string ShellWords(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) {
+        const bool plain =
+            !word.empty() &&
+            word.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                   "0123456789/._-=+:,") == std::string::npos;
+        std::string quoted = "'";
+        for (const char c : word)
+            quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        text += (text.empty() ? "" : " ") + (plain ? word : quoted + "'");
+    }
+    return text;
+}
+
+// An alert in a window of its own, before anything else has run.
+void TellInWindow(int argc, char** argv, const RunSetting& setting, const char* key) {
+    QApplication application(argc, argv);
+    QtUserInterface ui;
+    const auto text = [&setting](const char* name) {
+        return setting.strings ? setting.strings->localizedString(name) : std::string(name);
+    };
+    (void)ui.runAlertPanel(AlertStyle::Critical, text("Administrator needed title"), text(key),
+                           text("OK"));
+}
+
 } // namespace
 
 void PrepareMessageLocale() {
@@ -268,6 +309,34 @@ int RunPatcherApplication(int argc, char** argv, const CommandLine& line) {
                                     "); the questions go to the terminal instead");
             kind = FrontEndKind::Terminal;
         }
+    }
+    switch (DecideElevation(::geteuid() == 0, kind, ::access(kPkexec, X_OK) == 0)) {
+    case Elevation::NotNeeded:
+        break;
+    case Elevation::UseSudo:
+        std::fprintf(stderr,
+                     "PatcherApp: the update changes files that only root may change; nothing "
+                     "was changed.\nStart it again as root:\n  sudo %s\n",
+                     ShellWords(OwnCommandLine(argc, argv)).c_str());
+        return 1;
+    case Elevation::ThroughPkexec: {
+        std::vector<std::string> arguments(argv + 1, argv + argc);
+        const int elevated =
+            RunAndWait(PkexecCommandLine(kPkexec, OwnCommandLine(argc, argv).front(), arguments,
+                                         [](const std::string& name) -> std::optional<std::string> {
+                                             const char* value = std::getenv(name.c_str());
+                                             if (!value)
+                                                 return std::nullopt;
+                                             return std::string(value);
+                                         }));
+        if (!ElevationWasRefused(elevated))
+            return elevated;
+        TellInWindow(argc, argv, setting, "Administrator refused message");
+        return 1;
+    }
+    case Elevation::Unavailable:
+        TellInWindow(argc, argv, setting, "Administrator unavailable message");
+        return 1;
     }
     int status = 0;
     switch (kind) {

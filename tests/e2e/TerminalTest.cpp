@@ -125,4 +125,20 @@ TEST(Terminal, WithoutATerminalTheRunningApplicationsQuestionEndsAtOnce) {
     editor.kill();
 }
 
+TEST(Terminal, AUserWhoIsNotRootIsToldToUseSudoAndNothingChanges) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    Prepare(s);
+    const auto before = Snapshot(s.app);
+    std::string output;
+    EXPECT_EQ(RunTool({"setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups",
+                       s.bundle + "/Contents/MacOS/PatcherApp"},
+                      &output, {"HOME=/tmp", "LANG=C.UTF-8"}),
+              1);
+    EXPECT_NE(output.find("only root may change; nothing was changed"), std::string::npos)
+        << output;
+    EXPECT_NE(output.find("  sudo " + s.bundle.substr(0, 0)), std::string::npos) << output;
+    EXPECT_EQ(Snapshot(s.app), before);
+}
+
 } // namespace

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -265,6 +267,86 @@ TEST(UserInterface, AnUpdateSignedByAnUntrustedKeyEndsInTheFailureAlert) {
     Screenshot(alert, "untrusted-update");
     PressKeys(alert, {"Return"});
     ExpectPatcherEnds(patcher, s);
+    EXPECT_EQ(Snapshot(s.app), before);
+    EXPECT_FALSE(FileExists(s.historyFile));
+}
+
+// A desktop user who is not root: the patcher starts itself again through pkexec (here a
+// stand-in that records what it is given and answers as pkexec would).
+class FakePkexec {
+public:
+    explicit FakePkexec(int status) {
+        WriteTextFile(kScript, "#!/bin/sh\nprintf '%s\\n' \"$@\" > " + kArguments + "\nexit " +
+                                   std::to_string(status) + "\n");
+        ::chmod(kScript.c_str(), 0755);
+        ::chmod("/tmp/e2e", 0755);
+        // Written by the desktop user.
+        WriteTextFile(kArguments, "");
+        ::chmod(kArguments.c_str(), 0666);
+        mounted = ::mount(kScript.c_str(), "/usr/bin/pkexec", nullptr, MS_BIND, nullptr) == 0;
+    }
+    ~FakePkexec() {
+        if (mounted)
+            ::umount("/usr/bin/pkexec");
+    }
+    std::vector<std::string> arguments() const {
+        std::vector<std::string> lines;
+        std::istringstream in(ReadTextFile(kArguments));
+        for (std::string line; std::getline(in, line);)
+            lines.push_back(line);
+        return lines;
+    }
+    bool mounted = false;
+    const std::string kScript = "/tmp/e2e/fake-pkexec";
+    const std::string kArguments = "/tmp/e2e/pkexec-arguments";
+};
+
+ChildProcess StartAsDesktopUser(const Scenario& s) {
+    const std::string home = "/tmp/e2e/desktop-user";
+    fs::create_directories(home);
+    ::chown(home.c_str(), 65534, 65534);
+    std::vector<std::string> env = DesktopSession();
+    env.insert(env.end(), {"HOME=" + home, "LANG=C.UTF-8"});
+    return ChildProcess({"setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups",
+                         s.bundle + "/Contents/MacOS/PatcherApp", "-logLevel=info"},
+                        CleanEnvironment(env), s.work + "/patcher-output.txt");
+}
+
+TEST(UserInterface, ADesktopUserWhoIsNotRootIsAskedForAnAdministratorThroughPkexec) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    if (::access("/usr/bin/pkexec", F_OK) != 0)
+        GTEST_SKIP() << "pkexec is not installed";
+    Scenario s;
+    VirtualDisplay display;
+    ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
+    s.assemble(s.manifest(PrepareUpdate(s)));
+    const auto before = Snapshot(s.app);
+    {
+        // Elevation given: the run as root is pkexec's child, whose status is the patcher's.
+        FakePkexec pkexec(0);
+        ASSERT_TRUE(pkexec.mounted);
+        ChildProcess patcher = StartAsDesktopUser(s);
+        ASSERT_EQ(patcher.wait(60s), 0) << s.patcherOutput();
+        // LANGUAGE too, which the patcher sets from LANG for its texts.
+        auto arguments = pkexec.arguments();
+        std::erase_if(arguments,
+                      [](const std::string& word) { return word.rfind("LANGUAGE=", 0) == 0; });
+        EXPECT_EQ(arguments,
+                  (std::vector<std::string>{
+                      "/usr/bin/env", std::string("DISPLAY=") + VirtualDisplay::kName,
+                      "XDG_RUNTIME_DIR=/tmp/e2e/runtime", "HOME=/tmp/e2e/desktop-user",
+                      "LANG=C.UTF-8", s.bundle + "/Contents/MacOS/PatcherApp", "-logLevel=info"}));
+    }
+    {
+        // Refused: an alert, and nothing changes.
+        FakePkexec pkexec(126);
+        ChildProcess patcher = StartAsDesktopUser(s);
+        const std::string alert = WaitForWindow("^Administrator Rights Needed$");
+        ASSERT_FALSE(alert.empty()) << s.patcherOutput();
+        Screenshot(alert, "administrator-refused");
+        PressKeys(alert, {"Return"});
+        EXPECT_EQ(patcher.wait(30s), 1);
+    }
     EXPECT_EQ(Snapshot(s.app), before);
     EXPECT_FALSE(FileExists(s.historyFile));
 }
