@@ -75,6 +75,8 @@ CommandLine CommandLine::parse(int argc, const char* const* argv) {
         } else if (Lower(arg).find("-silent") != std::string::npos ||
                    Lower(arg).find("-loglevel=") != std::string::npos) {
             // Read by ReadRunFlags, which finds them anywhere, in any case.
+            line.logLevelGiven =
+                line.logLevelGiven || Lower(arg).find("-loglevel=") != std::string::npos;
         } else if (arg == "--dry-run") {
             line.dryRun = true;
         } else if (named("--result-json")) {
@@ -104,7 +106,8 @@ CommandLine CommandLine::parse(int argc, const char* const* argv) {
 }
 
 std::string PatcherUsage() {
-    return "usage: PatcherApp [-Silent] [-logLevel=LEVEL] [--result-json FILE] [--status-fd N]\n"
+    return "usage: PatcherApp [-Silent] [-logLevel=LEVEL] [--dry-run] [--result-json FILE]\n"
+           "                  [--status-fd N]\n"
            "       PatcherApp --help | --version\n"
            "\n"
            "Brings the installed application this patcher is made for to the new version,\n"
@@ -120,6 +123,8 @@ std::string PatcherUsage() {
            "                     or emergency\n"
            "  --result-json FILE write the result as a JSON object when the run ends\n"
            "  --status-fd N      write progress as JSON lines to file descriptor N\n"
+           "  --dry-run          check everything a run checks and change nothing; print a\n"
+           "                     summary, exit with the code a run would end with\n"
            "  -h, --help         print this help and end\n"
            "  --version          print the version and end\n"
            "\n"

@@ -10,6 +10,7 @@ struct CommandLine {
     bool help = false;                     // --help, -h: print the usage and end
     bool version = false;                  // --version: print the version and end
     bool dryRun = false;                   // --dry-run: check everything, change nothing
+    bool logLevelGiven = false;            // "-logLevel=" is among the arguments
     std::optional<std::string> resultJson; // --result-json PATH: the result as JSON
     std::optional<int> statusFd;           // --status-fd N: progress as JSON lines
     std::string error;                     // why the command line is refused; empty when not

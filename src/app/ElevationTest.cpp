@@ -20,21 +20,18 @@ TEST(ElevationTest, ThePkexecCommandLineCarriesWhatTheWindowsNeedAndTheArguments
     const std::map<std::string, std::string> environment = {
         {"DISPLAY", ":0"},       {"XAUTHORITY", "/home/ann/.Xauthority"}, {"HOME", "/home/ann"},
         {"LANG", "de_DE.UTF-8"}, {"LD_PRELOAD", "/tmp/evil.so"},          {"WAYLAND_DISPLAY", ""}};
-    const auto line = PkexecCommandLine(
-        "/usr/bin/pkexec",
-        "/tmp/U p.app/Contents/MacOS/PatcherApp",
-        {"-logLevel=info", "x y"}, [&](const std::string& name) -> std::optional<std::string> {
-            const auto found = environment.find(name);
-            if (found == environment.end())
-                return std::nullopt;
-            return found->second;
-        });
+    const auto line = PkexecCommandLine("/usr/bin/pkexec", "/tmp/U p.app/Contents/MacOS/PatcherApp",
+                                        {"-logLevel=info", "x y"},
+                                        [&](const std::string& name) -> std::optional<std::string> {
+                                            const auto found = environment.find(name);
+                                            if (found == environment.end())
+                                                return std::nullopt;
+                                            return found->second;
+                                        });
     EXPECT_EQ(line, (std::vector<std::string>{
-                        "/usr/bin/pkexec",
-                        "/usr/bin/env", "DISPLAY=:0",
+                        "/usr/bin/pkexec", "/usr/bin/env", "DISPLAY=:0",
                         "XAUTHORITY=/home/ann/.Xauthority", "HOME=/home/ann", "LANG=de_DE.UTF-8",
-                        "/tmp/U p.app/Contents/MacOS/PatcherApp",
-                        "-logLevel=info", "x y"}));
+                        "/tmp/U p.app/Contents/MacOS/PatcherApp", "-logLevel=info", "x y"}));
 }
 
 TEST(ElevationTest, RefusalIsTheDismissedDialogOrAWrongPassword) {

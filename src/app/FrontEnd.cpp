@@ -138,6 +138,7 @@ struct RunSetting {
     const StringTable* strings;
     RunRecorder* recorder;
     std::vector<std::string> notes; // for the log, once it is open
+    bool dryRun = false;
 };
 
 KORInstallerResultsWrapper MakeReporter(const RunSetting& setting, UserInterface& ui) {
@@ -158,6 +159,7 @@ EngineEnvironment BaseEnvironment(const RunSetting& setting, MainLoop& loop,
     environment.strings = setting.strings;
     environment.recorder = setting.recorder;
     environment.startNotes = setting.notes;
+    environment.dryRun = setting.dryRun;
     // How long a silent or managed run waits for another patcher, in seconds.
     if (const char* wait = std::getenv("ORVEL_PATCHER_LOCK_WAIT")) {
         unsigned long seconds = 0;
@@ -177,7 +179,7 @@ int RunHeadless(const RunSetting& setting) {
     UpdateEngine engine(std::move(environment));
     loop.post([&engine] { engine.appLaunched(); });
     const int status = loop.run();
-    if (!GetENVsilentFlag())
+    if (!GetENVsilentFlag() || setting.dryRun)
         return status;
     // A silent run ends with its return code, so that a script can test it; one that ended
     // without a result says so in the file too.
@@ -237,8 +239,7 @@ constexpr const char* kPkexec = "/usr/bin/pkexec";
 // This program's own path and its arguments.
 std::vector<std::string> OwnCommandLine(int argc, char** argv) {
     char path[4096];
-    const ssize_t length =
-        ::readlink("/proc/self/exe", path, sizeof path - 1);
+    const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
     std::vector<std::string> line = {length > 0 ? std::string(path, static_cast<size_t>(length))
                                                 : std::string(argv[0])};
     line.insert(line.end(), argv + 1, argv + argc);
@@ -298,10 +299,14 @@ int RunPatcherApplication(int argc, char** argv, const CommandLine& line) {
     // The one place that takes the machine's table: everything below is handed it.
     RunRecorder recorder;
     recorder.setOutputs(line.statusFd.value_or(-1), line.resultJson.value_or(""));
-    RunSetting setting{PlatformPaths::defaults(), bundle, strings.get(), &recorder, {}};
+    RunSetting setting{
+        PlatformPaths::defaults(), bundle, strings.get(), &recorder, {}, line.dryRun};
     const bool underUpdateManager =
         KORInstallerResultsWrapper(ReportingContext{}).runningUnderKOR();
-    FrontEndKind kind = ChooseFrontEnd(GetENVsilentFlag(), underUpdateManager, HaveDisplay());
+    // A dry run asks nothing and shows no window.
+    FrontEndKind kind = line.dryRun
+                            ? FrontEndKind::Headless
+                            : ChooseFrontEnd(GetENVsilentFlag(), underUpdateManager, HaveDisplay());
     if (kind == FrontEndKind::Qt) {
         // The windows library ends the process when it cannot open its display; ask first.
         if (auto problem = DisplayProblem()) {

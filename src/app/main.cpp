@@ -14,10 +14,6 @@ int main(int argc, char** argv) {
         std::fputs(line.help ? PatcherUsage().c_str() : PatcherVersionText().c_str(), stdout);
         return 0;
     }
-    if (line.dryRun) {
-        std::fprintf(stderr, "PatcherApp: --dry-run is not available in this version\n");
-        return 2;
-    }
     if (!line.error.empty()) {
         std::fprintf(stderr, "PatcherApp: %s\n%s", line.error.c_str(), PatcherUsage().c_str());
         return 2;
@@ -27,6 +23,10 @@ int main(int argc, char** argv) {
     ::signal(SIGPIPE, SIG_IGN);
     StartAgainWithoutUnsafeVariables(argv);
     ReadRunFlags(argc, argv);
+    // A dry run writes no log file: only what matters goes to standard error, unless a
+    // level is asked for.
+    if (line.dryRun && !line.logLevelGiven)
+        SetENVverbosityLevel("error");
     std::setlocale(LC_ALL, "");
     return RunPatcherApplication(argc, argv, line);
 }

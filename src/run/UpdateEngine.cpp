@@ -22,12 +22,14 @@
 #include "target/UpdateTrust.h"
 #include "target/ZOTHService.h"
 #include "update/FileManager.h"
+#include "update/ManifestDryRun.h"
 #include "update/PatcherState.h"
 #include "update/PayloadHandler.h"
 #include "update/ProcessManifest.h"
 
 #include <cassert>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <strings.h>
 #include <unistd.h>
@@ -68,8 +70,30 @@ void UpdateEngine::endEarlyRun() {
     _environment.loop->terminate(0);
 }
 
+void UpdateEngine::endDryRun(SilentReturnCode code, const std::string& message) {
+    const int number = static_cast<int>(code);
+    const auto& product = config().getAppLocateInfo();
+    std::printf("Dry run of %s %s -> %s: nothing was changed.\n",
+                config().getProductName().value_or("the update").c_str(),
+                product.oldVersion.value_or("?").c_str(), product.newVersion.value_or("?").c_str());
+    for (const std::string& line : _dryRunLines)
+        std::printf("  %s\n", line.c_str());
+    if (code == SilentReturnCode::Updated)
+        std::printf("Result: the update would apply (0).\n");
+    else
+        std::printf("Result: a run would end with %d: %s\n", number, message.c_str());
+    std::fflush(stdout);
+    if (_environment.recorder)
+        _environment.recorder->finish(code, message);
+    _environment.loop->terminate(number);
+}
+
 void UpdateEngine::endWithFailure(const char* key, SilentReturnCode silentCode) {
     const std::string message = localized(key);
+    if (_environment.dryRun) {
+        endDryRun(silentCode, message);
+        return;
+    }
     if (_environment.recorder)
         _environment.recorder->finish(silentCode, message);
     NSLevelledLog(3, "%@", message);
@@ -110,6 +134,12 @@ void UpdateEngine::runSteps(Step from) {
 }
 
 bool UpdateEngine::startLog() {
+    if (_environment.dryRun) {
+        // Nothing is written anywhere: the log's lines go to standard error.
+        for (const std::string& note : _environment.startNotes)
+            NSLevelledLog(0, "%@", note);
+        return true;
+    }
     std::string problem;
     const bool logging =
         StartLogging(ExpandTildeInPath("~"), _environment.paths.logFileInHome, &problem);
@@ -144,9 +174,11 @@ bool UpdateEngine::checkSignature() {
     std::optional<std::string> bundle;
     if (_environment.bundle)
         bundle = _environment.bundle->bundlePath();
-    const bool accepted = _trust->checkBundle(bundle);
-    for (const std::string& note : _trust->takeNotes())
+    const bool accepted = _trust->checkBundle(bundle, !_environment.dryRun);
+    for (const std::string& note : _trust->takeNotes()) {
         NSLevelledLog(0, "%@", note);
+        _dryRunLines.push_back("signature: " + note);
+    }
     if (accepted)
         return true;
     if (_trust->copyFailed()) {
@@ -222,6 +254,15 @@ bool UpdateEngine::applyComboFlag() {
 bool UpdateEngine::takeLock() {
     _state = std::make_unique<PatcherState>(_environment.paths.patcherStateFolder,
                                             RealFileSystem::instance());
+    if (_environment.dryRun) {
+        // Neither the lock nor the state folder is made; an unfinished update is only told.
+        if (PathExistsNoFollow(JoinPath(_state->folder(), PatcherState::kRecordName)))
+            _dryRunLines.push_back("an unfinished update on this machine would be undone "
+                                   "first (" +
+                                   JoinPath(_state->folder(), PatcherState::kRecordName) + ")");
+        runSteps(&UpdateEngine::locateApplication);
+        return false;
+    }
     std::string reason;
     pid_t holder = 0;
     if (_state->prepare(reason) && _state->tryLock(holder, reason))
@@ -384,6 +425,10 @@ bool UpdateEngine::acceptLocatorResult() {
                                                      config().getProductName().value_or(""));
         if (_environment.recorder)
             _environment.recorder->finish(SilentReturnCode::AlreadyUpToDate, message);
+        if (_environment.dryRun) {
+            endDryRun(SilentReturnCode::AlreadyUpToDate, message);
+            return false;
+        }
         if (_isSilentInstall)
             SilentReturnHandler::setReturnCode(SilentReturnCode::AlreadyUpToDate,
                                                _environment.paths);
@@ -409,7 +454,7 @@ bool UpdateEngine::acceptLocatorResult() {
 }
 
 bool UpdateEngine::askWelcome() {
-    const bool fullUserInterface = !_isRunningUnderKOR && !_isSilentInstall;
+    const bool fullUserInterface = !_isRunningUnderKOR && !_isSilentInstall && !_environment.dryRun;
     if (fullUserInterface && showWelcomeDlg() == 1) {
         NSLevelledLog(3, "User cancelled, nothing to report");
         if (_environment.recorder)
@@ -446,6 +491,22 @@ bool UpdateEngine::checkApplicationChosen() {
 
 bool UpdateEngine::checkRunningApplications() {
     const bool fullUserInterface = !_isRunningUnderKOR && !_isSilentInstall;
+    if (_environment.dryRun) {
+        // Listed, not asked about.
+        std::string names;
+        const auto& patterns = config().getAppValidationInfo().appRunning;
+        if (!patterns.empty()) {
+            RunningApplications running(_environment.paths);
+            if (RunningApplicationHandler(patterns, false, nullptr, running)
+                    .areOrvelAppsRunning(names)) {
+                endDryRun(SilentReturnCode::ApplicationsStillRunning,
+                          "applications that must be quit are running: " + names);
+                return false;
+            }
+        }
+        _dryRunLines.push_back("running applications: none that must be quit");
+        return true;
+    }
     bool mayGoOn = true;
     std::string names;
     const auto& appsToCheck = config().getAppValidationInfo().appRunning;
@@ -475,7 +536,48 @@ bool UpdateEngine::checkRunningApplications() {
     return false;
 }
 
+void UpdateEngine::dryRunManifest() {
+    const std::string backupFolder = _state ? _state->backupFolderFor(*_located) : std::string();
+    const ManifestDryRun found = ManifestDryRun::check(_manifestPath.value_or(""), *_located,
+                                                       backupFolder, _environment.paths);
+    std::string keywords;
+    for (const auto& [keyword, count] : found.keywords)
+        keywords += (keywords.empty() ? "" : ", ") + keyword + " " + std::to_string(count);
+    _dryRunLines.push_back("installation: " + *_located +
+                           (_installedVersion ? ", version " + *_installedVersion : std::string()));
+    _dryRunLines.push_back("manifest entries: " + std::to_string(found.entries) + " (" + keywords +
+                           ")");
+    _dryRunLines.push_back(
+        "checksums before the update: " + std::to_string(found.checksumsChecked) + " checked, " +
+        std::to_string(found.alreadyUpdated) + " already updated, " +
+        std::to_string(found.checksumMismatches.size()) + " not as expected");
+    for (const std::string& mismatch : found.checksumMismatches)
+        _dryRunLines.push_back("  not as expected: " + mismatch);
+    _dryRunLines.push_back("backups: " + std::to_string(found.backupBytes) + " bytes in " +
+                           found.backupFolder + " (" + std::to_string(found.backupFolderFreeBytes) +
+                           " bytes free)");
+    std::string services;
+    for (const std::string& service : found.services)
+        services += (services.empty() ? "" : ", ") + service;
+    _dryRunLines.push_back("services: " + (services.empty() ? std::string("none") : services));
+    if (!found.readable)
+        endDryRun(SilentReturnCode::CancelledOrRolledBack, "the manifest cannot be read");
+    else if (found.confinementProblem)
+        endDryRun(SilentReturnCode::CancelledOrRolledBack, *found.confinementProblem);
+    else if (!found.checksumMismatches.empty())
+        endDryRun(SilentReturnCode::CancelledOrRolledBack,
+                  "installed files are not as the update expects; it would be rolled back");
+    else if (found.backupBytes > found.backupFolderFreeBytes)
+        endDryRun(SilentReturnCode::NotEnoughDiskSpace, "no room for the backups");
+    else
+        endDryRun(SilentReturnCode::Updated, "the update would apply");
+}
+
 bool UpdateEngine::startUpdate() {
+    if (_environment.dryRun) {
+        dryRunManifest();
+        return true;
+    }
     InstalledApp app(*_located, config().getAppLocateInfo().appName.value_or(""));
     NSLog("Proceed for update ...");
     _updateApp(app, _manifestPath.value_or(""));

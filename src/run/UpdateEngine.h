@@ -51,6 +51,10 @@ struct EngineEnvironment {
     std::chrono::seconds unattendedLockWait{300};
     RunRecorder* recorder = nullptr;     // none: the result goes only where the mode sends it
     std::vector<std::string> startNotes; // what the front end has to say, logged at the start
+    // Every check of a run and no change anywhere: no log file, no lock, no question, no
+    // return-code file; a summary on standard output, and the code the run would end with
+    // as the loop's exit status.
+    bool dryRun = false;
 };
 
 // Drives one run of the patcher from launch to exit: log, mode, configuration, locating
@@ -117,6 +121,9 @@ private:
     void endEarlyRun();
     // Ends the run as an update that may not be applied: nothing was changed.
     void refuseUpdate();
+    // Ends a dry run with the code a real run would end with: the summary, the result.
+    void endDryRun(SilentReturnCode code, const std::string& message);
+    void dryRunManifest();
     LoadConfigData& config();
 
     EngineEnvironment _environment;
@@ -141,4 +148,5 @@ private:
     // installed version (the installation database's, else the bundle's).
     std::optional<std::string> _examinedBundle;
     std::optional<std::string> _installedVersion;
+    std::vector<std::string> _dryRunLines; // what a dry run found, for its summary
 };

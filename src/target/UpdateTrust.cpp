@@ -147,7 +147,7 @@ bool UpdateTrust::refuse(std::string problem) {
     return false;
 }
 
-bool UpdateTrust::checkBundle(const std::optional<std::string>& bundle) {
+bool UpdateTrust::checkBundle(const std::optional<std::string>& bundle, bool copyChanging) {
     PatcherPolicy policy = PatcherPolicy::read(_paths.patcherPolicyFile);
     _notes.insert(_notes.end(), policy.notes.begin(), policy.notes.end());
     if (policy.allowUnsigned)
@@ -156,7 +156,7 @@ bool UpdateTrust::checkBundle(const std::optional<std::string>& bundle) {
 
     // Files that others could change after the check are copied while they are read.
     bool onlyRoot = true;
-    for (const auto& path : kUsedResources) {
+    for (const auto& path : copyChanging ? kUsedResources : std::vector<std::string>{}) {
         if (bundle && !OpenFileOnlyRootControls(*bundle + "/" + path).valid())
             onlyRoot = false;
     }

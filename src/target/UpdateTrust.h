@@ -36,7 +36,10 @@ public:
     // Reads every file of the bundle once. False when the bundle is unsigned (and the policy
     // does not allow that) or its signature does not hold; problem() says why. A run
     // without a bundle counts as unsigned.
-    [[nodiscard]] bool checkBundle(const std::optional<std::string>& bundle);
+    // copyChanging: copy what others could change while checking it (a run that will not
+    // apply anything needs no copies).
+    [[nodiscard]] bool checkBundle(const std::optional<std::string>& bundle,
+                                   bool copyChanging = true);
 
     // The installation as located: the code it was found under, its application bundle
     // (whose "Contents/Resources/trusted-keys.d" keys are trusted too) and that bundle's
