@@ -15,6 +15,10 @@ public:
 
     virtual void setTitle(const std::string& title) = 0;
     virtual void setStatusLine(const std::string& text) = 0;
+    // The product and its versions, above the status line.
+    virtual void setHeading(const std::string& /*text*/) {}
+    // How far the run is ("555 of 3,001"), beside the bar.
+    virtual void setCount(const std::string& /*text*/) {}
     virtual void setBarIndeterminate(bool indeterminate) = 0;
     virtual void setBarRange(double minimum, double maximum) = 0;
     virtual void setBarValue(double value) = 0;
@@ -48,6 +52,11 @@ public:
     void setTextToDisplay(const std::string& text);
     void setProperties(int total);
     void setProgress(int value, const std::string& workingFile);
+    // The product and the versions the update takes it from and to.
+    void setProduct(const std::string& product, const std::string& fromVersion,
+                    const std::string& toVersion);
+    // The rollback has begun: the status line says so, and nothing can be cancelled.
+    void setRollingBack();
 
     // The cancel button was pressed (main thread): asks whether to cancel.
     void cancelButtonClicked();
@@ -66,4 +75,6 @@ private:
     const StringTable* _strings;
     std::atomic<bool> _waitForUser{false};
     std::atomic<bool> _cancelUpdate{false};
+    std::atomic<int> _total{0};
+    std::atomic<bool> _rollingBack{false};
 };

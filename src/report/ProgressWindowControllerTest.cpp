@@ -1,9 +1,14 @@
 #include "report/ProgressWindowController.h"
 
+#include "base/StringTable.h"
+
 #include "TestSupport.h"
 #include "runtime/MainLoop.h"
 
 #include <gtest/gtest.h>
+
+#include <clocale>
+#include <cstdlib>
 
 #include <thread>
 
@@ -79,6 +84,53 @@ TEST(ProgressWindowControllerTest, ProgressShowsTheLastPathComponent) {
     EXPECT_EQ(view.maximum, 12);
     controller.setTextToDisplay("x");
     EXPECT_EQ(view.status, "Processingx");
+}
+
+TEST(ProgressWindowControllerTest, TheCountIsGroupedAndTheRollbackNamed) {
+    HeadlessMainLoop loop;
+    struct CountingView : RecordingView {
+        std::string count;
+        std::string heading;
+        void setCount(const std::string& text) override { count = text; }
+        void setHeading(const std::string& text) override { heading = text; }
+    } view;
+    TempDir dir;
+    // A catalogue of the test's own for the texts that take arguments, in a language of its
+    // own (gettext reads LANGUAGE only outside the "C" locale; C.UTF-8 is always there).
+    const std::string po = dir.file("xx.po");
+    WriteTextFile(po, "msgid \"\"\nmsgstr \"Content-Type: text/plain; charset=UTF-8\\n\"\n\n"
+                      "msgid \"Progress count\"\nmsgstr \"%@ of %@\"\n\n"
+                      "msgid \"Thousands separator\"\nmsgstr \",\"\n\n"
+                      "msgid \"Progress heading\"\nmsgstr \"%@ %@ -> %@\"\n\n"
+                      "msgid \"Processing\"\nmsgstr \"Processing: \"\n\n"
+                      "msgid \"Undoing changes\"\nmsgstr \"Undoing changes: \"\n");
+    WriteTextFile(dir.file("locale/xx/LC_MESSAGES/.keep"), "");
+    ASSERT_EQ(
+        RunProgram({"msgfmt", "-o", dir.file("locale/xx/LC_MESSAGES/OrvelProgressTest.mo"), po}),
+        0);
+    const std::string savedLanguage = EnvironmentValue("LANGUAGE");
+    ::setenv("LANGUAGE", "xx", 1);
+    std::setlocale(LC_ALL, "C.UTF-8");
+    struct Restore {
+        std::string language;
+        ~Restore() {
+            ::setenv("LANGUAGE", language.c_str(), 1);
+            std::setlocale(LC_ALL, "C");
+        }
+    } restore{savedLanguage};
+    const StringTable strings(dir.file("locale"), "OrvelProgressTest");
+    ProgressWindowController controller(view, loop, &strings);
+    controller.setProduct("Orvel Editor", "1.0", "2.0");
+    EXPECT_EQ(view.heading, "Orvel Editor 1.0 -> 2.0");
+    controller.setProperties(3001);
+    controller.setProgress(554, "/opt/Suite/Editor.app/p0555.txt");
+    EXPECT_EQ(view.status, "Processing: p0555.txt");
+    EXPECT_EQ(view.count, "555 of 3,001");
+    controller.setRollingBack();
+    EXPECT_EQ(view.status, "Undoing changes: ");
+    controller.setProgress(554, "/opt/Suite/Editor.app/p0555.txt");
+    EXPECT_EQ(view.status, "Undoing changes: p0555.txt");
+    EXPECT_EQ(view.count, "554 of 3,001");
 }
 
 TEST(ProgressWindowControllerTest, ContinueKeepsTheUpdateGoing) {

@@ -586,8 +586,12 @@ bool UpdateEngine::startUpdate() {
 
 int UpdateEngine::showWelcomeDlg() {
     NSLevelledLog(3, "Show Welcome Dialog");
-    const std::string message = StringWithFormat(localized("Update Welcome Message"),
-                                                 config().getProductName().value_or(""));
+    std::string message = StringWithFormat(localized("Update Welcome Message"),
+                                           config().getProductName().value_or(""));
+    const ProductData& product = config().getAppLocateInfo();
+    if (product.oldVersion && product.newVersion)
+        message += "\n\n" + StringWithFormat(localized("Update versions message"),
+                                             *product.oldVersion, *product.newVersion);
     const std::string title = StringWithFormat(localized("Update Welcome Title"));
     static HeadlessUserInterface headless;
     UserInterface* ui = _environment.userInterface ? _environment.userInterface : &headless;
@@ -606,6 +610,9 @@ void UpdateEngine::_updateApp(const InstalledApp& app, const std::string& manife
     ProgressWindowController* progress = showProgress ? _environment.progressController : nullptr;
     if (progress) {
         progress->awakeFromNib();
+        const ProductData& product = config().getAppLocateInfo();
+        progress->setProduct(config().getProductName().value_or(""),
+                             product.oldVersion.value_or(""), product.newVersion.value_or(""));
         progress->showWindow();
     }
     std::string resourceDir = _trust ? _trust->resourcesFolder() : std::string();

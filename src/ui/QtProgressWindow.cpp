@@ -1,15 +1,25 @@
 #include "ui/QtProgressWindow.h"
 
+#include <QCloseEvent>
+#include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QMessageBox>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QScreen>
 #include <QVBoxLayout>
 
 QtProgressWindow::QtProgressWindow()
-    : _status(new QLabel(this)), _bar(new QProgressBar(this)), _cancel(new QPushButton(this)) {
+    : _heading(new QLabel(this)), _count(new QLabel(this)), _status(new QLabel(this)),
+      _bar(new QProgressBar(this)), _cancel(new QPushButton(this)) {
     setObjectName("ProgressWindow");
+    _heading->setObjectName("heading");
+    _count->setObjectName("count");
+    QFont bold = _heading->font();
+    bold.setBold(true);
+    _heading->setFont(bold);
+    _heading->hide();
     _status->setObjectName("displayText");
     _bar->setObjectName("progressBar");
     _cancel->setObjectName("cancelButton");
@@ -17,9 +27,11 @@ QtProgressWindow::QtProgressWindow()
     _status->setMinimumWidth(420);
 
     auto* buttons = new QHBoxLayout;
+    buttons->addWidget(_count);
     buttons->addStretch();
     buttons->addWidget(_cancel);
     auto* layout = new QVBoxLayout(this);
+    layout->addWidget(_heading);
     layout->addWidget(_status);
     layout->addWidget(_bar);
     layout->addLayout(buttons);
@@ -37,6 +49,26 @@ void QtProgressWindow::setTitle(const std::string& title) {
 void QtProgressWindow::setStatusLine(const std::string& text) {
     _status->setText(QString::fromStdString(text));
     _status->repaint();
+}
+
+void QtProgressWindow::setHeading(const std::string& text) {
+    _heading->setText(QString::fromStdString(text));
+    _heading->setVisible(!text.empty());
+}
+
+void QtProgressWindow::setCount(const std::string& text) {
+    _count->setText(QString::fromStdString(text));
+}
+
+void QtProgressWindow::closeEvent(QCloseEvent* event) {
+    if (_closing) {
+        event->accept();
+        return;
+    }
+    event->ignore();
+    if (_controller && _cancel->isVisible() && _cancel->isEnabled() &&
+        !_controller->waitForCancelConfirmation() && !_controller->userCancelUpdate())
+        _controller->cancelButtonClicked();
 }
 
 void QtProgressWindow::setBarIndeterminate(bool indeterminate) {
@@ -72,12 +104,21 @@ void QtProgressWindow::setCancelButtonEnabled(bool enabled) {
 }
 
 void QtProgressWindow::showWindow() {
+    // In the middle of the screen, also where no window manager places it.
+    adjustSize();
+    if (const QScreen* screen = QGuiApplication::primaryScreen()) {
+        QRect frame = frameGeometry();
+        frame.moveCenter(screen->availableGeometry().center());
+        move(frame.topLeft());
+    }
     show();
     raise();
 }
 
 void QtProgressWindow::closeWindow() {
+    _closing = true;
     close();
+    _closing = false;
 }
 
 void QtProgressWindow::beginCancelSheet(const std::string& title, const std::string& message,

@@ -19,6 +19,8 @@ public:
 
     void setTitle(const std::string& title) override;
     void setStatusLine(const std::string& text) override;
+    void setHeading(const std::string& text) override;
+    void setCount(const std::string& text) override;
     void setBarIndeterminate(bool indeterminate) override;
     void setBarRange(double minimum, double maximum) override;
     void setBarValue(double value) override;
@@ -32,11 +34,21 @@ public:
                           std::function<void(int answer)> answered) override;
 
     QLabel* statusLabel() const { return _status; }
+    QLabel* headingLabel() const { return _heading; }
+    QLabel* countLabel() const { return _count; }
     QProgressBar* progressBar() const { return _bar; }
     QPushButton* cancelButton() const { return _cancel; }
 
+protected:
+    // Closing the window by hand asks the cancel question (or, when nothing can be
+    // cancelled any more, does nothing): the run never goes on unseen.
+    void closeEvent(QCloseEvent* event) override;
+
 private:
     ProgressWindowController* _controller = nullptr;
+    bool _closing = false; // closed by the run itself
+    QLabel* _heading;
+    QLabel* _count;
     QLabel* _status;
     QProgressBar* _bar;
     QPushButton* _cancel;

@@ -10,14 +10,17 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QGuiApplication>
 #include <QLabel>
 #include <QMessageBox>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QScreen>
 #include <QTextEdit>
 #include <QTimer>
 #include <QtTest/QTest>
 
+#include <cstdlib>
 #include <thread>
 
 namespace {
@@ -84,6 +87,53 @@ TEST(QtWindowsTest, ProgressWindowShowsFileAndValue) {
     EXPECT_EQ(window.progressBar()->value(), 3);
     controller.setCancelButtonEnabled(false);
     EXPECT_FALSE(window.cancelButton()->isEnabled());
+    controller.close();
+    EXPECT_FALSE(window.isVisible());
+}
+
+TEST(QtWindowsTest, ProgressWindowNamesTheProductTheCountAndTheRollback) {
+    QtMainLoop loop;
+    QtProgressWindow window;
+    ProgressWindowController controller(window, loop, nullptr);
+    window.setController(&controller);
+    controller.awakeFromNib();
+    controller.setProduct("Orvel Editor", "1.0", "2.0");
+    EXPECT_EQ(window.headingLabel()->text(), "Progress heading");
+    controller.showWindow();
+    controller.setProperties(3001);
+    controller.setProgress(554, "/opt/Suite/Editor.app/p0555.txt");
+    EXPECT_EQ(window.countLabel()->text(), "Progress count");
+    controller.setRollingBack();
+    EXPECT_EQ(window.statusLabel()->text(), "Undoing changes");
+    EXPECT_FALSE(window.cancelButton()->isEnabled());
+    // Centred on the screen.
+    const QRect screen = QGuiApplication::primaryScreen()->availableGeometry();
+    EXPECT_LE(std::abs(window.frameGeometry().center().x() - screen.center().x()), 20);
+    EXPECT_LE(std::abs(window.frameGeometry().center().y() - screen.center().y()), 20);
+    controller.close();
+    EXPECT_FALSE(window.isVisible());
+}
+
+TEST(QtWindowsTest, ClosingTheProgressWindowAsksTheCancelQuestion) {
+    QtMainLoop loop;
+    QtProgressWindow window;
+    ProgressWindowController controller(window, loop, nullptr);
+    window.setController(&controller);
+    controller.awakeFromNib();
+    controller.showWindow();
+    controller.setProperties(4);
+    EXPECT_FALSE(window.close()); // as the window manager's close button does
+    EXPECT_TRUE(window.isVisible());
+    EXPECT_TRUE(controller.waitForCancelConfirmation());
+    QMessageBox* sheet = FindSheet(&window);
+    ASSERT_NE(sheet, nullptr);
+    QTest::mouseClick(sheet->defaultButton(), Qt::LeftButton);
+    EXPECT_FALSE(controller.userCancelUpdate());
+    // While nothing can be cancelled, closing does nothing at all.
+    controller.setRollingBack();
+    EXPECT_FALSE(window.close());
+    EXPECT_TRUE(window.isVisible());
+    EXPECT_FALSE(controller.waitForCancelConfirmation());
     controller.close();
     EXPECT_FALSE(window.isVisible());
 }

@@ -612,6 +612,8 @@ std::string ProcessManifest::performRollback() {
         NSLevelledLog(3, "Improper Rollback file");
         return kPermanentError;
     }
+    if (_progressController)
+        _progressController->setRollingBack();
     const std::string result = invokeAction(root, _appPath, _backupDir, _resourceDir, std::nullopt,
                                             _progressController, true, nullptr);
     if (IsSuccessful(result))

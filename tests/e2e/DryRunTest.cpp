@@ -44,7 +44,8 @@ TEST(DryRun, AnUpdateThatWouldApplyChangesNothingAndSaysSo) {
         << output;
     EXPECT_NE(output.find("Result: the update would apply (0)."), std::string::npos);
     EXPECT_NE(output.find("signature: The update is signed by key "), std::string::npos);
-    EXPECT_NE(output.find("manifest entries: 11 (ADD 1, CHANGEPERM 1"), std::string::npos) << output;
+    EXPECT_NE(output.find("manifest entries: 11 (ADD 1, CHANGEPERM 1"), std::string::npos)
+        << output;
     EXPECT_NE(output.find(" not as expected"), std::string::npos);
     EXPECT_NE(output.find("0 not as expected"), std::string::npos) << output;
     EXPECT_NE(output.find("services: orvel-dry-run (start)"), std::string::npos) << output;

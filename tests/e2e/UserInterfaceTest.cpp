@@ -100,9 +100,13 @@ void PressKeys(const std::string& window, const std::vector<std::string>& keys) 
 
 // A picture of the window, when pictures are asked for.
 void Screenshot(const std::string& window, const std::string& name) {
-    const std::string folder = EnvironmentValue("ORVEL_E2E_SCREENSHOTS");
-    if (folder.empty() || window.empty())
+    // Kept with the test output unless another folder is asked for.
+    std::string folder = EnvironmentValue("ORVEL_E2E_SCREENSHOTS");
+    if (folder.empty())
+        folder = std::string(ORVEL_BINARY_DIR) + "/screenshots";
+    if (window.empty())
         return;
+    fs::create_directories(folder);
     // Let the window finish drawing.
     std::this_thread::sleep_for(300ms);
     const std::string command = "xwd -silent -display " + std::string(VirtualDisplay::kName) +
@@ -222,6 +226,29 @@ TEST(UserInterface, ContinueThroughTheWelcomeToTheSuccessAlert) {
     EXPECT_EQ(s.returnCode(), std::nullopt);
     EXPECT_TRUE(Xdotool({"search", "--name", kSoftwareUpdate}).empty())
         << "no window is left once the patcher has ended";
+}
+
+// The same windows in German, from the welcome to the success alert.
+TEST(UserInterface, TheWindowsSpeakGerman) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    VirtualDisplay display;
+    ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
+    s.assemble(s.manifest(PrepareUpdate(s)));
+    std::vector<std::string> session = DesktopSession();
+    session.push_back("LANGUAGE=de");
+    ChildProcess patcher = s.startPatcher({}, session);
+    const std::string welcome = WaitForWindow("^Softwareaktualisierung$");
+    ASSERT_FALSE(welcome.empty()) << s.patcherOutput();
+    Screenshot(welcome, "de-1-welcome");
+    PressKeys(welcome, {"Return"});
+    ASSERT_TRUE(WaitUntil([&] { return s.logContains("Exit code: 0"); }, 60s));
+    const std::string success = WaitForWindow("^Softwareaktualisierung$", {welcome});
+    ASSERT_FALSE(success.empty());
+    Screenshot(success, "de-5-success");
+    PressKeys(success, {"Return"});
+    ExpectPatcherEnds(patcher, s);
+    EXPECT_TRUE(FileExists(s.historyFile));
 }
 
 TEST(UserInterface, CancelAtTheWelcomeReportsNothing) {
