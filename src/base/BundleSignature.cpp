@@ -91,26 +91,20 @@ std::optional<std::string> Sha256OfDescriptor(int fd, uint64_t* size, int copy =
     MdContextPtr context(EVP_MD_CTX_new());
     if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1)
         return std::nullopt;
-    constexpr size_t kReadSize = 1024 * 1024;
-    std::unique_ptr<char[]> buffer(new char[kReadSize]);
     uint64_t total = 0;
-    for (;;) {
-        const ssize_t got = ::read(fd, buffer.get(), kReadSize);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return std::nullopt;
-        if (got == 0)
-            break;
-        total += static_cast<uint64_t>(got);
-        if (EVP_DigestUpdate(context.get(), buffer.get(), static_cast<size_t>(got)) != 1)
-            return std::nullopt;
-        if (copy >= 0 && !WriteAll(copy, buffer.get(), static_cast<size_t>(got))) {
+    const bool read = ReadInChunks(fd, 1024 * 1024, [&](const char* data, size_t got) {
+        total += got;
+        if (EVP_DigestUpdate(context.get(), data, got) != 1)
+            return false;
+        if (copy >= 0 && !WriteAll(copy, data, got)) {
             if (copyFailed)
                 *copyFailed = true;
-            return std::nullopt;
+            return false;
         }
-    }
+        return true;
+    });
+    if (!read)
+        return std::nullopt;
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     if (EVP_DigestFinal_ex(context.get(), digest, &length) != 1)

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,6 +25,22 @@ void UniqueFd::reset(int fd) {
     if (_fd >= 0)
         ::close(_fd);
     _fd = fd;
+}
+
+bool ReadInChunks(int fd, size_t chunkSize,
+                  const std::function<bool(const char*, size_t)>& consume) {
+    const auto buffer = std::make_unique_for_overwrite<char[]>(chunkSize);
+    for (;;) {
+        const ssize_t got = ::read(fd, buffer.get(), chunkSize);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return false;
+        if (got == 0)
+            return true;
+        if (!consume(buffer.get(), static_cast<size_t>(got)))
+            return false;
+    }
 }
 
 bool WriteAll(int fd, const char* data, size_t size) {

@@ -63,6 +63,11 @@ UniqueFd OpenPrivateFolder(const std::string& path, mode_t mode,
                            const std::function<bool(uid_t)>& trustedOwner,
                            std::string* problem = nullptr);
 
+// Reads fd to its end in pieces of at most chunkSize bytes, handing each to consume; false
+// on a read error, or as soon as consume returns false.
+[[nodiscard]] bool ReadInChunks(int fd, size_t chunkSize,
+                                const std::function<bool(const char*, size_t)>& consume);
+
 // Writes all of data to fd, retrying short writes and EINTR.
 [[nodiscard]] bool WriteAll(int fd, const char* data, size_t size);
 

@@ -61,19 +61,15 @@ std::string Md5OfBytes(std::string_view bytes) {
 
 std::optional<std::string> Md5OfDescriptor(int fd, const std::atomic<bool>* stop) {
     Md5Stream stream;
-    const auto buffer = std::make_unique_for_overwrite<unsigned char[]>(kReadSize);
-    for (;;) {
-        if (stop && stop->load(std::memory_order_relaxed))
-            return std::nullopt;
-        const ssize_t got = ::read(fd, buffer.get(), kReadSize);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return std::nullopt;
-        if (got == 0)
-            return stream.finish();
-        stream.update(buffer.get(), static_cast<size_t>(got));
-    }
+    if (stop && stop->load(std::memory_order_relaxed))
+        return std::nullopt;
+    const bool read = ReadInChunks(fd, kReadSize, [&](const char* data, size_t size) {
+        stream.update(data, size);
+        return !(stop && stop->load(std::memory_order_relaxed));
+    });
+    if (!read)
+        return std::nullopt;
+    return stream.finish();
 }
 
 std::optional<std::string> Md5OfFile(const std::string& path) {
