@@ -2,11 +2,11 @@
 
 #include "base/FileUtil.h"
 #include "base/Json.h"
-#include "runtime/CommonUtility.h"
 #include "runtime/LoggerUtility.h"
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <pwd.h>
@@ -132,12 +132,18 @@ bool RunRecorder::writeResult() {
         return true;
     // Written as the user who asked for it (through sudo or pkexec), so that the path can
     // name only what that user could write anyway.
-    uid_t uid = 0;
-    gid_t gid = 0;
-    if (const auto user = GetUserName()) {
-        if (const struct passwd* account = ::getpwnam(user->c_str())) {
+    uid_t uid = ::getuid();
+    gid_t gid = ::getgid();
+    for (const char* variable : {"PKEXEC_UID", "SUDO_UID"}) {
+        const char* value = std::getenv(variable);
+        char* end = nullptr;
+        const unsigned long asked = value && *value ? std::strtoul(value, &end, 10) : 0;
+        if (!value || !*value || *end != '\0')
+            continue;
+        if (const struct passwd* account = ::getpwuid(static_cast<uid_t>(asked))) {
             uid = account->pw_uid;
             gid = account->pw_gid;
+            break;
         }
     }
     const int oldGid = ::setfsgid(gid);
