@@ -19,8 +19,8 @@
 // item fields).
 // Result: {"code":N,"message":TEXT,"mode":TEXT,"product":TEXT,"fromVersion":TEXT,
 // "toVersion":TEXT,"startedAt":TEXT,"durationSeconds":X,"rolledBack":B,
-// "operations":[{"keyword":K,"path":TEXT,"result":R,"bytes":N}...]}, R being "done",
-// "unchanged" (already as the update makes it) or "failed".
+// "operations":[{"keyword":K,"path":TEXT,"result":R,"bytes":N}...]}, R being "done" or
+// "failed".
 class RunRecorder {
 public:
     struct Operation {
