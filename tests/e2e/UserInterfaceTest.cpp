@@ -381,8 +381,24 @@ TEST(UserInterface, ADesktopUserWhoIsNotRootIsAskedForAnAdministratorThroughPkex
 // The editor's volume stalls (frozen, as for a snapshot) from the first change on: the
 // update waits in its first entry with the cancel button shown, however fast the machine,
 // until the volume is thawed after the user has confirmed the cancel.
-TEST(UserInterface, CancelDuringTheProgressRollsBackAfterConfirmation) {
-    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+// The window titles of a language, the environment that chooses it and the prefix of its
+// screenshots.
+struct WindowTexts {
+    std::vector<std::string> environment;
+    std::string softwareUpdate;
+    std::string cancelQuestion;
+    std::string cancelled;
+    std::string prefix;
+};
+
+const WindowTexts kEnglish{{}, kSoftwareUpdate, "^Cancel the update\\?$", "^Update Cancelled$", ""};
+const WindowTexts kGerman{{"LANGUAGE=de"},
+                          "^Softwareaktualisierung$",
+                          "^Update abbrechen\\?$",
+                          "^Update abgebrochen$",
+                          "de-"};
+
+void CancelDuringTheProgress(const WindowTexts& texts) {
     Scenario s;
     VirtualDisplay display;
     ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
@@ -395,12 +411,14 @@ TEST(UserInterface, CancelDuringTheProgressRollsBackAfterConfirmation) {
     s.assemble(s.manifest(entries));
     const auto before = Snapshot(s.app);
     ASSERT_TRUE(volume.freeze());
-    ChildProcess patcher = s.startPatcher({}, DesktopSession());
+    std::vector<std::string> session = DesktopSession();
+    session.insert(session.end(), texts.environment.begin(), texts.environment.end());
+    ChildProcess patcher = s.startPatcher({}, session);
 
-    const std::string welcome = WaitForWindow(kSoftwareUpdate);
+    const std::string welcome = WaitForWindow(texts.softwareUpdate);
     ASSERT_FALSE(welcome.empty()) << s.patcherOutput();
     PressKeys(welcome, {"Return"});
-    const std::string progress = WaitForWindow(kSoftwareUpdate, {welcome});
+    const std::string progress = WaitForWindow(texts.softwareUpdate, {welcome});
     ASSERT_FALSE(progress.empty());
     ASSERT_TRUE(WaitUntil(
         [&] {
@@ -408,13 +426,13 @@ TEST(UserInterface, CancelDuringTheProgressRollsBackAfterConfirmation) {
                               true) >= 0;
         },
         30s));
-    Screenshot(progress, "2-progress");
+    Screenshot(progress, texts.prefix + "2-progress");
     // The first step has shown the cancel button; Tab gives it the focus, space presses
     // it. Keys that reach the window once the question is open are blocked by it.
     std::string question;
     WaitUntil(
         [&] {
-            const auto found = VisibleWindows("^Cancel the update\\?$");
+            const auto found = VisibleWindows(texts.cancelQuestion);
             if (!found.empty())
                 question = found.front();
             else
@@ -423,7 +441,7 @@ TEST(UserInterface, CancelDuringTheProgressRollsBackAfterConfirmation) {
         },
         30s);
     ASSERT_FALSE(question.empty()) << "the cancel question never appeared";
-    Screenshot(question, "4-cancel-question");
+    Screenshot(question, texts.prefix + "4-cancel-question");
     EXPECT_FALSE(s.logContains("Long task finished"));
     // The question's default button goes on with the update; Escape answers Cancel.
     PressKeys(question, {"Escape"});
@@ -431,9 +449,9 @@ TEST(UserInterface, CancelDuringTheProgressRollsBackAfterConfirmation) {
     EXPECT_TRUE(s.logContains("User wish to cancel the update."));
     ASSERT_TRUE(volume.thaw());
 
-    const std::string cancelled = WaitForWindow("^Update Cancelled$");
+    const std::string cancelled = WaitForWindow(texts.cancelled);
     ASSERT_FALSE(cancelled.empty()) << s.patcherOutput();
-    Screenshot(cancelled, "6-cancelled");
+    Screenshot(cancelled, texts.prefix + "6-cancelled");
     PressKeys(cancelled, {"Return"});
     ExpectPatcherEnds(patcher, s);
 
@@ -457,6 +475,16 @@ TEST(UserInterface, CancelDuringTheProgressRollsBackAfterConfirmation) {
     EXPECT_EQ(Snapshot(s.app), before);
     EXPECT_FALSE(FileExists(s.historyFile));
     EXPECT_EQ(s.returnCode(), std::nullopt);
+}
+
+TEST(UserInterface, CancelDuringTheProgressRollsBackAfterConfirmation) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    CancelDuringTheProgress(kEnglish);
+}
+
+TEST(UserInterface, CancelDuringTheProgressInGerman) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    CancelDuringTheProgress(kGerman);
 }
 
 TEST(UserInterface, RunningEditorIsQuitThenRetry) {

@@ -52,16 +52,6 @@ std::string InfoPlist(const std::string& builtBundle, const std::string& name) {
            "</dict>\n</plist>\n";
 }
 
-bool IsNonEmptyFolderOrOther(const std::string& path) {
-    std::error_code ec;
-    const auto status = fs::symlink_status(path, ec);
-    if (ec || status.type() == fs::file_type::not_found)
-        return false;
-    if (status.type() != fs::file_type::directory)
-        return true;
-    return !fs::is_empty(path, ec) || ec;
-}
-
 // A fresh folder beside path, for building the bundle before it is moved into place.
 std::optional<std::string> MakeStagingFolder(const std::string& outPath, std::string* error) {
     const fs::path out = fs::absolute(outPath);
@@ -157,6 +147,16 @@ std::optional<std::string> BundleAssembler::checkBuiltBundle(const std::string& 
     return std::nullopt;
 }
 
+bool BundleAssembler::outputTaken(const std::string& path) {
+    std::error_code ec;
+    const auto status = fs::symlink_status(path, ec);
+    if (ec || status.type() == fs::file_type::not_found)
+        return false;
+    if (status.type() != fs::file_type::directory)
+        return true;
+    return !fs::is_empty(path, ec) || ec;
+}
+
 std::optional<std::string> BundleAssembler::checkXmlRoot(const std::string& path,
                                                          const std::string& rootName) {
     std::error_code ec;
@@ -190,6 +190,9 @@ int BundleAssembler::assemble(const Options& options, Result* result, std::strin
     const std::string name = options.name.value_or(outName.substr(0, outName.size() - 4));
     if (name.empty())
         return Fail(error, "the patcher name is empty");
+    // A taken output is refused before anything is read or copied.
+    if (outputTaken(outPath) && !options.force)
+        return Fail(error, outPath + " exists; use --force to replace it");
 
     if (auto why = checkXmlRoot(options.configPath, "PatcherConfig"))
         return Fail(error, "configuration " + *why);
@@ -210,8 +213,6 @@ int BundleAssembler::assemble(const Options& options, Result* result, std::strin
     if (auto why = checkBuiltBundle(builtBundle))
         return Fail(error, "the built bundle is incomplete: " + *why);
 
-    if (IsNonEmptyFolderOrOther(outPath) && !options.force)
-        return Fail(error, outPath + " exists and is not empty (use --force to replace it)");
     fs::create_directories(fs::absolute(outPath).parent_path(), ec);
     if (ec)
         return Fail(error, "cannot create the folder of " + outPath + ": " + ec.message());
@@ -241,7 +242,7 @@ int BundleAssembler::assemble(const Options& options, Result* result, std::strin
     if (!PayloadArchive::write(options.payloadDir.value_or(""), archivePath, &summary, &message))
         return Fail(error, message);
 
-    if (IsNonEmptyFolderOrOther(outPath) || fs::exists(fs::symlink_status(outPath, ec))) {
+    if (outputTaken(outPath) || fs::exists(fs::symlink_status(outPath, ec))) {
         fs::remove_all(outPath, ec);
         if (ec)
             return Fail(error, "cannot replace " + outPath + ": " + ec.message());

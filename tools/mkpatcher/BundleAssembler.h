@@ -42,6 +42,10 @@ public:
     // Nothing when the built bundle holds everything a patcher needs; else what is missing.
     static std::optional<std::string> checkBuiltBundle(const std::string& builtBundle);
 
+    // Whether an output path is taken: it exists and is not an empty folder. Without force
+    // such an output is refused before any work.
+    static bool outputTaken(const std::string& path);
+
     // Nothing when the file parses as XML with the given root element; else why not.
     static std::optional<std::string> checkXmlRoot(const std::string& path,
                                                    const std::string& rootName);

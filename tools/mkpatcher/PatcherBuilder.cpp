@@ -8,13 +8,17 @@
 #include "base/Xml.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -82,6 +86,62 @@ bool ScanTree(const std::string& root, Tree* tree, std::string* error) {
         return false;
     }
     return true;
+}
+
+// Whether two files hold the same bytes, read only as far as they agree; nothing with a
+// message when one cannot be read.
+std::optional<bool> SameContents(const std::string& first, const std::string& second,
+                                 std::string* error) {
+    std::ifstream a(first, std::ios::binary);
+    std::ifstream b(second, std::ios::binary);
+    for (const auto& [stream, path] : {std::pair{&a, &first}, std::pair{&b, &second}}) {
+        if (!*stream) {
+            Fail(error, "cannot read " + *path);
+            return std::nullopt;
+        }
+    }
+    constexpr std::streamsize kChunk = 64 * 1024;
+    std::vector<char> x(kChunk);
+    std::vector<char> y(kChunk);
+    for (;;) {
+        a.read(x.data(), kChunk);
+        b.read(y.data(), kChunk);
+        if (a.bad() || b.bad()) {
+            Fail(error, "cannot read " + (a.bad() ? first : second));
+            return std::nullopt;
+        }
+        const std::streamsize n = a.gcount();
+        if (n != b.gcount() || !std::equal(x.begin(), x.begin() + n, y.begin()))
+            return false;
+        if (n < kChunk)
+            return true;
+    }
+}
+
+// Whether the trees differ in an entry, a kind, a mode, a size or a link target; only when
+// all of that agrees are the files' contents compared, up to the first difference.
+std::optional<bool> TreesDiffer(const std::string& oldRoot, const Tree& oldTree,
+                                const std::string& newRoot, const Tree& newTree,
+                                std::string* error) {
+    if (oldTree.size() != newTree.size())
+        return true;
+    for (auto o = oldTree.begin(), n = newTree.begin(); o != oldTree.end(); ++o, ++n) {
+        const TreeEntry& was = o->second;
+        const TreeEntry& now = n->second;
+        if (o->first != n->first || was.kind != now.kind || was.mode != now.mode ||
+            was.size != now.size || was.target != now.target)
+            return true;
+    }
+    for (const auto& [relative, entry] : newTree) {
+        if (entry.kind != TreeEntry::File)
+            continue;
+        const auto same = SameContents(oldRoot + "/" + relative, newRoot + "/" + relative, error);
+        if (!same)
+            return std::nullopt;
+        if (!*same)
+            return true;
+    }
+    return false;
 }
 
 std::string Octal(unsigned mode) {
@@ -199,6 +259,115 @@ std::string ShortName(const std::string& relative) {
     return name;
 }
 
+// The real path: links resolved as far as the path exists, no "." or "..", no trailing
+// separator. A path that does not exist yet is resolved through its nearest existing folder.
+fs::path RealPath(const std::string& path) {
+    std::error_code ec;
+    fs::path real = fs::weakly_canonical(fs::absolute(path), ec);
+    if (ec)
+        real = fs::absolute(path).lexically_normal();
+    while (real.has_relative_path() && real.filename().empty())
+        real = real.parent_path();
+    return real;
+}
+
+// Whether path is folder or lies below it; both real paths.
+bool IsAtOrBelow(const fs::path& path, const fs::path& folder) {
+    auto f = folder.begin();
+    for (auto p = path.begin(); f != folder.end() && p != path.end(); ++f, ++p) {
+        if (*f != *p)
+            return false;
+    }
+    return f == folder.end();
+}
+
+bool HasAppName(const std::string& path) {
+    const std::string name = BundleFolderName(path);
+    return name.size() > 4 && name.compare(name.size() - 4, 4, ".app") == 0;
+}
+
+// Nothing when path is an application bundle folder; else why not, naming the option.
+std::optional<std::string> BundleProblem(const std::string& option, const std::string& path) {
+    const std::string named = option + " " + path;
+    std::error_code ec;
+    const auto status = fs::status(path, ec);
+    if (status.type() == fs::file_type::not_found)
+        return named + " does not exist";
+    if (ec)
+        return named + " cannot be read: " + ec.message();
+    if (status.type() != fs::file_type::directory)
+        return named + " is not an application bundle (not a folder)";
+    if (!HasAppName(path))
+        return named + " is not an application bundle (its name does not end in .app)";
+    if (!fs::is_regular_file(fs::path(path) / kInfoPlist, ec))
+        return named + " is not an application bundle (no " + kInfoPlist + ")";
+    return std::nullopt;
+}
+
+std::string BundleVersion(const std::string& tree) {
+    const auto plist = PropertyList::readDictionaryFromFile(tree + "/" + kInfoPlist);
+    return plist ? plist->stringForKey("CFBundleVersion").value_or("") : std::string();
+}
+
+// The checks of PatcherBuilder::checkInputs; the trees' scans are kept for the comparison.
+int CheckInputs(const PatcherBuilder::Options& options, Tree* oldTree, Tree* newTree,
+                std::string* error) {
+    const std::pair<const char*, const std::string*> trees[] = {{"--old", &options.oldTree},
+                                                                {"--new", &options.newTree}};
+    for (const auto& [option, path] : trees) {
+        if (auto why = BundleProblem(option, *path))
+            return Fail(error, *why);
+    }
+    const fs::path oldReal = RealPath(options.oldTree);
+    const fs::path newReal = RealPath(options.newTree);
+    if (oldReal == newReal)
+        return Fail(error, "--old and --new are the same: nothing to update");
+
+    std::string versions[2] = {options.identity.oldVersion, options.identity.newVersion};
+    for (int i = 0; i < 2; ++i) {
+        if (versions[i].empty())
+            versions[i] = BundleVersion(*trees[i].second);
+        if (versions[i].empty())
+            return Fail(error, std::string(trees[i].first) + " " + *trees[i].second +
+                                   " has no version (no CFBundleVersion in its " + kInfoPlist +
+                                   "; give " + trees[i].first + "-version)");
+    }
+    if (!options.allowDowngrade && PatcherBuilder::compareVersions(versions[1], versions[0]) <= 0)
+        return Fail(error, "the new version " + versions[1] +
+                               " is not newer than the old version " + versions[0] +
+                               " (use --allow-downgrade)");
+    if (options.identity.installationCodes.empty())
+        return Fail(error, "no installation code given (--code, or OrvelCode/GUID in the "
+                           "template): the patcher could not find the installed application");
+
+    // The output is replaced as a whole; inside a tree it would also become part of the next
+    // comparison, around a tree it would take the tree with it.
+    if (!HasAppName(options.outPath))
+        return Fail(error, "--out " + options.outPath + " is not named <Name>.app");
+    const fs::path outReal = RealPath(options.outPath);
+    for (const auto& [option, real] :
+         {std::pair{"--old", &oldReal}, std::pair{"--new", &newReal}}) {
+        const std::string tree = std::string(option) + " " + real->string();
+        if (IsAtOrBelow(outReal, *real))
+            return Fail(error, "--out must be outside --old and --new: " + options.outPath +
+                                   (outReal == *real ? " is " : " lies in ") + tree);
+        if (IsAtOrBelow(*real, outReal))
+            return Fail(error, "--out must be outside --old and --new: " + options.outPath +
+                                   " holds " + tree);
+    }
+    if (!options.force && BundleAssembler::outputTaken(options.outPath))
+        return Fail(error, options.outPath + " exists; use --force to replace it");
+
+    if (!ScanTree(options.oldTree, oldTree, error) || !ScanTree(options.newTree, newTree, error))
+        return 1;
+    const auto differ = TreesDiffer(options.oldTree, *oldTree, options.newTree, *newTree, error);
+    if (!differ)
+        return 1;
+    if (!*differ)
+        return Fail(error, "--old and --new are the same: nothing to update");
+    return 0;
+}
+
 } // namespace
 
 std::optional<PatcherIdentity> PatcherIdentity::fromTemplate(const std::string& path,
@@ -279,6 +448,11 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
             progress(text, done);
     };
 
+    Tree oldTree;
+    Tree newTree;
+    if (CheckInputs(options, &oldTree, &newTree, error) != 0)
+        return 1;
+
     // The identity: given values, else what the two bundles say about themselves.
     PatcherIdentity identity = options.identity;
     const auto oldPlist =
@@ -318,15 +492,8 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
         const std::string running = fromPlist(oldPlist, "CFBundleName");
         identity.runningApps.push_back(running.empty() ? identity.appName : running);
     }
-    if (identity.installationCodes.empty())
-        return Fail(error, "no installation code given (--code, or OrvelCode/GUID in the "
-                           "template): the patcher could not find the installed application");
 
     phase("Comparing the trees", 0);
-    Tree oldTree;
-    Tree newTree;
-    if (!ScanTree(options.oldTree, &oldTree, error) || !ScanTree(options.newTree, &newTree, error))
-        return 1;
 
     // Working folder beside the output for the payload, configuration and manifest.
     const fs::path out = fs::absolute(options.outPath).lexically_normal();
@@ -646,5 +813,75 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
     result.identity = identity;
     if (report)
         *report = result;
+    return 0;
+}
+
+int PatcherBuilder::checkInputs(const Options& options, std::string* error) {
+    Tree oldTree;
+    Tree newTree;
+    return CheckInputs(options, &oldTree, &newTree, error);
+}
+
+bool PatcherBuilder::isGuid(const std::string& text) {
+    std::string_view digits = text;
+    if (!digits.empty() && digits.front() == '{') {
+        if (digits.size() < 2 || digits.back() != '}')
+            return false;
+        digits = digits.substr(1, digits.size() - 2);
+    }
+    constexpr size_t kGroups[] = {8, 4, 4, 4, 12};
+    size_t at = 0;
+    for (size_t group = 0; group < std::size(kGroups); ++group) {
+        if (group > 0) {
+            if (at >= digits.size() || digits[at] != '-')
+                return false;
+            ++at;
+        }
+        for (size_t i = 0; i < kGroups[group]; ++i, ++at) {
+            if (at >= digits.size() || !std::isxdigit(static_cast<unsigned char>(digits[at])))
+                return false;
+        }
+    }
+    return at == digits.size();
+}
+
+int PatcherBuilder::compareVersions(const std::string& a, const std::string& b) {
+    // One dotted part: its leading digits as a number (any length), then the rest.
+    struct Part {
+        std::string_view number;
+        std::string_view rest;
+    };
+    auto split = [](std::string_view text) {
+        std::vector<Part> parts;
+        for (;;) {
+            const size_t dot = text.find('.');
+            const std::string_view part = text.substr(0, dot);
+            size_t digits = 0;
+            while (digits < part.size() && std::isdigit(static_cast<unsigned char>(part[digits])))
+                ++digits;
+            std::string_view number = part.substr(0, digits);
+            while (!number.empty() && number.front() == '0')
+                number.remove_prefix(1);
+            parts.push_back(Part{number, part.substr(digits)});
+            if (dot == std::string_view::npos)
+                return parts;
+            text.remove_prefix(dot + 1);
+        }
+    };
+    const auto left = split(a);
+    const auto right = split(b);
+    for (size_t i = 0; i < std::max(left.size(), right.size()); ++i) {
+        const Part x = i < left.size() ? left[i] : Part{};
+        const Part y = i < right.size() ? right[i] : Part{};
+        if (x.number.size() != y.number.size())
+            return x.number.size() < y.number.size() ? -1 : 1;
+        if (const int c = x.number.compare(y.number); c != 0)
+            return c < 0 ? -1 : 1;
+        if (x.rest == y.rest)
+            continue;
+        if (x.rest.empty() || y.rest.empty())
+            return x.rest.empty() ? 1 : -1;
+        return x.rest < y.rest ? -1 : 1;
+    }
     return 0;
 }

@@ -44,6 +44,7 @@ public:
         std::optional<std::string> name;
         std::optional<std::string> builtBundle;
         bool force = false;
+        bool allowDowngrade = false; // accept a new version that is not newer than the old one
         PatcherIdentity identity;
         // A changed file becomes a PATCH when its patch is at most this share of the new file
         // and the new file has at least minPatchSize bytes. Applying a patch runs the patch
@@ -68,7 +69,24 @@ public:
     // Receives a phase text and, for long phases, the share done (0 to 1).
     using Progress = std::function<void(const std::string& phase, double done)>;
 
-    // 0 on success, 1 with a message. Nothing is left at outPath on failure.
+    // 0 on success, 1 with a message. Nothing is left at outPath on failure. The inputs are
+    // checked first, as checkInputs does.
     [[nodiscard]] static int create(const Options& options, Report* report, std::string* error,
                                     const Progress& progress = {});
+
+    // What create checks before it writes or compares anything, cheapest first: both trees are
+    // application bundles (<Name>.app with Contents/Info.plist) with a version, the new version
+    // is newer (unless allowDowngrade), an installation code is given, the output is named
+    // <Name>.app, lies outside both trees and is free (unless force); last, the trees differ.
+    // 0 when all hold, else 1 with one line naming the input and the command-line option it
+    // comes from.
+    [[nodiscard]] static int checkInputs(const Options& options, std::string* error);
+
+    // True for a GUID: 8-4-4-4-12 hexadecimal digits, alone or in braces.
+    static bool isGuid(const std::string& text);
+
+    // Orders versions as dotted numbers, part by part ("1.10" after "1.9", "1.0" equal to
+    // "1.0.0"); text after a part's digits orders it before the bare number ("1.0b2" before
+    // "1.0"). Negative, 0 or positive as a is older, the same or newer than b.
+    static int compareVersions(const std::string& a, const std::string& b);
 };

@@ -8,6 +8,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,21 +20,163 @@
 
 namespace {
 
-constexpr const char* kUsage =
-    "usage:\n"
-    "  mkpatcher assemble --config FILE --manifest FILE [--payload DIR] [--name NAME]\n"
-    "                     --out DIR.app [--from BUILT_BUNDLE] [--force] [--sign-key FILE]\n"
-    "  mkpatcher bsdiff OLD NEW PATCH\n"
-    "  mkpatcher keygen --private FILE --public FILE\n"
-    "  mkpatcher sign BUNDLE.app --key PRIVATE_KEY_FILE\n"
-    "  mkpatcher verify BUNDLE.app --key KEY_FILE [--json]\n"
-    "  mkpatcher create --old OLD.app --new NEW.app --out DIR.app --code CODE [--code CODE...]\n"
-    "                   [--config-template FILE] [--name NAME] [--from BUILT_BUNDLE] [--force]\n"
-    "                   [--sign-key FILE]\n"
-    "                   [--family F] [--product-name N] [--patcher-id ID] [--build-number B]\n"
-    "                   [--app-name A] [--bundle-id ID] [--old-version V] [--new-version V]\n"
-    "                   [--kvr-path PATH] [--running-app NAME...] [--space-system KB]\n"
-    "                   [--space-target KB] [--combo] [--patch-ratio R] [--min-patch-size BYTES]\n";
+// What --help prints for a command: its usage, what it does, and one line per argument and
+// option. Usage errors print the usage lines too.
+struct Entry {
+    const char* name;
+    const char* text;
+};
+
+struct CommandHelp {
+    const char* name;
+    const char* summary;
+    std::vector<const char*> usage; // lines after "usage: "
+    std::vector<Entry> arguments;
+    std::vector<Entry> options;
+};
+
+const Entry kHelpOption{"-h, --help", "print this help and exit"};
+
+const std::vector<CommandHelp>& Commands() {
+    static const std::vector<CommandHelp> commands = {
+        {"create",
+         "makes a patcher from the old and the new version of an application bundle",
+         {"mkpatcher create --old OLD.app --new NEW.app --out DIR.app --code GUID [--code GUID...]",
+          "                 [options]"},
+         {},
+         {{"--old OLD.app", "the application bundle of the installed (old) version"},
+          {"--new NEW.app", "the application bundle of the new version"},
+          {"--out DIR.app", "the patcher bundle to make, outside --old and --new"},
+          {"--code GUID",
+           "an installation code: 8-4-4-4-12 hex digits, braces optional; repeatable"},
+          {"--force", "replace an existing --out"},
+          {"--allow-downgrade", "accept a new version that is not newer than the old one"},
+          {"--sign-key FILE", "sign the patcher with this private Ed25519 key"},
+          {"--from BUILT_BUNDLE", "the built PatcherApp.app to copy (default: the one beside "
+                                  "mkpatcher)"},
+          {"--name NAME", "the patcher's name (default: the name of --out without .app)"},
+          {"--config-template FILE", "a PatcherConfig document giving the values below"},
+          {"--family F", "the product family (default: Tavrin)"},
+          {"--product-name N", "the product name shown to the user (default: CFBundleName of "
+                               "--new)"},
+          {"--patcher-id ID", "the patcher's ID in the patch history (default: APP-OLD-NEW)"},
+          {"--build-number B", "a build number, only logged"},
+          {"--app-name A", "the application's name, its bundle being A.app (default: from --new)"},
+          {"--bundle-id ID", "the bundle identifier to check (default: CFBundleIdentifier of "
+                             "--new)"},
+          {"--old-version V", "the old version (default: CFBundleVersion of --old)"},
+          {"--new-version V", "the new version (default: CFBundleVersion of --new)"},
+          {"--kvr-path PATH", "the KVR file, as [INSTALLDIR]/..."},
+          {"--running-app NAME",
+           "an application to be closed first; repeatable (default: from --old)"},
+          {"--space-system KB", "space needed on the system volume (default: computed)"},
+          {"--space-target KB", "space needed on the application's volume (default: computed)"},
+          {"--combo", "a combo patcher, which may update several old versions"},
+          {"--patch-ratio R", "patch a changed file when the patch is at most R of it (default: "
+                              "0.5)"},
+          {"--min-patch-size BYTES", "ship smaller changed files whole (default: 65536)"},
+          kHelpOption}},
+        {"assemble",
+         "makes a patcher bundle from a hand-written configuration, manifest and payload",
+         {"mkpatcher assemble --config FILE --manifest FILE --out DIR.app [--payload DIR]",
+          "                   [--name NAME] [--from BUILT_BUNDLE] [--force] [--sign-key FILE]"},
+         {},
+         {{"--config FILE", "the configuration (a PatcherConfig document)"},
+          {"--manifest FILE", "the manifest (a Manifest document)"},
+          {"--out DIR.app", "the patcher bundle to make"},
+          {"--payload DIR", "the folder of payload files (default: an empty payload)"},
+          {"--name NAME", "the patcher's name (default: the name of --out without .app)"},
+          {"--from BUILT_BUNDLE", "the built PatcherApp.app to copy (default: the one beside "
+                                  "mkpatcher)"},
+          {"--force", "replace an existing --out"},
+          {"--sign-key FILE", "sign the patcher with this private Ed25519 key"},
+          kHelpOption}},
+        {"bsdiff",
+         "writes the BSDIFF40 patch that turns one file into another",
+         {"mkpatcher bsdiff OLD NEW PATCH"},
+         {{"OLD", "the file as it is"},
+          {"NEW", "the file as it shall be"},
+          {"PATCH", "the patch to write"}},
+         {kHelpOption}},
+        {"keygen",
+         "makes an Ed25519 key pair for signing patchers",
+         {"mkpatcher keygen --private FILE --public FILE"},
+         {},
+         {{"--private FILE", "where to write the private key (PEM, mode 600)"},
+          {"--public FILE", "where to write the public key (PEM)"},
+          kHelpOption}},
+        {"sign",
+         "signs (again) a patcher bundle",
+         {"mkpatcher sign BUNDLE.app --key PRIVATE_KEY_FILE"},
+         {{"BUNDLE.app", "the patcher bundle to sign"}},
+         {{"--key FILE", "the private Ed25519 key to sign with"}, kHelpOption}},
+        {"verify",
+         "checks a patcher bundle's signature and what it was signed for",
+         {"mkpatcher verify BUNDLE.app --key KEY_FILE [--json]"},
+         {{"BUNDLE.app", "the patcher bundle to check"}},
+         {{"--key FILE", "the key the signature must be made with (PEM)"},
+          {"--json", "print the verdict and what was signed as JSON"},
+          kHelpOption}},
+    };
+    return commands;
+}
+
+const CommandHelp& HelpOf(const std::string& name) {
+    for (const auto& command : Commands()) {
+        if (name == command.name)
+            return command;
+    }
+    std::abort(); // only called with the names above
+}
+
+std::string UsageLines(const CommandHelp& command) {
+    std::string text;
+    for (size_t i = 0; i < command.usage.size(); ++i)
+        text += std::string(i == 0 ? "usage: " : "       ") + command.usage[i] + "\n";
+    return text;
+}
+
+std::string EntryLines(const char* title, const std::vector<Entry>& entries) {
+    if (entries.empty())
+        return {};
+    size_t width = 0;
+    for (const auto& entry : entries)
+        width = std::max(width, std::strlen(entry.name));
+    std::string text = std::string("\n") + title + ":\n";
+    for (const auto& entry : entries) {
+        const std::string name = entry.name;
+        text += "  " + name + std::string(width - name.size() + 2, ' ') + entry.text + "\n";
+    }
+    return text;
+}
+
+int CommandHelpText(const std::string& name) {
+    const CommandHelp& command = HelpOf(name);
+    const std::string text = UsageLines(command) + "\n" + command.summary + "\n" +
+                             EntryLines("arguments", command.arguments) +
+                             EntryLines("options", command.options);
+    std::fputs(text.c_str(), stdout);
+    return 0;
+}
+
+std::string MainUsage() {
+    std::string text = "usage: mkpatcher COMMAND [ARGUMENTS] (mkpatcher COMMAND --help describes "
+                       "each one)\n       mkpatcher --version | --help\n\ncommands:\n";
+    for (const auto& command : Commands()) {
+        const std::string name = command.name;
+        text += "  " + name + std::string(10 - name.size(), ' ') + command.summary + "\n";
+    }
+    return text;
+}
+
+// Whether a command's arguments ask for its help; then it does nothing else.
+bool WantsHelp(int argc, char** argv) {
+    for (int i = 2; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0)
+            return true;
+    }
+    return false;
+}
 
 // Options of the form "--key value" and "--flag"; anything else is an error.
 struct ParsedOptions {
@@ -102,9 +245,21 @@ std::optional<std::string> Value(const ParsedOptions& options, const std::string
     return it->second;
 }
 
+// A command line that cannot be run as given: the message, the usage, exit status 2.
 int UsageError(const std::string& message) {
-    std::fprintf(stderr, "mkpatcher: %s\n%s", message.c_str(), kUsage);
+    std::fprintf(stderr, "mkpatcher: %s\n%s", message.c_str(), MainUsage().c_str());
     return 2;
+}
+
+int UsageError(const char* command, const std::string& message) {
+    std::fprintf(stderr, "mkpatcher: %s\n%s", message.c_str(), UsageLines(HelpOf(command)).c_str());
+    return 2;
+}
+
+// An input refused before any work: one line, exit status 1.
+int Refuse(const char* command, const std::string& message) {
+    std::fprintf(stderr, "mkpatcher %s: %s\n", command, message.c_str());
+    return 1;
 }
 
 // Before a bundle is made for signing: the key must be a private Ed25519 key.
@@ -136,16 +291,18 @@ bool SignMadeBundle(const std::string& bundle, const std::string& keyPath, const
 }
 
 int Keygen(int argc, char** argv) {
+    if (WantsHelp(argc, argv))
+        return CommandHelpText("keygen");
     std::string error;
     auto parsed = ParseOptions(argc, argv, 2, {"private", "public"}, {}, &error);
     if (!parsed)
-        return UsageError(error);
+        return UsageError("keygen", error);
     if (!parsed->positional.empty())
-        return UsageError("unexpected argument " + parsed->positional.front());
+        return UsageError("keygen", "unexpected argument " + parsed->positional.front());
     const auto privatePath = Value(*parsed, "private");
     const auto publicPath = Value(*parsed, "public");
     if (!privatePath || !publicPath)
-        return UsageError("keygen needs --private and --public");
+        return UsageError("keygen", "keygen needs --private and --public");
     std::string fingerprint;
     if (!BundleSigner::writeKeyPair(*privatePath, *publicPath, &error, &fingerprint)) {
         std::fprintf(stderr, "mkpatcher keygen: %s\n", error.c_str());
@@ -157,12 +314,14 @@ int Keygen(int argc, char** argv) {
 }
 
 int Sign(int argc, char** argv) {
+    if (WantsHelp(argc, argv))
+        return CommandHelpText("sign");
     std::string error;
     auto parsed = ParseOptions(argc, argv, 2, {"key"}, {}, &error);
     if (!parsed)
-        return UsageError(error);
+        return UsageError("sign", error);
     if (parsed->positional.size() != 1 || !Value(*parsed, "key"))
-        return UsageError("sign needs BUNDLE.app and --key");
+        return UsageError("sign", "sign needs BUNDLE.app and --key");
     const std::string bundle = parsed->positional.front();
     std::string fingerprint;
     if (!BundleSigner::signBundle(bundle, *Value(*parsed, "key"), &error, &fingerprint)) {
@@ -175,12 +334,14 @@ int Sign(int argc, char** argv) {
 
 // 0 only for a good signature by the key given, for the identity the configuration states.
 int Verify(int argc, char** argv) {
+    if (WantsHelp(argc, argv))
+        return CommandHelpText("verify");
     std::string error;
     auto parsed = ParseOptions(argc, argv, 2, {"key"}, {"json"}, &error);
     if (!parsed)
-        return UsageError(error);
+        return UsageError("verify", error);
     if (parsed->positional.size() != 1 || !Value(*parsed, "key"))
-        return UsageError("verify needs BUNDLE.app and --key");
+        return UsageError("verify", "verify needs BUNDLE.app and --key");
     const std::string bundle = parsed->positional.front();
     const BundleSigner::Report report = BundleSigner::verifyBundle(bundle, *Value(*parsed, "key"));
     const std::string text = parsed->flags.count("json") ? BundleSigner::reportJson(bundle, report)
@@ -190,18 +351,20 @@ int Verify(int argc, char** argv) {
 }
 
 int Assemble(int argc, char** argv) {
+    if (WantsHelp(argc, argv))
+        return CommandHelpText("assemble");
     std::string error;
     auto parsed = ParseOptions(argc, argv, 2,
                                {"config", "manifest", "payload", "name", "out", "from", "sign-key"},
                                {"force"}, &error);
     if (!parsed)
-        return UsageError(error);
+        return UsageError("assemble", error);
     if (!parsed->positional.empty())
-        return UsageError("unexpected argument " + parsed->positional.front());
+        return UsageError("assemble", "unexpected argument " + parsed->positional.front());
     BundleAssembler::Options options;
     for (const char* required : {"config", "manifest", "out"}) {
         if (!Value(*parsed, required))
-            return UsageError(std::string("assemble needs --") + required);
+            return UsageError("assemble", std::string("assemble needs --") + required);
     }
     options.configPath = *Value(*parsed, "config");
     options.manifestPath = *Value(*parsed, "manifest");
@@ -210,6 +373,19 @@ int Assemble(int argc, char** argv) {
     options.name = Value(*parsed, "name");
     options.builtBundle = Value(*parsed, "from");
     options.force = parsed->flags.count("force") != 0;
+
+    // The inputs named on the command line, and a free output, before any work.
+    for (const char* input : {"config", "manifest", "payload"}) {
+        const auto path = Value(*parsed, input);
+        std::error_code ec;
+        if (path && !std::filesystem::exists(*path, ec))
+            return Refuse("assemble", std::string("--") + input + " " + *path + " does not exist");
+    }
+    std::error_code ec;
+    if (options.payloadDir && !std::filesystem::is_directory(*options.payloadDir, ec))
+        return Refuse("assemble", "--payload " + *options.payloadDir + " is not a folder");
+    if (!options.force && BundleAssembler::outputTaken(options.outPath))
+        return Refuse("assemble", options.outPath + " exists; use --force to replace it");
 
     const auto signKey = Value(*parsed, "sign-key");
     if (signKey && !CheckSigningKey(*signKey, "assemble"))
@@ -260,8 +436,10 @@ private:
 };
 
 int Diff(int argc, char** argv) {
+    if (WantsHelp(argc, argv))
+        return CommandHelpText("bsdiff");
     if (argc != 5)
-        return UsageError("bsdiff needs OLD NEW PATCH");
+        return UsageError("bsdiff", "bsdiff needs OLD NEW PATCH");
     std::string error;
     Bsdiff::Stats stats;
     bool ok;
@@ -297,36 +475,39 @@ std::optional<uint64_t> Number(const ParsedOptions& options, const std::string& 
 }
 
 int Create(int argc, char** argv) {
+    if (WantsHelp(argc, argv))
+        return CommandHelpText("create");
     std::string error;
-    auto parsed = ParseOptions(argc, argv, 2,
-                               {"old",
-                                "new",
-                                "out",
-                                "name",
-                                "from",
-                                "config-template",
-                                "family",
-                                "product-name",
-                                "patcher-id",
-                                "build-number",
-                                "app-name",
-                                "bundle-id",
-                                "old-version",
-                                "new-version",
-                                "kvr-path",
-                                "space-system",
-                                "space-target",
-                                "patch-ratio",
-                                "min-patch-size",
-                                "sign-key"},
-                               {"force", "combo"}, &error, {"code", "running-app"});
+    auto parsed =
+        ParseOptions(argc, argv, 2,
+                     {"old",
+                      "new",
+                      "out",
+                      "name",
+                      "from",
+                      "config-template",
+                      "family",
+                      "product-name",
+                      "patcher-id",
+                      "build-number",
+                      "app-name",
+                      "bundle-id",
+                      "old-version",
+                      "new-version",
+                      "kvr-path",
+                      "space-system",
+                      "space-target",
+                      "patch-ratio",
+                      "min-patch-size",
+                      "sign-key"},
+                     {"force", "combo", "allow-downgrade"}, &error, {"code", "running-app"});
     if (!parsed)
-        return UsageError(error);
+        return UsageError("create", error);
     if (!parsed->positional.empty())
-        return UsageError("unexpected argument " + parsed->positional.front());
+        return UsageError("create", "unexpected argument " + parsed->positional.front());
     for (const char* required : {"old", "new", "out"}) {
         if (!Value(*parsed, required))
-            return UsageError(std::string("create needs --") + required);
+            return UsageError("create", std::string("create needs --") + required);
     }
     PatcherBuilder::Options options;
     options.oldTree = *Value(*parsed, "old");
@@ -335,23 +516,27 @@ int Create(int argc, char** argv) {
     options.name = Value(*parsed, "name");
     options.builtBundle = Value(*parsed, "from");
     options.force = parsed->flags.count("force") != 0;
+    options.allowDowngrade = parsed->flags.count("allow-downgrade") != 0;
     if (auto ratio = Value(*parsed, "patch-ratio")) {
         options.patchRatio = std::atof(ratio->c_str());
         if (options.patchRatio <= 0)
-            return UsageError("--patch-ratio needs a positive number");
+            return UsageError("create", "--patch-ratio needs a positive number");
     }
 
     if (auto size = Number(*parsed, "min-patch-size", &error))
         options.minPatchSize = *size;
     if (!error.empty())
-        return UsageError(error);
+        return UsageError("create", error);
+    // The installed application is looked up by these codes; the installers register GUIDs.
+    for (const auto& code : parsed->lists["code"]) {
+        if (!PatcherBuilder::isGuid(code))
+            return Refuse("create", "--code " + code + " is not a GUID");
+    }
 
     if (auto path = Value(*parsed, "config-template")) {
         auto fromTemplate = PatcherIdentity::fromTemplate(*path, &error);
-        if (!fromTemplate) {
-            std::fprintf(stderr, "mkpatcher create: %s\n", error.c_str());
-            return 1;
-        }
+        if (!fromTemplate)
+            return Refuse("create", error);
         options.identity = *fromTemplate;
     }
     PatcherIdentity given;
@@ -369,7 +554,7 @@ int Create(int argc, char** argv) {
     given.spaceSystemKb = Number(*parsed, "space-system", &error);
     given.spaceTargetKb = Number(*parsed, "space-target", &error);
     if (!error.empty())
-        return UsageError(error);
+        return UsageError("create", error);
     given.combo = parsed->flags.count("combo") != 0;
     options.identity.overrideWith(given);
 
@@ -445,7 +630,15 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (command == "--help" || command == "-h" || command == "help") {
-        std::printf("%s", kUsage);
+        // "help COMMAND" is that command's help.
+        if (command == "help" && argc == 3) {
+            for (const auto& known : Commands()) {
+                if (known.name == std::string(argv[2]))
+                    return CommandHelpText(known.name);
+            }
+            return UsageError(std::string("unknown command ") + argv[2]);
+        }
+        std::fputs(MainUsage().c_str(), stdout);
         return 0;
     }
     return UsageError("unknown command " + command);

@@ -132,12 +132,15 @@ TEST_F(AssembleTest, RefusesWrongInputsWithClearMessages) {
          "the root element is \"Manifest\", not \"PatcherConfig\""},
         {{"--config", config, "--manifest", temp.file("broken.xml"), "--out", out},
          "not well-formed XML"},
-        {{"--config", config, "--manifest", temp.file("absent.xml"), "--out", out}, "no such file"},
+        {{"--config", config, "--manifest", temp.file("absent.xml"), "--out", out},
+         "--manifest " + temp.file("absent.xml") + " does not exist"},
         {{"--config", config, "--manifest", manifest, "--out", temp.file("Editor")},
          "must be named <Name>.app"},
         {{"--config", config, "--manifest", manifest, "--out", out, "--payload",
           temp.file("absent")},
-         "is not a folder"},
+         "--payload " + temp.file("absent") + " does not exist"},
+        {{"--config", config, "--manifest", manifest, "--out", out, "--payload", config},
+         "--payload " + config + " is not a folder"},
         {{"--config", config, "--manifest", manifest, "--out", out, "--from", temp.path()},
          "the built bundle is incomplete"},
         {{"--config", config, "--out", out}, "assemble needs --manifest"},
@@ -169,7 +172,8 @@ TEST_F(AssembleTest, ReplacesANonEmptyOutputOnlyWithForce) {
                                         "--from",
                                         BUILT_BUNDLE};
     EXPECT_EQ(RunTool(args), 1);
-    EXPECT_NE(ReadTextFile(temp.file("stderr")).find("exists and is not empty"), std::string::npos);
+    EXPECT_NE(ReadTextFile(temp.file("stderr")).find(out + " exists; use --force to replace it"),
+              std::string::npos);
     EXPECT_EQ(ReadTextFile(out + "/keep-me"), "precious");
 
     auto forced = args;

@@ -26,6 +26,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
+const std::string kCode1 = "{C0DE0001-0000-4000-8000-00000000ED17}";
+const std::string kCode2 = "{C0DE0002-0000-4000-8000-00000000ED17}";
+
 void Write(const std::string& path, const std::string& data, unsigned mode = 0644) {
     fs::create_directories(fs::path(path).parent_path());
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -270,8 +273,8 @@ TEST_F(CreateTest, ProgramReportsWhatItDid) {
                                         "--new",           root + "/v2/Editor.app",
                                         "--out",           patcher,
                                         "--from",          BUILT_BUNDLE,
-                                        "--code",          "C-1",
-                                        "--code",          "C-2",
+                                        "--code",          kCode1,
+                                        "--code",          kCode2,
                                         "--patcher-id",    "EDITOR-2.0-PATCH",
                                         "--running-app",   "Editor Helper",
                                         "--space-target",  "5000"};
@@ -298,7 +301,8 @@ TEST_F(CreateTest, ProgramReportsWhatItDid) {
     EXPECT_NE(ReadTextFile(temp.file("stderr")).find("no installation code"), std::string::npos);
     auto again = args;
     EXPECT_EQ(RunProgram(again, {}, temp.file("stdout"), temp.file("stderr")), 1);
-    EXPECT_NE(ReadTextFile(temp.file("stderr")).find("exists and is not empty"), std::string::npos);
+    EXPECT_EQ(ReadTextFile(temp.file("stderr")),
+              "mkpatcher create: " + patcher + " exists; use --force to replace it\n");
     // Nothing of the work is left beside the output.
     for (const auto& item : fs::directory_iterator(root + "/out"))
         EXPECT_EQ(item.path().filename(), "Editor Update.app");

@@ -44,6 +44,8 @@ std::string Config(const std::vector<std::string>& codes, const std::string& old
 }
 
 const std::vector<std::string> kCodes = {"SIGN-CODE-1", "SIGN-CODE-2"};
+// create takes GUIDs only; the configurations written by hand above need not be.
+const std::string kCreateCode = "{516C0DE1-0000-4000-8000-0000000000C1}";
 
 unsigned Mode(const std::string& path) {
     struct stat info {};
@@ -789,7 +791,7 @@ TEST_F(SignTest, SigningNeedsAPrivateEd25519Key) {
 
         EXPECT_EQ(Run({"create", "--old", temp.file("v1/Editor.app"), "--new",
                        temp.file("v2/Editor.app"), "--out", madeBundle, "--from", BUILT_BUNDLE,
-                       "--code", "C-1", "--sign-key", c.keyPath}),
+                       "--code", kCreateCode, "--sign-key", c.keyPath}),
                   1)
             << out;
         EXPECT_TRUE(Contains(err, "mkpatcher create: ")) << err;
@@ -858,7 +860,7 @@ TEST_F(SignTest, CreateWithSignKeyMakesABundleThatVerifies) {
     MakeApp(temp.file("v2/Editor.app"), "2.0");
     ASSERT_EQ(Run({"create", "--old", temp.file("v1/Editor.app"), "--new",
                    temp.file("v2/Editor.app"), "--out", bundle, "--from", BUILT_BUNDLE, "--code",
-                   "C-1", "--sign-key", key.privatePath}),
+                   kCreateCode, "--sign-key", key.privatePath}),
               0)
         << err;
     EXPECT_TRUE(Contains(out, "Signed " + bundle + " with key " + key.fingerprint)) << out;
@@ -869,7 +871,7 @@ TEST_F(SignTest, CreateWithSignKeyMakesABundleThatVerifies) {
     JsonReport report = VerifyJson(key.publicPath, &status);
     EXPECT_EQ(status, 0) << report.raw;
     EXPECT_EQ(report["verdict"], "good");
-    EXPECT_EQ(report.codes, std::vector<std::string>{"C-1"});
+    EXPECT_EQ(report.codes, std::vector<std::string>{kCreateCode});
     EXPECT_EQ(report.fromVersions, std::vector<std::string>{"1.0"});
     EXPECT_EQ(report["toVersion"], "2.0");
     std::vector<std::string> listed;
