@@ -41,6 +41,9 @@ for preset in default asan; do
   fi
 done
 
+# The README's first command, so that it keeps working.
+step "demo: the patcher's main job end to end" bash scripts/demo.sh
+
 if [ -x scripts/fuzz.sh ]; then
   step "fuzz versioner and readers (60 s each)" scripts/fuzz.sh 60
 fi
