@@ -5,18 +5,31 @@
 #include "TestSupport.h"
 
 #include <algorithm>
+#include <filesystem>
+
+namespace fs = std::filesystem;
 
 namespace {
 
-// Everything below the folders a run may write to, the test's own work folder aside.
+// Everything below the folders a run may write to: the test's own work folder aside, and
+// the build tree, which the private system shows where it is (a checkout under /tmp) and
+// which other tests write to meanwhile.
 std::map<std::string, std::string> Machine() {
+    const std::string build = ORVEL_BINARY_DIR;
     std::map<std::string, std::string> listing;
     for (const char* folder : {"/opt", "/var/opt", "/usr/local/share", "/tmp", "/home",
                                "/etc/init.d", "/etc/orvel", "/run"}) {
-        for (const auto& [path, what] : Snapshot(folder)) {
-            if (std::string(folder) == "/tmp" && path.rfind("e2e", 0) == 0)
+        for (const auto& entry : fs::directory_iterator(folder)) {
+            const std::string path = entry.path().string();
+            if (path == "/tmp/e2e" || build == path || build.rfind(path + "/", 0) == 0)
                 continue;
-            listing[std::string(folder) + "/" + path] = what;
+            if (!entry.is_directory() || entry.is_symlink()) {
+                listing[path] = entry.is_symlink() ? "link" : "file";
+                continue;
+            }
+            for (const auto& [below, what] : Snapshot(path))
+                listing[path + "/" + below] = what;
+            listing[path] = "dir";
         }
     }
     return listing;
