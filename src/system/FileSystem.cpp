@@ -18,20 +18,11 @@ constexpr size_t kSendFileChunk = 8 * 1024 * 1024;
 
 // Copies what is left of in to out through memory.
 bool CopyThroughMemory(int in, int out, const FileSystem::CopyObserver& observe) {
-    const auto buffer = std::make_unique_for_overwrite<char[]>(kCopyBufferSize);
-    for (;;) {
-        const ssize_t got = ::read(in, buffer.get(), kCopyBufferSize);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return false;
-        if (got == 0)
-            return true;
+    return ReadInChunks(in, kCopyBufferSize, [&](const char* data, size_t size) {
         if (observe)
-            observe(buffer.get(), static_cast<size_t>(got));
-        if (!WriteAll(out, buffer.get(), static_cast<size_t>(got)))
-            return false;
-    }
+            observe(data, size);
+        return WriteAll(out, data, size);
+    });
 }
 
 // path below the folder handle, opened with flags, without following a symbolic link on
