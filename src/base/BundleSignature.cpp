@@ -8,12 +8,10 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 
@@ -113,18 +111,6 @@ std::optional<std::string> Sha256OfDescriptor(int fd, uint64_t* size, int copy =
     return Hex(digest, length);
 }
 
-// Opens path below the folder handle without following a link anywhere on the way.
-int OpenBeneath(int folder, const std::string& path, uint64_t flags) {
-    open_how how{};
-    how.flags = flags | O_CLOEXEC | O_NOFOLLOW;
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-    long fd;
-    do
-        fd = ::syscall(SYS_openat2, folder, path.c_str(), &how, sizeof how);
-    while (fd < 0 && errno == EINTR);
-    return static_cast<int>(fd);
-}
-
 std::string Errno(const std::string& what) {
     return what + ": " + std::strerror(errno);
 }
@@ -134,7 +120,9 @@ std::string Errno(const std::string& what) {
 bool ListFolder(int bundle, const std::string& prefix, std::vector<SignedFile>* entries,
                 std::string* problem) {
     const int folderFd =
-        prefix.empty() ? ::dup(bundle) : OpenBeneath(bundle, prefix, O_RDONLY | O_DIRECTORY);
+        prefix.empty()
+            ? ::dup(bundle)
+            : OpenBeneath(bundle, prefix, O_RDONLY | O_DIRECTORY | O_CLOEXEC, true).release();
     if (folderFd < 0) {
         *problem = Errno("cannot open " + (prefix.empty() ? std::string(".") : prefix));
         return false;
@@ -202,8 +190,8 @@ std::optional<std::string> ReadSignatureFile(const std::string& bundle, bool* mi
         *problem = Errno("cannot open the bundle " + bundle);
         return std::nullopt;
     }
-    UniqueFd file(
-        OpenBeneath(folder.get(), BundleSignature::kSignatureFile, O_RDONLY | O_NONBLOCK));
+    UniqueFd file = OpenBeneath(folder.get(), BundleSignature::kSignatureFile,
+                                O_RDONLY | O_NONBLOCK | O_CLOEXEC, true);
     if (!file.valid()) {
         *missing = errno == ENOENT;
         *problem = Errno(std::string("cannot open ") + BundleSignature::kSignatureFile);
@@ -538,7 +526,8 @@ std::optional<std::vector<SignedFile>> digestFiles(const std::string& bundle, st
     const auto work = [&] {
         for (size_t k = next++; k < order.size(); k = next++) {
             SignedFile& entry = entries[order[k]];
-            UniqueFd file(OpenBeneath(folder.get(), entry.path, O_RDONLY | O_NONBLOCK));
+            UniqueFd file =
+                OpenBeneath(folder.get(), entry.path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, true);
             struct stat info {};
             if (!file.valid() || ::fstat(file.get(), &info) != 0) {
                 failures[order[k]] = Errno("cannot open " + entry.path);

@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <memory>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -25,6 +27,38 @@ void UniqueFd::reset(int fd) {
     if (_fd >= 0)
         ::close(_fd);
     _fd = fd;
+}
+
+UniqueFd OpenBeneath(int folder, const std::string& path, int flags, bool noLinks) {
+    open_how how{};
+    how.flags = static_cast<uint64_t>(flags);
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS | (noLinks ? RESOLVE_NO_SYMLINKS : 0);
+    const long fd = ::syscall(SYS_openat2, folder, path.c_str(), &how, sizeof how);
+    if (fd >= 0 || errno != ENOSYS)
+        return UniqueFd(static_cast<int>(fd));
+    // Without openat2: each folder on the way opened without following a link; a last link
+    // is not followed either.
+    UniqueFd current(::fcntl(folder, F_DUPFD_CLOEXEC, 0));
+    size_t start = 0;
+    for (;;) {
+        const size_t slash = path.find('/', start);
+        const std::string name =
+            path.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
+        if (name == "..") {
+            errno = EXDEV;
+            return UniqueFd();
+        }
+        if (slash == std::string::npos)
+            return UniqueFd(::openat(current.get(), name.c_str(), flags | O_NOFOLLOW));
+        if (!name.empty() && name != ".") {
+            UniqueFd next(::openat(current.get(), name.c_str(),
+                                   O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (!next.valid())
+                return next;
+            current = std::move(next);
+        }
+        start = slash + 1;
+    }
 }
 
 bool ReadInChunks(int fd, size_t chunkSize,

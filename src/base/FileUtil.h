@@ -63,6 +63,11 @@ UniqueFd OpenPrivateFolder(const std::string& path, mode_t mode,
                            const std::function<bool(uid_t)>& trustedOwner,
                            std::string* problem = nullptr);
 
+// path below the folder handle, opened with flags, without following a symbolic link on
+// the way (noLinks: nor a last one) and never leaving the folder. openat2 where the kernel
+// has it, else a walk of folder handles opened without following links.
+UniqueFd OpenBeneath(int folder, const std::string& path, int flags, bool noLinks);
+
 // Reads fd to its end in pieces of at most chunkSize bytes, handing each to consume; false
 // on a read error, or as soon as consume returns false.
 [[nodiscard]] bool ReadInChunks(int fd, size_t chunkSize,

@@ -2,11 +2,11 @@
 
 #include "base/FileUtil.h"
 #include "base/Json.h"
+#include "runtime/CommonUtility.h"
 #include "runtime/LoggerUtility.h"
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <pwd.h>
@@ -134,16 +134,10 @@ bool RunRecorder::writeResult() {
     // name only what that user could write anyway.
     uid_t uid = ::getuid();
     gid_t gid = ::getgid();
-    for (const char* variable : {"PKEXEC_UID", "SUDO_UID"}) {
-        const char* value = std::getenv(variable);
-        char* end = nullptr;
-        const unsigned long asked = value && *value ? std::strtoul(value, &end, 10) : 0;
-        if (!value || !*value || *end != '\0')
-            continue;
-        if (const struct passwd* account = ::getpwuid(static_cast<uid_t>(asked))) {
+    if (const auto invoking = InvokingUserId()) {
+        if (const struct passwd* account = ::getpwuid(*invoking)) {
             uid = account->pw_uid;
             gid = account->pw_gid;
-            break;
         }
     }
     const int oldGid = ::setfsgid(gid);

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
@@ -23,19 +22,7 @@ std::string ErrorText() {
 // The folder of the code may belong to root or to the user this run acts for: the one who
 // started it (the real user id), or the one sudo or pkexec started it for.
 bool TrustedOwner(uid_t owner) {
-    if (owner == 0 || owner == ::getuid())
-        return true;
-    for (const char* variable : {"SUDO_UID", "PKEXEC_UID"}) {
-        const char* value = std::getenv(variable);
-        if (!value || !*value)
-            continue;
-        char* end = nullptr;
-        errno = 0;
-        const unsigned long uid = std::strtoul(value, &end, 10);
-        if (errno == 0 && end && *end == '\0' && uid == owner)
-            return true;
-    }
-    return false;
+    return owner == 0 || owner == ::getuid() || InvokingUserId() == owner;
 }
 
 } // namespace

@@ -234,6 +234,14 @@ std::optional<std::string> GetUserName() {
     return UserNameOfUid(::getuid());
 }
 
+std::optional<uid_t> InvokingUserId() {
+    for (const char* variable : {"PKEXEC_UID", "SUDO_UID"}) {
+        if (auto uid = ParseUid(std::getenv(variable)))
+            return uid;
+    }
+    return std::nullopt;
+}
+
 std::string HomeDirectory() {
     if (const char* home = std::getenv("HOME"); home && *home)
         return home;

@@ -42,6 +42,10 @@ bool CreateDirectoryAtPath(const std::string& path);
 // The free bytes of the volume holding path (for the unprivileged user), 0 on any failure.
 uint64_t GetFreeDiskSpaceInBytes(const std::string& path);
 
+// The user a root run acts for, as pkexec (PKEXEC_UID) or sudo (SUDO_UID) hands it over;
+// nothing when neither names one.
+std::optional<uid_t> InvokingUserId();
+
 // The user of the desktop session: PKEXEC_UID, else SUDO_USER, else the owner of the
 // process's login session, else the real user. Nothing when no account is found.
 std::optional<std::string> GetUserName();

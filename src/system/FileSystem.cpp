@@ -4,11 +4,9 @@
 #include <climits>
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <memory>
 #include <sys/sendfile.h>
 #include <sys/statvfs.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -23,41 +21,6 @@ bool CopyThroughMemory(int in, int out, const FileSystem::CopyObserver& observe)
             observe(data, size);
         return WriteAll(out, data, size);
     });
-}
-
-// path below the folder handle, opened with flags, without following a symbolic link on
-// the way (noLinks: nor a last one) and never leaving the folder. openat2 where the kernel
-// has it, else a walk of folder handles opened without following links.
-UniqueFd OpenBeneath(int folder, const std::string& path, int flags, bool noLinks) {
-    open_how how{};
-    how.flags = static_cast<uint64_t>(flags);
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS | (noLinks ? RESOLVE_NO_SYMLINKS : 0);
-    const long fd = ::syscall(SYS_openat2, folder, path.c_str(), &how, sizeof how);
-    if (fd >= 0 || errno != ENOSYS)
-        return UniqueFd(static_cast<int>(fd));
-    // Without openat2: each folder on the way opened without following a link; a last link
-    // is not followed either.
-    UniqueFd current(::fcntl(folder, F_DUPFD_CLOEXEC, 0));
-    size_t start = 0;
-    for (;;) {
-        const size_t slash = path.find('/', start);
-        const std::string name =
-            path.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
-        if (name == "..") {
-            errno = EXDEV;
-            return UniqueFd();
-        }
-        if (slash == std::string::npos)
-            return UniqueFd(::openat(current.get(), name.c_str(), flags | O_NOFOLLOW));
-        if (!name.empty() && name != ".") {
-            UniqueFd next(::openat(current.get(), name.c_str(),
-                                   O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-            if (!next.valid())
-                return next;
-            current = std::move(next);
-        }
-        start = slash + 1;
-    }
 }
 
 } // namespace
