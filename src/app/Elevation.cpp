@@ -1,6 +1,7 @@
 #include "app/Elevation.h"
 
 #include <cerrno>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,10 +20,10 @@ Elevation DecideElevation(bool isRoot, FrontEndKind kind, bool pkexecInstalled) 
 }
 
 std::vector<std::string>
-PkexecCommandLine(const std::string& pkexec, const std::string& program,
-                  const std::vector<std::string>& arguments,
+PkexecCommandLine(const std::string& pkexec, const std::string& launcher,
+                  const std::string& program, const std::vector<std::string>& arguments,
                   const std::function<std::optional<std::string>(const std::string&)>& variable) {
-    std::vector<std::string> line = {pkexec, "/usr/bin/env"};
+    std::vector<std::string> line = {pkexec, launcher};
     for (const std::string& name : kElevatedEnvironment) {
         if (auto value = variable(name); value && !value->empty())
             line.push_back(name + "=" + *value);
@@ -30,6 +31,16 @@ PkexecCommandLine(const std::string& pkexec, const std::string& program,
     line.push_back(program);
     line.insert(line.end(), arguments.begin(), arguments.end());
     return line;
+}
+
+std::string ElevationLauncher(const std::string& patchersLauncher) {
+    struct stat status {};
+    // What pkexec runs as root must be root's alone, like the program it starts.
+    if (::stat(patchersLauncher.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+        status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
+        (status.st_mode & S_IXUSR) != 0)
+        return patchersLauncher;
+    return "/usr/bin/env";
 }
 
 bool ElevationWasRefused(int pkexecStatus) {

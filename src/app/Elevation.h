@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/ElevatedEnvironment.h"
 #include "app/FrontEnd.h"
 
 #include <functional>
@@ -20,18 +21,19 @@ enum class Elevation {
 
 Elevation DecideElevation(bool isRoot, FrontEndKind kind, bool pkexecInstalled);
 
-// The environment the windows of the run started again need, and the desktop user's home
-// for the log; pkexec passes on nothing else.
-inline const std::vector<std::string> kElevatedEnvironment = {
-    "DISPLAY", "WAYLAND_DISPLAY", "XAUTHORITY", "XDG_RUNTIME_DIR", "HOME",
-    "LANG",    "LANGUAGE",        "LC_ALL",     "LC_MESSAGES"};
-
 // The command line that starts program (with its arguments) again as root through pkexec:
-// pkexec runs env, which sets the variables above that are set here and starts program.
+// pkexec runs the launcher (env, or the patchers' own launcher where the polkit action is
+// installed), which sets the variables of kElevatedEnvironment that are set here and starts
+// program.
 std::vector<std::string>
-PkexecCommandLine(const std::string& pkexec, const std::string& program,
-                  const std::vector<std::string>& arguments,
+PkexecCommandLine(const std::string& pkexec, const std::string& launcher,
+                  const std::string& program, const std::vector<std::string>& arguments,
                   const std::function<std::optional<std::string>(const std::string&)>& variable);
+
+// The launcher pkexec is to start: the patchers' own (its polkit action names the request
+// "Update an Orvel application") when it is installed where only root can change it, else
+// env, which pkexec's generic action covers.
+std::string ElevationLauncher(const std::string& patchersLauncher);
 
 // pkexec's exit status when the administrator's password was not given (the dialog was
 // dismissed, or the password was wrong).

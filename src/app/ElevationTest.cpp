@@ -20,7 +20,7 @@ TEST(ElevationTest, ThePkexecCommandLineCarriesWhatTheWindowsNeedAndTheArguments
     const std::map<std::string, std::string> environment = {
         {"DISPLAY", ":0"},       {"XAUTHORITY", "/home/ann/.Xauthority"}, {"HOME", "/home/ann"},
         {"LANG", "de_DE.UTF-8"}, {"LD_PRELOAD", "/tmp/evil.so"},          {"WAYLAND_DISPLAY", ""}};
-    const auto line = PkexecCommandLine("/usr/bin/pkexec", "/tmp/U p.app/Contents/MacOS/PatcherApp",
+    const auto line = PkexecCommandLine("/usr/bin/pkexec", "/usr/bin/env", "/tmp/U p.app/Contents/MacOS/PatcherApp",
                                         {"-logLevel=info", "x y"},
                                         [&](const std::string& name) -> std::optional<std::string> {
                                             const auto found = environment.find(name);

@@ -235,6 +235,8 @@ int RunQt(int argc, char** argv, const RunSetting& setting) {
 }
 
 constexpr const char* kPkexec = "/usr/bin/pkexec";
+// Where the polkit package installs the patchers' launcher (set by the build).
+constexpr const char* kPatchersLauncher = ORVEL_PATCHERS_LAUNCHER;
 
 // This program's own path and its arguments.
 std::vector<std::string> OwnCommandLine(int argc, char** argv) {
@@ -326,14 +328,14 @@ int RunPatcherApplication(int argc, char** argv, const CommandLine& line) {
         return 1;
     case Elevation::ThroughPkexec: {
         std::vector<std::string> arguments(argv + 1, argv + argc);
-        const int elevated =
-            RunAndWait(PkexecCommandLine(kPkexec, OwnCommandLine(argc, argv).front(), arguments,
-                                         [](const std::string& name) -> std::optional<std::string> {
-                                             const char* value = std::getenv(name.c_str());
-                                             if (!value)
-                                                 return std::nullopt;
-                                             return std::string(value);
-                                         }));
+        const int elevated = RunAndWait(PkexecCommandLine(
+            kPkexec, ElevationLauncher(kPatchersLauncher), OwnCommandLine(argc, argv).front(),
+            arguments, [](const std::string& name) -> std::optional<std::string> {
+                const char* value = std::getenv(name.c_str());
+                if (!value)
+                    return std::nullopt;
+                return std::string(value);
+            }));
         if (!ElevationWasRefused(elevated))
             return elevated;
         TellInWindow(argc, argv, setting, "Administrator refused message");

@@ -6,11 +6,16 @@
 #include "base/Xml.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <spawn.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+extern char** environ;
 
 namespace fs = std::filesystem;
 
@@ -119,6 +124,7 @@ std::optional<std::string> BundleAssembler::findBuiltBundle() {
     fs::path folder = fs::read_symlink("/proc/self/exe", ec).parent_path();
     if (ec)
         return std::nullopt;
+    const fs::path programFolder = folder;
     for (int level = 0; level < 4 && !folder.empty(); ++level) {
         const fs::path candidate = folder / "PatcherApp.app";
         if (fs::is_regular_file(candidate / kExecutable, ec))
@@ -127,7 +133,35 @@ std::optional<std::string> BundleAssembler::findBuiltBundle() {
             break;
         folder = folder.parent_path();
     }
+#ifdef ORVEL_INSTALLED_TEMPLATE
+    // Installed: the template's place relative to the programs' folder, so any prefix works.
+    const fs::path installed = (programFolder / ORVEL_INSTALLED_TEMPLATE).lexically_normal();
+    if (fs::is_regular_file(installed / kExecutable, ec))
+        return installed.string();
+#endif
     return std::nullopt;
+}
+
+bool BundleAssembler::stripDebugInfo(const std::string& path, std::string* error) {
+    auto failed = [error](const std::string& why) {
+        if (error)
+            *error = why;
+        return false;
+    };
+    const char* const argv[] = {"objcopy", "--strip-debug", path.c_str(), nullptr};
+    pid_t child = 0;
+    const int spawned = ::posix_spawnp(&child, "objcopy", nullptr, nullptr,
+                                       const_cast<char* const*>(argv), environ);
+    if (spawned != 0)
+        return failed(std::string("cannot run objcopy: ") + std::strerror(spawned));
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR)
+            return failed(std::string("cannot wait for objcopy: ") + std::strerror(errno));
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        return failed("objcopy --strip-debug " + path + " failed");
+    return true;
 }
 
 std::optional<std::string> BundleAssembler::checkBuiltBundle(const std::string& builtBundle) {
@@ -234,6 +268,14 @@ int BundleAssembler::assemble(const Options& options, Result* result, std::strin
         !CopyFileTo(options.configPath, resources + "/config.xml", &message) ||
         !CopyFileTo(options.manifestPath, resources + "/manifest.xml", &message))
         return Fail(error, message);
+    if (!options.keepDebugInfo) {
+        for (const char* part : {kExecutable, kZothLibrary, kResultsLibrary, kPatchTool}) {
+            // A bundle with debug sections still works; it is only larger.
+            if (!stripDebugInfo(*staging + "/" + part, &message))
+                std::fprintf(stderr, "mkpatcher: %s; %s is copied with its debug information\n",
+                             message.c_str(), part);
+        }
+    }
     if (!WriteFile(contents + "/Info.plist", InfoPlist(builtBundle, name), &message))
         return Fail(error, "cannot write Info.plist: " + message);
 

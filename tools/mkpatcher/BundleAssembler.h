@@ -21,6 +21,7 @@ public:
         std::string outPath;                    // must end in ".app"
         std::optional<std::string> builtBundle; // none: found next to this program
         bool force = false;                     // replace a non-empty output folder
+        bool keepDebugInfo = false; // copy the program and libraries with their debug sections
     };
 
     struct Result {
@@ -36,8 +37,14 @@ public:
     [[nodiscard]] static int assemble(const Options& options, Result* result, std::string* error);
 
     // The built patcher bundle that ships with this program: the nearest "PatcherApp.app"
-    // in the folder of the executable or one of the folders above it.
+    // in the folder of the executable or one of the folders above it (a build tree), else
+    // the installed template beside the installed program.
     static std::optional<std::string> findBuiltBundle();
+
+    // Drops the debug sections of an ELF file in place with objcopy; a patcher carries the
+    // program and libraries without them (a few MB instead of tens). False with a reason when
+    // objcopy is missing or fails; the file is then left as it was.
+    static bool stripDebugInfo(const std::string& path, std::string* error);
 
     // Nothing when the built bundle holds everything a patcher needs; else what is missing.
     static std::optional<std::string> checkBuiltBundle(const std::string& builtBundle);
