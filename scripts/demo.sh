@@ -4,17 +4,29 @@
 # machine's own /opt, /var/opt and /tmp/OrvelQX3 are never touched), registers it in the
 # installation database, makes a patcher with mkpatcher, signs it with a new vendor key that
 # the namespace's /etc/orvel trusts, and runs it silently, twice.
+#   scripts/demo.sh              with the programs of build/default (built first)
+#   scripts/demo.sh --installed  with the installed programs (mkpatcher and zothctl on the
+#                                PATH, the patcher template they find), nothing built
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$(pwd)
 
-bash scripts/install-deps.sh
-echo "==> building"
-cmake --preset default >/dev/null
-cmake --build --preset default -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
-
-build=$top/build/default
-demo=$top/build/demo
+if [ "${1:-}" = "--installed" ]; then
+  mkpatcher=$(command -v mkpatcher) || { echo "demo: no mkpatcher on the PATH" >&2; exit 1; }
+  zothctl=$(PATH=$PATH:/usr/sbin:/usr/local/sbin command -v zothctl) ||
+    { echo "demo: no zothctl on the PATH" >&2; exit 1; }
+  demo=${DEMO_DIR:-$top/build/demo-installed}
+  echo "==> the installed programs: $mkpatcher, $zothctl"
+else
+  bash scripts/install-deps.sh
+  echo "==> building"
+  cmake --preset default >/dev/null
+  cmake --build --preset default -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
+  build=$top/build/default
+  mkpatcher=$build/tools/mkpatcher/mkpatcher
+  zothctl=$build/tools/zoth/zothctl
+  demo=$top/build/demo
+fi
 rm -rf "$demo"
 mkdir -p "$demo/v1" "$demo/v2" "$demo/home"
 
@@ -67,7 +79,6 @@ mkdir -p "$new/Contents/PlugIns"
 
 echo "==> making the patcher with mkpatcher create"
 code="{0DE30DE3-0000-4000-8000-0000000000E1}"
-mkpatcher=$build/tools/mkpatcher/mkpatcher
 mkdir -p "$demo/keys"
 "$mkpatcher" keygen --private "$demo/keys/vendor.pem" --public "$demo/keys/vendor.pub"
 "$mkpatcher" create --old "$old" --new "$new" --out "$demo/EditorUpdate.app" \
@@ -75,6 +86,7 @@ mkdir -p "$demo/keys"
   --sign-key "$demo/keys/vendor.pem"
 echo "==> checking the signature with mkpatcher verify"
 "$mkpatcher" verify "$demo/EditorUpdate.app" --key "$demo/keys/vendor.pub" | head -n 6
+echo "the patcher bundle: $(du -sk "$demo/EditorUpdate.app" | cut -f1) KB, of which the program $(($(stat -c %s "$demo/EditorUpdate.app/Contents/MacOS/PatcherApp") / 1024)) KB"
 
 # What runs inside the private mount namespace.
 cat >"$demo/run-in-namespace.sh" <<'INNER'
@@ -89,7 +101,7 @@ install -m 0644 "$DEMO/keys/vendor.pub" /etc/orvel/trusted-keys.d/vendor.pem
 echo "trusted the vendor's public key: /etc/orvel/trusted-keys.d/vendor.pem"
 mkdir -p /opt/Orvel/Suite
 cp -a "$DEMO/v1/Editor.app" /opt/Orvel/Suite/
-"$BUILD/tools/zoth/zothctl" add --code "$CODE" --installdir /opt/Orvel/Suite --language en --version 1.0 >/dev/null
+"$ZOTHCTL" add --code "$CODE" --installdir /opt/Orvel/Suite --language en --version 1.0 >/dev/null
 echo "installed Orvel Editor 1.0 at /opt/Orvel/Suite/Editor.app and registered it as $CODE"
 
 meaning() {
@@ -140,7 +152,7 @@ INNER
 
 echo "==> running the patcher in a private mount namespace"
 status=0
-DEMO=$demo BUILD=$build CODE=$code HOME=$demo/home \
+DEMO=$demo ZOTHCTL=$zothctl CODE=$code HOME=$demo/home \
   unshare --mount --propagation private bash "$demo/run-in-namespace.sh" || status=$?
 echo "log: $demo/home/.local/state/Orvel/SoftwareUpdates/OrvelSoftwareUpdate.log"
 exit $status

@@ -10,7 +10,8 @@ packages=(
   libdivsufsort-dev libsqlite3-dev sqlite3 zlib1g-dev qt6-base-dev gettext
   libgtest-dev libgmock-dev
   xvfb xdotool x11-apps netpbm e2fsprogs bsdiff cpio util-linux dpkg procps rsync bc python3
-  strace openssl tmux pkexec
+  strace openssl tmux pkexec polkitd dbus-bin dbus-daemon dbus-system-bus-common
+  debhelper lintian scdoc bash-completion man-db
 )
 
 missing=()

@@ -43,6 +43,11 @@ done
 
 # The README's first command, so that it keeps working.
 step "demo: the patcher's main job end to end" bash scripts/demo.sh
+# The Debian packages: built with debhelper, lintian-clean, installed into a throw-away root
+# where the demo runs again from the installed programs.
+step "packages: build and lintian" bash scripts/package.sh
+step "packages: dpkg -i into a throw-away root, demo from the installed programs" \
+  bash scripts/package-check.sh
 
 if [ -x scripts/fuzz.sh ]; then
   step "fuzz versioner and readers (60 s each)" scripts/fuzz.sh 60

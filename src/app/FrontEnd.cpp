@@ -275,6 +275,20 @@ void TellInWindow(int argc, char** argv, const RunSetting& setting, const char* 
                            text("OK"));
 }
 
+// Whether a LANGUAGE list names English ("en", "en_GB", ...).
+bool ListsEnglish(const std::string& list) {
+    size_t start = 0;
+    while (start <= list.size()) {
+        const size_t end = std::min(list.find(':', start), list.size());
+        const std::string entry = list.substr(start, end - start);
+        if (entry == "en" || entry.rfind("en_", 0) == 0 || entry.rfind("en.", 0) == 0 ||
+            entry.rfind("en@", 0) == 0)
+            return true;
+        start = end + 1;
+    }
+    return false;
+}
+
 } // namespace
 
 void PrepareMessageLocale() {
@@ -285,11 +299,18 @@ void PrepareMessageLocale() {
     if (!messages || std::strcmp(messages, "C") == 0 || std::strcmp(messages, "POSIX") == 0)
         std::setlocale(LC_MESSAGES, "C.UTF-8");
     const char* language = std::getenv("LANGUAGE");
-    if (!language || !*language) {
+    std::string list;
+    if (language && *language) {
+        list = language;
+    } else {
         const std::string locale = UserLocale();
-        const std::string list = locale + ":" + locale.substr(0, locale.find('_'));
-        ::setenv("LANGUAGE", list.c_str(), 1);
+        list = locale + ":" + locale.substr(0, locale.find('_'));
     }
+    // The tables are keyed by names, not English texts: a language without a table of its
+    // own gets the English one, never the names.
+    if (!ListsEnglish(list))
+        list += ":en";
+    ::setenv("LANGUAGE", list.c_str(), 1);
 }
 
 int RunPatcherApplication(int argc, char** argv, const CommandLine& line) {

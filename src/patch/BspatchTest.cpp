@@ -429,10 +429,11 @@ TEST(BspatchTest, ProgramExitStatusAndArguments) {
     f.makePatchWithBsdiff(f.oldPath, f.newPath);
     const std::string errors = f.logs.file("stderr");
 
-    EXPECT_EQ(RunProgram({BSPATCH_PROGRAM}, {}, {}, errors), 1);
-    EXPECT_EQ(RunProgram({BSPATCH_PROGRAM, f.oldPath, f.outPath}, {}, {}, errors), 1);
+    // A wrong command line: 2, as for the other tools.
+    EXPECT_EQ(RunProgram({BSPATCH_PROGRAM}, {}, {}, errors), 2);
+    EXPECT_EQ(RunProgram({BSPATCH_PROGRAM, f.oldPath, f.outPath}, {}, {}, errors), 2);
     EXPECT_EQ(RunProgram({BSPATCH_PROGRAM, f.oldPath, f.outPath, f.patchPath, "x"}, {}, {}, errors),
-              1);
+              2);
     EXPECT_FALSE(FileExists(f.outPath));
 
     // Missing inputs and an output folder that does not exist.

@@ -113,8 +113,11 @@ std::string Reason(const std::string& what) {
 void GiveRootsToOwner(int fd, const struct stat& owner) {
     struct stat info {};
     if (::fstat(fd, &info) == 0 && info.st_uid == 0 &&
-        (S_ISDIR(info.st_mode) || (S_ISREG(info.st_mode) && info.st_nlink == 1)))
-        (void)::fchown(fd, owner.st_uid, owner.st_gid);
+        (S_ISDIR(info.st_mode) || (S_ISREG(info.st_mode) && info.st_nlink == 1))) {
+        // Left root's when this fails: the log is still written, only not the user's to remove.
+        if (::fchown(fd, owner.st_uid, owner.st_gid) != 0)
+            return;
+    }
 }
 
 // The log's folder, reached by the walk from the home folder without following a link,

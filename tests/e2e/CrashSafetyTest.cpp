@@ -375,6 +375,31 @@ TEST(Recovery, TheNextStartSaysWhatItFoundAndWhatItDid) {
     EXPECT_FALSE(FileExists(kStateFolder + "/update-in-progress"));
 }
 
+// A disk that fails for good half way: the rollback fails too. The silent run ends with 10
+// (its exit status and its return code say so), and once the disk works again the next
+// start finishes the rollback from the journal and applies the update.
+TEST(Recovery, ADiskThatFailsForGoodEndsWithTenAndTheNextStartRepairs) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    PreparedUpdate update(6);
+    ASSERT_FALSE(::testing::Test::HasFailure());
+    Scenario& s = update.s;
+
+    auto failing = FaultAssignments(update.calls / 2, "EIO");
+    failing.push_back("ORVEL_FAULT_ONWARD=1");
+    EXPECT_EQ(RunBundle(s, s.bundle, failing), 10) << ReadTextFile(s.logFile);
+    EXPECT_EQ(s.returnCode(), "10");
+    EXPECT_TRUE(s.logContains("Rollback failed. Application left in undeterminate state."))
+        << ReadTextFile(s.logFile);
+    EXPECT_NE(OwnedSnapshot(s.app), update.newTree);
+
+    ::unlink(s.returnCodeFile.c_str());
+    ASSERT_EQ(RunBundle(s, s.bundle), 0) << ReadTextFile(s.logFile);
+    EXPECT_EQ(s.returnCode(), "0");
+    EXPECT_EQ(update.count("Rolling it back from the journal in "), 1) << ReadTextFile(s.logFile);
+    EXPECT_EQ(OwnedSnapshot(s.app), update.newTree);
+    EXPECT_FALSE(FileExists(kStateFolder + "/update-in-progress"));
+}
+
 // SIGTERM, SIGHUP and SIGINT in the middle of the walk cancel the update: rolled back, 9.
 TEST(Signals, TermHupAndIntDuringTheWalkRollBackWithNine) {
     ORVEL_E2E_IN_PRIVATE_SYSTEM();

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <regex>
+#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -102,6 +104,32 @@ TEST(DryRun, EachCheckThatFailsGivesTheCodeARunWouldEndWith) {
     before = Machine();
     EXPECT_EQ(s.runPatcher({"--dry-run"}), 5) << s.patcherOutput();
     EXPECT_EQ(Machine(), before);
+}
+
+// The output without what changes from run to run: log prefixes and times.
+std::string Steady(const std::string& output) {
+    std::istringstream in(output);
+    std::string steady;
+    for (std::string line; std::getline(in, line);)
+        steady += std::regex_replace(StripLogPrefix(line), std::regex("in [0-9]+ ms"), "") + "\n";
+    return steady;
+}
+
+// A language without string tables of its own gets the English texts, never their names.
+TEST(DryRun, ALanguageWithoutTablesGetsTheEnglishTexts) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    Scenario s;
+    Prepare(s);
+    ASSERT_EQ(RunTool({ORVEL_ZOTHCTL, "remove", "--code", s.code}), 0);
+    EXPECT_EQ(s.runPatcher({"--dry-run"}, {"LANG=C.UTF-8"}), 5);
+    const std::string english = Steady(s.patcherOutput());
+    for (const char* language : {"LANG=fr_FR.UTF-8", "LANGUAGE=fr", "LANGUAGE=pt_BR:fr"}) {
+        EXPECT_EQ(s.runPatcher({"--dry-run"}, {language}), 5);
+        EXPECT_EQ(Steady(s.patcherOutput()), english) << language;
+        EXPECT_EQ(s.patcherOutput().find(" message"), std::string::npos) << s.patcherOutput();
+    }
+    EXPECT_EQ(s.runPatcher({"--dry-run"}, {"LANGUAGE=de"}), 5);
+    EXPECT_NE(Steady(s.patcherOutput()), english) << "German has tables of its own";
 }
 
 } // namespace

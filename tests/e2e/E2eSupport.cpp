@@ -465,7 +465,8 @@ void Scenario::assemble(const std::string& manifestXml) {
     }
     ASSERT_EQ(RunTool({ORVEL_MKPATCHER, "assemble", "--config", work + "/config.xml", "--manifest",
                        work + "/manifest.xml", "--payload", payload, "--out", bundle, "--force",
-                       "--sign-key", signingKey},
+                       // The sanitizers' reports name lines only with the debug sections.
+                       "--keep-debug-info", "--sign-key", signingKey},
                       &output),
               0)
         << output;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <sstream>
 #include <sys/mount.h>
@@ -328,14 +329,15 @@ public:
     const std::string kArguments = "/tmp/e2e/pkexec-arguments";
 };
 
-ChildProcess StartAsDesktopUser(const Scenario& s) {
+ChildProcess StartAsDesktopUser(const Scenario& s, uid_t uid = 65534) {
     const std::string home = "/tmp/e2e/desktop-user";
     fs::create_directories(home);
-    ::chown(home.c_str(), 65534, 65534);
+    ::chown(home.c_str(), uid, uid);
     std::vector<std::string> env = DesktopSession();
     env.insert(env.end(), {"HOME=" + home, "LANG=C.UTF-8"});
-    return ChildProcess({"setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups",
-                         s.bundle + "/Contents/MacOS/PatcherApp", "-logLevel=info"},
+    return ChildProcess({"setpriv", "--reuid", std::to_string(uid), "--regid", std::to_string(uid),
+                         "--clear-groups", s.bundle + "/Contents/MacOS/PatcherApp",
+                         "-logLevel=info"},
                         CleanEnvironment(env), s.work + "/patcher-output.txt");
 }
 
@@ -376,6 +378,138 @@ TEST(UserInterface, ADesktopUserWhoIsNotRootIsAskedForAnAdministratorThroughPkex
     }
     EXPECT_EQ(Snapshot(s.app), before);
     EXPECT_FALSE(FileExists(s.historyFile));
+}
+
+// The real thing: the system bus, polkitd and the setuid pkexec, with the patchers' polkit
+// action and launcher installed where the packages put them (an overlay over the system's
+// folders, private to the test). A rule stands in for the administrator's password: the
+// patchers' action is granted to nobody and refused to daemon; every other action is refused,
+// so a run that gets through went through the patchers' action and launcher.
+class PolkitDaemon {
+public:
+    PolkitDaemon() {
+        fs::create_directories(kScratch);
+        if (::mount("tmpfs", kScratch, "tmpfs", 0, "mode=0755") != 0) {
+            _problem = std::string("cannot mount a tmpfs over ") + kScratch;
+            return;
+        }
+        // Each folder the test adds to, as an overlay whose changes stay in the scratch tmpfs.
+        if (!Overlay(ExistingAncestor(fs::path(PATCHERS_LAUNCHER).parent_path())) ||
+            !Overlay("/usr/share/polkit-1/actions") || !Overlay("/etc/polkit-1/rules.d"))
+            return;
+        // An overlay over /usr/local hides the private system's tmpfs below it; a fresh one.
+        for (const std::string& folder : _covered) {
+            if (std::string("/usr/local/share").rfind(folder + "/", 0) == 0)
+                ::mount("tmpfs", "/usr/local/share", "tmpfs", 0, "mode=0755");
+        }
+        fs::create_directories(fs::path(PATCHERS_LAUNCHER).parent_path());
+        fs::copy_file(RUN_PATCHER, PATCHERS_LAUNCHER, fs::copy_options::overwrite_existing);
+        ::chmod(PATCHERS_LAUNCHER, 0755);
+        fs::copy_file(POLICY_FILE, "/usr/share/polkit-1/actions/org.orvel.patcher.policy",
+                      fs::copy_options::overwrite_existing);
+        WriteTextFile(
+            "/etc/polkit-1/rules.d/10-orvel-test.rules",
+            "polkit.addRule(function(action, subject) {\n"
+            "    if (action.id == \"org.orvel.patcher.update\" && subject.user == \"nobody\")\n"
+            "        return polkit.Result.YES;\n"
+            "    return polkit.Result.NO;\n"
+            "});\n");
+        fs::create_directories("/run/dbus");
+        std::string output;
+        if (RunTool({"dbus-daemon", "--system", "--fork"}, &output) != 0) {
+            _problem = "dbus-daemon: " + output;
+            return;
+        }
+        _polkitd = ChildProcess({"/usr/lib/polkit-1/polkitd", "--no-debug"}, CleanEnvironment({}),
+                                "/tmp/e2e/polkitd.txt");
+        // Ready once it owns its name on the bus.
+        ready = WaitUntil(
+            [] {
+                std::string names;
+                RunTool({"dbus-send", "--system", "--print-reply", "--dest=org.freedesktop.DBus",
+                         "/org/freedesktop/DBus", "org.freedesktop.DBus.ListNames"},
+                        &names);
+                return names.find("org.freedesktop.PolicyKit1") != std::string::npos;
+            },
+            20s);
+    }
+    ~PolkitDaemon() { _polkitd.kill(); }
+
+    bool ready = false;
+    std::string problem() const { return _problem + ReadTextFile("/tmp/e2e/polkitd.txt"); }
+
+private:
+    static constexpr const char* kScratch = "/run/e2e-overlays";
+
+    static fs::path ExistingAncestor(fs::path folder) {
+        std::error_code ec;
+        while (!fs::is_directory(folder, ec) && folder.has_parent_path() && folder != "/")
+            folder = folder.parent_path();
+        return folder;
+    }
+
+    bool Overlay(const fs::path& folder) {
+        const std::string name = std::to_string(_covered.size());
+        const std::string upper = std::string(kScratch) + "/upper" + name;
+        const std::string work = std::string(kScratch) + "/work" + name;
+        fs::create_directories(upper);
+        fs::create_directories(work);
+        const std::string options =
+            "lowerdir=" + folder.string() + ",upperdir=" + upper + ",workdir=" + work;
+        if (::mount("overlay", folder.c_str(), "overlay", 0, options.c_str()) != 0) {
+            _problem =
+                "cannot put an overlay over " + folder.string() + ": " + std::strerror(errno);
+            return false;
+        }
+        _covered.push_back(folder.string());
+        return true;
+    }
+
+    std::vector<std::string> _covered;
+    std::string _problem;
+    ChildProcess _polkitd;
+};
+
+TEST(UserInterface, ARealPkexecStartsTheUpdateThroughThePatchersPolkitAction) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    for (const char* program :
+         {"/usr/bin/pkexec", "/usr/lib/polkit-1/polkitd", "/usr/bin/dbus-daemon"}) {
+        if (::access(program, X_OK) != 0)
+            GTEST_SKIP() << program << " is not installed";
+    }
+    Scenario s;
+    VirtualDisplay display;
+    ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
+    PolkitDaemon polkit;
+    ASSERT_TRUE(polkit.ready) << polkit.problem();
+    s.assemble(s.manifest(PrepareUpdate(s)));
+    const auto before = Snapshot(s.app);
+    {
+        // Refused to daemon: pkexec says "Not authorized", the patcher says so in a window.
+        ChildProcess patcher = StartAsDesktopUser(s, 1);
+        const std::string alert = WaitForWindow("^Administrator Rights Needed$");
+        ASSERT_FALSE(alert.empty()) << s.patcherOutput();
+        PressKeys(alert, {"Return"});
+        EXPECT_EQ(patcher.wait(30s), 1) << s.patcherOutput();
+        EXPECT_NE(s.patcherOutput().find("Not authorized"), std::string::npos) << s.patcherOutput();
+        EXPECT_EQ(Snapshot(s.app), before);
+    }
+    // Granted to nobody: the patcher runs again as root, with its windows on the user's
+    // display, and applies the update.
+    ChildProcess patcher = StartAsDesktopUser(s);
+    const std::string welcome = WaitForWindow(kSoftwareUpdate);
+    ASSERT_FALSE(welcome.empty()) << s.patcherOutput() << polkit.problem();
+    PressKeys(welcome, {"Return"});
+    const std::string success = WaitForWindow(kSoftwareUpdate, {welcome});
+    ASSERT_FALSE(success.empty()) << s.patcherOutput();
+    PressKeys(success, {"Return"});
+    ASSERT_EQ(patcher.wait(60s), 0) << s.patcherOutput();
+    EXPECT_EQ(ReadTextFile(s.app + "/Contents/Resources/keep.txt"), "version two\n");
+    EXPECT_TRUE(FileExists(s.historyFile));
+    // The run as root was pkexec's: it acted for the desktop user, whose log it wrote.
+    const std::string log = ReadTextFile(
+        "/tmp/e2e/desktop-user/.local/state/Orvel/SoftwareUpdates/OrvelSoftwareUpdate.log");
+    EXPECT_NE(log.find("Exit code: 0"), std::string::npos) << log;
 }
 
 // The editor's volume stalls (frozen, as for a snapshot) from the first change on: the

@@ -8,6 +8,8 @@
 //   ORVEL_FAULT_PATHS     colon-separated folders whose files count (default: all)
 //   ORVEL_FAULT_AT        the call to act on, from 1; 0 or unset: count only
 //   ORVEL_FAULT_ERROR     ENOSPC or EIO: fail the call; unset: SIGKILL
+//   ORVEL_FAULT_ONWARD    1: fail every counted call from the Nth on, as a disk that has
+//                         gone bad (with ORVEL_FAULT_ERROR)
 //   ORVEL_FAULT_SIGNAL    TERM, HUP or INT: send that signal instead and let the call go on
 //   ORVEL_FAULT_COUNT     a file that receives the number of counted calls at exit
 //
@@ -41,6 +43,7 @@ static int g_active;
 static long long g_at;
 static int g_error;  // 0: SIGKILL
 static int g_signal; // sent instead of SIGKILL, the call going on
+static int g_onward; // every call from g_at on fails
 static atomic_llong g_count;
 static char* g_prefixes[MAX_PREFIXES];
 static size_t g_prefixCount;
@@ -72,6 +75,8 @@ __attribute__((constructor)) static void FaultInit(void) {
             g_prefixes[g_prefixCount++] = part;
     }
     g_countFile = getenv("ORVEL_FAULT_COUNT");
+    const char* onward = getenv("ORVEL_FAULT_ONWARD");
+    g_onward = onward && strcmp(onward, "1") == 0;
     // Children (and the patcher's own re-execution) start counting afresh.
     unsetenv("LD_PRELOAD");
     g_active = 1;
@@ -131,7 +136,7 @@ static int Step(int covered) {
     if (!g_active || !covered)
         return 0;
     const long long n = atomic_fetch_add(&g_count, 1) + 1;
-    if (n != g_at)
+    if (g_at == 0 || n < g_at || (n > g_at && !(g_onward && g_error != 0)))
         return 0;
     if (g_signal != 0) {
         kill(getpid(), g_signal);

@@ -100,6 +100,7 @@ int main(int argc, char** argv) {
         std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
             std::printf("usage: kor-launch --client APP_PATH [--id APP_ID] BUNDLE.app [ARGS...]\n"
+                        "       kor-launch --help | --version\n"
                         "Starts the patcher of BUNDLE.app as the update manager does, for the\n"
                         "client application APP_PATH, and prints the result it sends:\n"
                         "\"code: N\" and \"message: TEXT\". Exit status 0 when a result arrived,\n"

@@ -144,6 +144,122 @@ std::optional<bool> TreesDiffer(const std::string& oldRoot, const Tree& oldTree,
     return false;
 }
 
+// Nothing when no path is a folder in one tree and something else in the other; else why not.
+// The undo journal is replayed in the order it was written, so it would put a file back
+// before the folder's new contents were gone: such a change cannot be undone.
+std::optional<std::string> KindChangeProblem(const Tree& oldTree, const Tree& newTree) {
+    for (const auto& [relative, entry] : oldTree) {
+        const auto now = newTree.find(relative);
+        if (now == newTree.end() ||
+            (entry.kind == TreeEntry::Folder) == (now->second.kind == TreeEntry::Folder))
+            continue;
+        if (entry.kind == TreeEntry::Folder)
+            return "the folder " + relative +
+                   " becomes a file or link in the new version; make that change in two releases";
+        return "the " + std::string(entry.kind == TreeEntry::File ? "file " : "link ") + relative +
+               " becomes a folder in the new version; make that change in two releases";
+    }
+    return std::nullopt;
+}
+
+// The bytes of the tree's regular files.
+uint64_t FileBytes(const Tree& tree) {
+    uint64_t bytes = 0;
+    for (const auto& [relative, entry] : tree) {
+        if (entry.kind == TreeEntry::File)
+            bytes += entry.size;
+    }
+    return bytes;
+}
+
+constexpr std::string_view kComparing = "Comparing the trees";
+constexpr std::string_view kPatching = "Making patches";
+constexpr std::string_view kAssembling = "Assembling the bundle";
+
+// Counts the bytes a phase of create has handled, file by file, and hands each step to the
+// progress. done never goes back and never passes total, even for a file that grew after
+// the trees were scanned.
+class PhaseMeter {
+public:
+    PhaseMeter(const PatcherBuilder::Progress& progress, std::string_view phase, uint64_t total)
+        : _progress(progress), _phase(phase), _total(total) {
+        report({}, 0, false);
+    }
+
+    // handled bytes of the file item, of size bytes when scanned, are done.
+    void within(std::string_view item, uint64_t size, uint64_t handled) const {
+        report(item, _finished + std::min(handled, size), false);
+    }
+    // The file item, of size bytes when scanned, is done.
+    void finished(std::string_view item, uint64_t size) {
+        _finished += size;
+        report(item, _finished, false);
+    }
+    void end() const { report({}, _total, true); }
+
+private:
+    void report(std::string_view item, uint64_t done, bool last) const {
+        if (_progress)
+            _progress(
+                PatcherBuilder::ProgressStep{_phase, std::min(done, _total), _total, item, last});
+    }
+
+    const PatcherBuilder::Progress& _progress;
+    std::string_view _phase;
+    uint64_t _total;
+    uint64_t _finished = 0;
+};
+
+// Checksums of a tree's regular files, by relative path.
+using Checksums = std::map<std::string, std::string>;
+
+// The checksum of a regular file, read in pieces that the meter counts as they go; nothing
+// when it cannot be read or is no longer a regular file.
+std::optional<std::string> FileChecksum(const std::string& path, const std::string& relative,
+                                        uint64_t size, const PhaseMeter& meter) {
+    constexpr size_t kPiece = 256 * 1024;
+    // Opened without blocking, so a FIFO put in the file's place since the scan holds
+    // nothing up.
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    struct stat info {};
+    if (!fd.valid() || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode))
+        return std::nullopt;
+    const int flags = ::fcntl(fd.get(), F_GETFL);
+    if (flags < 0 || ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0)
+        return std::nullopt;
+    ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    Md5Stream stream;
+    uint64_t handled = 0;
+    const bool read = ReadInChunks(fd.get(), kPiece, [&](const char* data, size_t bytes) {
+        stream.update(data, bytes);
+        handled += bytes;
+        meter.within(relative, size, handled);
+        return true;
+    });
+    if (!read)
+        return std::nullopt;
+    return stream.finish();
+}
+
+// Reads every regular file of the tree for its checksum; false with a message when one
+// cannot be read.
+bool TreeChecksums(const std::string& root, const Tree& tree, PhaseMeter* meter,
+                   Checksums* checksums, std::string* error) {
+    for (const auto& [relative, entry] : tree) {
+        if (entry.kind != TreeEntry::File)
+            continue;
+        const std::string path = root + "/" + relative;
+        const auto md5 = FileChecksum(path, relative, entry.size, *meter);
+        if (!md5) {
+            Fail(error, "cannot read " + path);
+            return false;
+        }
+        meter->finished(relative, entry.size);
+        (*checksums)[relative] = *md5;
+    }
+    return true;
+}
+
 std::string Octal(unsigned mode) {
     char text[16];
     std::snprintf(text, sizeof text, "%o", mode);
@@ -443,10 +559,6 @@ void PatcherIdentity::overrideWith(const PatcherIdentity& other) {
 int PatcherBuilder::create(const Options& options, Report* report, std::string* error,
                            const Progress& progress) {
     Report result;
-    auto phase = [&progress](const std::string& text, double done) {
-        if (progress)
-            progress(text, done);
-    };
 
     Tree oldTree;
     Tree newTree;
@@ -493,7 +605,10 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
         identity.runningApps.push_back(running.empty() ? identity.appName : running);
     }
 
-    phase("Comparing the trees", 0);
+    // Every file of both trees is read once, for its checksum.
+    PhaseMeter comparing(progress, kComparing, FileBytes(oldTree) + FileBytes(newTree));
+    if (auto why = KindChangeProblem(oldTree, newTree))
+        return Fail(error, *why);
 
     // Working folder beside the output for the payload, configuration and manifest.
     const fs::path out = fs::absolute(options.outPath).lexically_normal();
@@ -526,53 +641,40 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
     uint64_t writtenBytes = 0;
     uint64_t largestPatched = 0;
 
-    // What changed files need bsdiff, with their sizes for the progress.
-    std::vector<std::string> changedFiles;
+    Checksums oldChecksums;
+    Checksums newChecksums;
+    if (!TreeChecksums(options.oldTree, oldTree, &comparing, &oldChecksums, error) ||
+        !TreeChecksums(options.newTree, newTree, &comparing, &newChecksums, error))
+        return 1;
+    comparing.end();
+    result.newTreeBytes = FileBytes(newTree);
+
+    // The new files that changed, with their sizes for the progress.
     uint64_t changedBytes = 0;
     for (const auto& [relative, entry] : newTree) {
-        if (entry.kind == TreeEntry::File)
-            result.newTreeBytes += entry.size;
         const auto old = oldTree.find(relative);
         if (entry.kind == TreeEntry::File && old != oldTree.end() &&
-            old->second.kind == TreeEntry::File) {
-            changedFiles.push_back(relative);
+            old->second.kind == TreeEntry::File &&
+            oldChecksums.at(relative) != newChecksums.at(relative))
             changedBytes += entry.size;
-        }
     }
 
-    // What went away, or became something else.
+    // What went away. A path that changes between folder and not-folder was refused above.
     for (const auto& [relative, entry] : oldTree) {
-        const auto now = newTree.find(relative);
-        const bool gone = now == newTree.end();
+        const bool gone = !newTree.contains(relative);
         if (entry.kind == TreeEntry::Folder) {
             if (gone)
                 foldersToRemove.push_back(relative);
-            else if (now->second.kind != TreeEntry::Folder)
-                return Fail(error, "the folder " + relative +
-                                       " becomes a file or link in the new version; make that "
-                                       "change in two releases");
             continue;
         }
-        if (!gone && now->second.kind != TreeEntry::Folder)
-            continue;
-        // The journal is replayed in the order it was written, so the undo would put the file
-        // back before the folder's new contents are gone; such a change cannot be undone.
         if (!gone)
-            return Fail(error, "the " +
-                                   std::string(entry.kind == TreeEntry::File ? "file " : "link ") +
-                                   relative +
-                                   " becomes a folder in the new version; make that change in "
-                                   "two releases");
+            continue;
         FileOp op;
         op.relative = relative;
-        const std::string path = options.oldTree + "/" + relative;
         if (entry.kind == TreeEntry::File) {
             op.operation = "REMOVE";
             op.objectName = objectName('r', relative);
-            const auto md5 = Md5OfFile(path);
-            if (!md5)
-                return Fail(error, "cannot read " + path);
-            op.before = op.after = *md5;
+            op.before = op.after = oldChecksums.at(relative);
             backupBytes += entry.size;
             ++result.removed;
         } else {
@@ -585,7 +687,7 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
     }
 
     // What is new or changed.
-    uint64_t diffedBytes = 0;
+    PhaseMeter patching(progress, kPatching, changedBytes);
     for (const auto& [relative, entry] : newTree) {
         const auto oldIt = oldTree.find(relative);
         const TreeEntry* old = oldIt == oldTree.end() ? nullptr : &oldIt->second;
@@ -613,7 +715,7 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
             op.after = Md5OfFile(newPath).value_or(Md5OfBytes(entry.target));
             op.before =
                 old && old->kind == TreeEntry::File
-                    ? Md5OfFile(oldPath).value_or(op.after)
+                    ? oldChecksums.at(relative)
                     : (old && old->kind == TreeEntry::Link ? Md5OfBytes(old->target) : op.after);
             if (old && old->kind == TreeEntry::File)
                 backupBytes += old->size;
@@ -623,16 +725,14 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
         }
 
         // A regular file.
-        const auto newMd5 = Md5OfFile(newPath);
-        if (!newMd5)
-            return Fail(error, "cannot read " + newPath);
+        const std::string& newMd5 = newChecksums.at(relative);
         FileOp op;
         op.relative = relative;
-        op.after = *newMd5;
+        op.after = newMd5;
         if (!old) {
             op.operation = "ADD";
             op.objectName = objectName('a', relative);
-            op.before = *newMd5;
+            op.before = newMd5;
             op.permission = entry.mode;
             if (!StageFile(newPath, payload + "/" + op.objectName, error))
                 return 1;
@@ -654,12 +754,8 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
             writtenBytes += entry.size;
             ++result.overwritten;
         } else {
-            const auto oldMd5 = Md5OfFile(oldPath);
-            if (!oldMd5)
-                return Fail(error, "cannot read " + oldPath);
-            op.before = *oldMd5;
-            if (*oldMd5 == *newMd5) {
-                diffedBytes += entry.size;
+            op.before = oldChecksums.at(relative);
+            if (op.before == newMd5) {
                 if (old->mode == entry.mode) {
                     ++result.unchanged;
                     continue;
@@ -669,10 +765,9 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
                 op.permission = entry.mode;
                 ++result.permissionChanges;
             } else {
-                phase("Making patches: " + relative,
-                      changedBytes
-                          ? static_cast<double>(diffedBytes) / static_cast<double>(changedBytes)
-                          : 1.0);
+                const std::string& name = relative;
+                const uint64_t size = entry.size;
+                patching.within(name, size, 0);
                 std::vector<uint8_t> oldData;
                 std::vector<uint8_t> newData;
                 std::vector<uint8_t> patch;
@@ -681,12 +776,16 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
                     if (!ReadFileBytes(oldPath, &oldData, error) ||
                         !ReadFileBytes(newPath, &newData, error))
                         return 1;
-                    if (!Bsdiff::diff(oldData, newData, &patch, error))
+                    const auto diffed = [&patching, &name, size](double share) {
+                        patching.within(name, size,
+                                        static_cast<uint64_t>(share * static_cast<double>(size)));
+                    };
+                    if (!Bsdiff::diff(oldData, newData, &patch, error, nullptr, diffed))
                         return 1;
                     patched = static_cast<double>(patch.size()) <=
                               options.patchRatio * static_cast<double>(entry.size);
                 }
-                diffedBytes += entry.size;
+                patching.finished(name, size);
                 op.permission = entry.mode;
                 if (patched) {
                     op.operation = "PATCH";
@@ -713,7 +812,7 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
         else
             changes.push_back(op);
     }
-    phase("Making patches", 1);
+    patching.end();
     result.foldersRemoved = static_cast<int>(foldersToRemove.size());
 
     // The manifest: removals first; then new and changed files; then folder modes, once the folders
@@ -793,7 +892,7 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
         !XmlDocument::save(manifest, manifestPath, false, &message))
         return Fail(error, "cannot write the configuration or the manifest: " + message);
 
-    phase("Assembling the bundle", 0);
+    PhaseMeter assembling(progress, kAssembling, 0);
     BundleAssembler::Options assemble;
     assemble.configPath = configPath;
     assemble.manifestPath = manifestPath;
@@ -802,10 +901,11 @@ int PatcherBuilder::create(const Options& options, Report* report, std::string* 
     assemble.outPath = options.outPath;
     assemble.builtBundle = options.builtBundle;
     assemble.force = options.force;
+    assemble.keepDebugInfo = options.keepDebugInfo;
     BundleAssembler::Result assembled;
     if (BundleAssembler::assemble(assemble, &assembled, error) != 0)
         return 1;
-    phase("Assembling the bundle", 1);
+    assembling.end();
 
     result.bundlePath = assembled.bundlePath;
     result.payloadBytes = assembled.payloadBytes;

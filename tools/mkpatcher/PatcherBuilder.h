@@ -4,6 +4,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // Who the patcher is for: the product's identity and what the patcher checks before it
@@ -44,6 +45,7 @@ public:
         std::optional<std::string> name;
         std::optional<std::string> builtBundle;
         bool force = false;
+        bool keepDebugInfo = false;  // see BundleAssembler::Options
         bool allowDowngrade = false; // accept a new version that is not newer than the old one
         PatcherIdentity identity;
         // A changed file becomes a PATCH when its patch is at most this share of the new file
@@ -66,8 +68,22 @@ public:
         PatcherIdentity identity;         // as written into the configuration
     };
 
-    // Receives a phase text and, for long phases, the share done (0 to 1).
-    using Progress = std::function<void(const std::string& phase, double done)>;
+    // How far create has come. The phases, in this order: "Comparing the trees" (every file
+    // of both trees read for its checksum), "Making patches" (the new files that changed,
+    // diffed against the old ones) and "Assembling the bundle" (not counted: total 0).
+    // Counted in bytes, so a large file weighs what it costs. Each phase begins with done 0
+    // and ends with one step marked last, done equal to total; done never goes back. The
+    // texts are valid during the call only.
+    struct ProgressStep {
+        std::string_view phase;
+        uint64_t done = 0;
+        uint64_t total = 0;
+        std::string_view item; // the file at hand, relative to the tree; may be empty
+        bool last = false;
+    };
+    // Called on the thread that runs create, once per file and for large files once per
+    // piece read or diffed, so it should return quickly.
+    using Progress = std::function<void(const ProgressStep& step)>;
 
     // 0 on success, 1 with a message. Nothing is left at outPath on failure. The inputs are
     // checked first, as checkInputs does.

@@ -4,9 +4,8 @@
 #include "BundleAssembler.h"
 #include "BundleSigner.h"
 #include "PatcherBuilder.h"
+#include "TerminalProgress.h"
 #include "base/Version.h"
-
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -50,6 +49,8 @@ const std::vector<CommandHelp>& Commands() {
           {"--code GUID",
            "an installation code: 8-4-4-4-12 hex digits, braces optional; repeatable"},
           {"--force", "replace an existing --out"},
+          {"--keep-debug-info", "copy the patcher's program and libraries with their debug "
+                                "sections (by default they are left out)"},
           {"--allow-downgrade", "accept a new version that is not newer than the old one"},
           {"--sign-key FILE", "sign the patcher with this private Ed25519 key"},
           {"--from BUILT_BUNDLE", "the built PatcherApp.app to copy (default: the one beside "
@@ -75,11 +76,13 @@ const std::vector<CommandHelp>& Commands() {
           {"--patch-ratio R", "patch a changed file when the patch is at most R of it (default: "
                               "0.5)"},
           {"--min-patch-size BYTES", "ship smaller changed files whole (default: 65536)"},
+          {"--no-progress", "no progress bar on a terminal; one line per phase instead"},
           kHelpOption}},
         {"assemble",
          "makes a patcher bundle from a hand-written configuration, manifest and payload",
          {"mkpatcher assemble --config FILE --manifest FILE --out DIR.app [--payload DIR]",
-          "                   [--name NAME] [--from BUILT_BUNDLE] [--force] [--sign-key FILE]"},
+          "                   [--name NAME] [--from BUILT_BUNDLE] [--force] [--keep-debug-info]",
+          "                   [--sign-key FILE]"},
          {},
          {{"--config FILE", "the configuration (a PatcherConfig document)"},
           {"--manifest FILE", "the manifest (a Manifest document)"},
@@ -89,6 +92,8 @@ const std::vector<CommandHelp>& Commands() {
           {"--from BUILT_BUNDLE", "the built PatcherApp.app to copy (default: the one beside "
                                   "mkpatcher)"},
           {"--force", "replace an existing --out"},
+          {"--keep-debug-info", "copy the patcher's program and libraries with their debug "
+                                "sections (by default they are left out)"},
           {"--sign-key FILE", "sign the patcher with this private Ed25519 key"},
           kHelpOption}},
         {"bsdiff",
@@ -356,7 +361,7 @@ int Assemble(int argc, char** argv) {
     std::string error;
     auto parsed = ParseOptions(argc, argv, 2,
                                {"config", "manifest", "payload", "name", "out", "from", "sign-key"},
-                               {"force"}, &error);
+                               {"force", "keep-debug-info"}, &error);
     if (!parsed)
         return UsageError("assemble", error);
     if (!parsed->positional.empty())
@@ -373,6 +378,7 @@ int Assemble(int argc, char** argv) {
     options.name = Value(*parsed, "name");
     options.builtBundle = Value(*parsed, "from");
     options.force = parsed->flags.count("force") != 0;
+    options.keepDebugInfo = parsed->flags.count("keep-debug-info") != 0;
 
     // The inputs named on the command line, and a free output, before any work.
     for (const char* input : {"config", "manifest", "payload"}) {
@@ -405,36 +411,6 @@ int Assemble(int argc, char** argv) {
     return 0;
 }
 
-// Progress on standard error, only when somebody watches it.
-class ProgressLine {
-public:
-    explicit ProgressLine(std::string label) : _label(std::move(label)), _shown(::isatty(2) == 1) {}
-    ~ProgressLine() {
-        if (_shown && _last >= 0)
-            std::fprintf(stderr, "\r\033[K");
-    }
-    ProgressLine(const ProgressLine&) = delete;
-    ProgressLine& operator=(const ProgressLine&) = delete;
-    void operator()(double done) { show(_label, done); }
-    void show(const std::string& label, double done) {
-        const int percent = static_cast<int>(done * 100);
-        if (!_shown || (percent == _last && label == _lastLabel))
-            return;
-        _last = percent;
-        _lastLabel = label;
-        std::string text = label.size() > 70 ? "..." + label.substr(label.size() - 67) : label;
-        std::fprintf(stderr, "\r\033[K%3d%% %s", percent, text.c_str());
-        std::fflush(stderr);
-    }
-    bool shown() const { return _shown; }
-
-private:
-    std::string _label;
-    bool _shown;
-    int _last = -1;
-    std::string _lastLabel;
-};
-
 int Diff(int argc, char** argv) {
     if (WantsHelp(argc, argv))
         return CommandHelpText("bsdiff");
@@ -444,9 +420,14 @@ int Diff(int argc, char** argv) {
     Bsdiff::Stats stats;
     bool ok;
     {
-        ProgressLine line("bsdiff");
-        ok = Bsdiff::diffFiles(argv[2], argv[3], argv[4], &error, &stats,
-                               [&line](double done) { line(done); });
+        TerminalProgress bar(TerminalProgress::standardError());
+        std::error_code ec;
+        const uint64_t size = std::filesystem::file_size(argv[3], ec);
+        const uint64_t total = ec ? 0 : size;
+        ok = Bsdiff::diffFiles(argv[2], argv[3], argv[4], &error, &stats, [&](double done) {
+            bar.update("bsdiff", static_cast<uint64_t>(done * static_cast<double>(total)), total,
+                       {});
+        });
     }
     if (!ok) {
         std::fprintf(stderr, "mkpatcher bsdiff: %s\n", error.c_str());
@@ -478,29 +459,30 @@ int Create(int argc, char** argv) {
     if (WantsHelp(argc, argv))
         return CommandHelpText("create");
     std::string error;
-    auto parsed =
-        ParseOptions(argc, argv, 2,
-                     {"old",
-                      "new",
-                      "out",
-                      "name",
-                      "from",
-                      "config-template",
-                      "family",
-                      "product-name",
-                      "patcher-id",
-                      "build-number",
-                      "app-name",
-                      "bundle-id",
-                      "old-version",
-                      "new-version",
-                      "kvr-path",
-                      "space-system",
-                      "space-target",
-                      "patch-ratio",
-                      "min-patch-size",
-                      "sign-key"},
-                     {"force", "combo", "allow-downgrade"}, &error, {"code", "running-app"});
+    const std::vector<std::string> lists{"code", "running-app"};
+    auto parsed = ParseOptions(
+        argc, argv, 2,
+        {"old",
+         "new",
+         "out",
+         "name",
+         "from",
+         "config-template",
+         "family",
+         "product-name",
+         "patcher-id",
+         "build-number",
+         "app-name",
+         "bundle-id",
+         "old-version",
+         "new-version",
+         "kvr-path",
+         "space-system",
+         "space-target",
+         "patch-ratio",
+         "min-patch-size",
+         "sign-key"},
+        {"force", "combo", "allow-downgrade", "no-progress", "keep-debug-info"}, &error, lists);
     if (!parsed)
         return UsageError("create", error);
     if (!parsed->positional.empty())
@@ -516,6 +498,7 @@ int Create(int argc, char** argv) {
     options.name = Value(*parsed, "name");
     options.builtBundle = Value(*parsed, "from");
     options.force = parsed->flags.count("force") != 0;
+    options.keepDebugInfo = parsed->flags.count("keep-debug-info") != 0;
     options.allowDowngrade = parsed->flags.count("allow-downgrade") != 0;
     if (auto ratio = Value(*parsed, "patch-ratio")) {
         options.patchRatio = std::atof(ratio->c_str());
@@ -565,17 +548,23 @@ int Create(int argc, char** argv) {
     PatcherBuilder::Report report;
     int status;
     {
-        ProgressLine line("");
+        auto screen = TerminalProgress::standardError();
+        screen.terminal = screen.terminal && parsed->flags.count("no-progress") == 0;
+        TerminalProgress bar(std::move(screen));
         std::string lastPhase;
         status = PatcherBuilder::create(
-            options, &report, &error, [&](const std::string& phase, double done) {
-                // Without a terminal each phase is one line; patches are one phase.
-                const std::string head = phase.substr(0, phase.find(':'));
-                if (head != lastPhase && !line.shown()) {
-                    std::fprintf(stderr, "mkpatcher: %s\n", head.c_str());
-                    lastPhase = head;
+            options, &report, &error, [&](const PatcherBuilder::ProgressStep& step) {
+                // Without a bar each phase is one line.
+                if (!bar.enabled()) {
+                    if (step.phase != lastPhase)
+                        std::fprintf(stderr, "mkpatcher: %.*s\n",
+                                     static_cast<int>(step.phase.size()), step.phase.data());
+                    lastPhase = step.phase;
+                    return;
                 }
-                line.show(phase, done);
+                bar.update(step.phase, step.done, step.total, step.item);
+                if (step.last)
+                    bar.clear();
             });
     }
     if (status != 0) {

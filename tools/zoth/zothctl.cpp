@@ -30,6 +30,7 @@ constexpr const char* kUsage =
     "       zothctl [--db FILE] show [--code GUID]\n"
     "       zothctl [--db FILE] set --code GUID [--domain N] KEY VALUE\n"
     "       zothctl [--db FILE] remove --code GUID\n"
+    "       zothctl --help | --version\n"
     "\n"
     "Without --db the library's default database is used ($ORVEL_ZOTH_DB when set, else\n"
     "/var/opt/Orvel/zoth/zoth.db). Times are seconds since 1970 (0 to 2147483647); add\n"
@@ -307,7 +308,7 @@ int main(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
     size_t next = 0;
     std::string db = zoth::DefaultDatabasePath();
-    while (next < args.size() && args[next].compare(0, 2, "--") == 0) {
+    while (next < args.size() && args[next].compare(0, 1, "-") == 0) {
         const std::string& arg = args[next];
         if (arg == "--help" || arg == "-h") {
             std::fputs(kUsage, stdout);
@@ -334,6 +335,13 @@ int main(int argc, char** argv) {
     if (next >= args.size())
         return UsageError("a command is required");
     const std::string& command = args[next];
+    // Help asked for after a command is the same help, whatever else is given.
+    for (size_t i = next + 1; i < args.size(); ++i) {
+        if (args[i] == "--help" || args[i] == "-h") {
+            std::fputs(kUsage, stdout);
+            return kExitOk;
+        }
+    }
     if (command == "add")
         return RunAdd(db, args, next + 1);
     if (command == "show")

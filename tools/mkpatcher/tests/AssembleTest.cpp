@@ -195,8 +195,42 @@ TEST_F(AssembleTest, FindsTheBuiltBundleNextToTheProgram) {
                        temp.file("manifest.xml"), "--out", out}),
               0)
         << ReadTextFile(temp.file("stderr"));
-    EXPECT_EQ(fs::file_size(out + "/Contents/MacOS/PatcherApp"),
-              fs::file_size(std::string(BUILT_BUNDLE) + "/Contents/MacOS/PatcherApp"));
+    const std::string table = "/Contents/Resources/locale/de/LC_MESSAGES/PatcherApp.mo";
+    EXPECT_EQ(ReadTextFile(out + table), ReadTextFile(std::string(BUILT_BUNDLE) + table));
+}
+
+// The program, the libraries and the patch tool go into a patcher without their debug
+// sections: a patcher of a small change stays small.
+TEST_F(AssembleTest, APatcherCarriesItsProgramsWithoutDebugSections) {
+    EXPECT_EQ(RunTool({"assemble", "--config", temp.file("config.xml"), "--manifest",
+                       temp.file("manifest.xml"), "--out", out, "--from", BUILT_BUNDLE}),
+              0)
+        << ReadTextFile(temp.file("stderr"));
+    const auto sections = [this](const std::string& file) {
+        const std::string listing = temp.file("sections.txt");
+        EXPECT_EQ(RunProgram({"readelf", "-S", "-W", file}, {}, listing), 0);
+        return ReadTextFile(listing);
+    };
+    const std::string program = "/Contents/MacOS/PatcherApp";
+    ASSERT_NE(sections(std::string(BUILT_BUNDLE) + program).find(".debug_info"), std::string::npos)
+        << "the build has debug information to leave out";
+    for (const std::string& part :
+         {program, std::string("/Contents/Resources/bspatch"),
+          std::string("/Contents/Frameworks/libKORInstallerResults.so"),
+          std::string("/Contents/Frameworks/orvel_zoth.framework/orvel_zoth")}) {
+        const std::string listing = sections(out + part);
+        EXPECT_EQ(listing.find(".debug_info"), std::string::npos) << part;
+        // Still a program with its symbols, for a readable backtrace.
+        EXPECT_NE(listing.find(".symtab"), std::string::npos) << part;
+    }
+    std::uintmax_t bytes = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(out)) {
+        if (entry.is_regular_file())
+            bytes += entry.file_size();
+    }
+    EXPECT_LT(bytes, 3u * 1000 * 1000);
+    // It still runs.
+    EXPECT_EQ(RunProgram({out + program, "--version"}, {}, temp.file("version.txt")), 0);
 }
 
 TEST_F(AssembleTest, AssembledPatcherStartsFromItsNewPlace) {
