@@ -35,7 +35,7 @@ in_root() { chroot "$root" env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:
 
 echo "==> dpkg -i into the throw-away root"
 # Packages of an earlier install on the machine itself are shadowed here, not touched.
-in_root dpkg -i "$top"/build/packages/*.deb "$top"/build/packages/*.ddeb
+in_root dpkg -i "$top"/build/packages/*.deb
 in_root dpkg -l 'orvel-*' | grep '^ii'
 
 echo "==> what the packages put in place"
