@@ -47,7 +47,7 @@ if in_root readelf -S "$template" | grep -q '\.debug_info'; then
 fi
 build_id=$(in_root readelf -n "$template" | awk '/Build ID/ {print $3}')
 debug_file=/usr/lib/debug/.build-id/${build_id:0:2}/${build_id:2}.debug
-in_root readelf -S "$debug_file" | grep -q '\.debug_info' ||
+in_root readelf -S "$debug_file" 2>/dev/null | grep -q '\.debug_info' ||
   { echo "package-check: no debug information for PatcherApp at $debug_file" >&2; exit 1; }
 echo "its debug information: $debug_file (orvel-patcher-template-dbgsym)"
 for program in mkpatcher zothctl kor-launch orvel-bspatch; do
