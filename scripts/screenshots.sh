@@ -4,7 +4,7 @@
 # namespace (the machine's /opt, /var/opt, /tmp, /run, /home... are never touched), and
 # saves one PNG per window under build/default/screenshots/:
 #   1-welcome  2-progress  3-running-applications  4-cancel-question  5-success
-#   6-cancelled
+#   6-cancelled  untrusted-update  administrator-refused (each also in German, de-...)
 # Needs the super-user (mount namespaces) and the packages of scripts/install-deps.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."

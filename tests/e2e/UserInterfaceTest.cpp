@@ -195,6 +195,33 @@ void ExpectPatcherEnds(ChildProcess& patcher, const Scenario& s) {
     EXPECT_EQ(*status, 0) << s.patcherOutput();
 }
 
+// The window titles of a language, the environment that chooses it and the prefix of its
+// screenshots.
+struct WindowTexts {
+    std::vector<std::string> environment;
+    std::string softwareUpdate;
+    std::string cancelQuestion;
+    std::string cancelled;
+    std::string installing;
+    std::string administrator;
+    std::string prefix;
+};
+
+const WindowTexts kEnglish{{},
+                           kSoftwareUpdate,
+                           "^Cancel the update\\?$",
+                           "^Update Cancelled$",
+                           "^Installing the Update$",
+                           "^Administrator Rights Needed$",
+                           ""};
+const WindowTexts kGerman{{"LANGUAGE=de"},
+                          "^Softwareaktualisierung$",
+                          "^Update abbrechen\\?$",
+                          "^Update abgebrochen$",
+                          "^Update wird installiert$",
+                          "^Administratorrechte erforderlich$",
+                          "de-"};
+
 TEST(UserInterface, ContinueThroughTheWelcomeToTheSuccessAlert) {
     ORVEL_E2E_IN_PRIVATE_SYSTEM();
     Scenario s;
@@ -284,19 +311,24 @@ TEST(UserInterface, AnUpdateSignedByAnUntrustedKeyEndsInTheFailureAlert) {
     s.assemble(s.manifest(PrepareUpdate(s)));
     ASSERT_EQ(::unlink(s.trustedKey.c_str()), 0);
     const auto before = Snapshot(s.app);
-    ChildProcess patcher = s.startPatcher({}, DesktopSession());
+    for (const WindowTexts& texts : {kEnglish, kGerman}) {
+        std::vector<std::string> session = DesktopSession();
+        session.insert(session.end(), texts.environment.begin(), texts.environment.end());
+        ChildProcess patcher = s.startPatcher({}, session);
 
-    // No welcome: the first window is the failure alert.
-    const std::string alert = WaitForWindow("^Installing the Update$");
-    ASSERT_FALSE(alert.empty()) << s.patcherOutput();
-    EXPECT_TRUE(s.logContains("_reportUpdateFailed"));
-    EXPECT_TRUE(s.logContains("The update is not signed by a trusted key; nothing was changed."));
-    EXPECT_FALSE(s.logContains("Show Welcome Dialog"));
-    Screenshot(alert, "untrusted-update");
-    PressKeys(alert, {"Return"});
-    ExpectPatcherEnds(patcher, s);
-    EXPECT_EQ(Snapshot(s.app), before);
-    EXPECT_FALSE(FileExists(s.historyFile));
+        // No welcome: the first window is the failure alert.
+        const std::string alert = WaitForWindow(texts.installing);
+        ASSERT_FALSE(alert.empty()) << s.patcherOutput();
+        EXPECT_TRUE(s.logContains("_reportUpdateFailed"));
+        EXPECT_TRUE(
+            s.logContains("The update is not signed by a trusted key; nothing was changed."));
+        EXPECT_FALSE(s.logContains("Show Welcome Dialog"));
+        Screenshot(alert, texts.prefix + "untrusted-update");
+        PressKeys(alert, {"Return"});
+        ExpectPatcherEnds(patcher, s);
+        EXPECT_EQ(Snapshot(s.app), before);
+        EXPECT_FALSE(FileExists(s.historyFile));
+    }
 }
 
 // A desktop user who is not root: the patcher starts itself again through pkexec (here a
@@ -329,12 +361,14 @@ public:
     const std::string kArguments = "/tmp/e2e/pkexec-arguments";
 };
 
-ChildProcess StartAsDesktopUser(const Scenario& s, uid_t uid = 65534) {
+ChildProcess StartAsDesktopUser(const Scenario& s, uid_t uid = 65534,
+                                const std::vector<std::string>& extra = {}) {
     const std::string home = "/tmp/e2e/desktop-user";
     fs::create_directories(home);
     ::chown(home.c_str(), uid, uid);
     std::vector<std::string> env = DesktopSession();
     env.insert(env.end(), {"HOME=" + home, "LANG=C.UTF-8"});
+    env.insert(env.end(), extra.begin(), extra.end());
     return ChildProcess({"setpriv", "--reuid", std::to_string(uid), "--regid", std::to_string(uid),
                          "--clear-groups", s.bundle + "/Contents/MacOS/PatcherApp",
                          "-logLevel=info"},
@@ -369,12 +403,14 @@ TEST(UserInterface, ADesktopUserWhoIsNotRootIsAskedForAnAdministratorThroughPkex
     {
         // Refused: an alert, and nothing changes.
         FakePkexec pkexec(126);
-        ChildProcess patcher = StartAsDesktopUser(s);
-        const std::string alert = WaitForWindow("^Administrator Rights Needed$");
-        ASSERT_FALSE(alert.empty()) << s.patcherOutput();
-        Screenshot(alert, "administrator-refused");
-        PressKeys(alert, {"Return"});
-        EXPECT_EQ(patcher.wait(30s), 1);
+        for (const WindowTexts& texts : {kEnglish, kGerman}) {
+            ChildProcess patcher = StartAsDesktopUser(s, 65534, texts.environment);
+            const std::string alert = WaitForWindow(texts.administrator);
+            ASSERT_FALSE(alert.empty()) << s.patcherOutput();
+            Screenshot(alert, texts.prefix + "administrator-refused");
+            PressKeys(alert, {"Return"});
+            EXPECT_EQ(patcher.wait(30s), 1);
+        }
     }
     EXPECT_EQ(Snapshot(s.app), before);
     EXPECT_FALSE(FileExists(s.historyFile));
@@ -515,23 +551,6 @@ TEST(UserInterface, ARealPkexecStartsTheUpdateThroughThePatchersPolkitAction) {
 // The editor's volume stalls (frozen, as for a snapshot) from the first change on: the
 // update waits in its first entry with the cancel button shown, however fast the machine,
 // until the volume is thawed after the user has confirmed the cancel.
-// The window titles of a language, the environment that chooses it and the prefix of its
-// screenshots.
-struct WindowTexts {
-    std::vector<std::string> environment;
-    std::string softwareUpdate;
-    std::string cancelQuestion;
-    std::string cancelled;
-    std::string prefix;
-};
-
-const WindowTexts kEnglish{{}, kSoftwareUpdate, "^Cancel the update\\?$", "^Update Cancelled$", ""};
-const WindowTexts kGerman{{"LANGUAGE=de"},
-                          "^Softwareaktualisierung$",
-                          "^Update abbrechen\\?$",
-                          "^Update abgebrochen$",
-                          "de-"};
-
 void CancelDuringTheProgress(const WindowTexts& texts) {
     Scenario s;
     VirtualDisplay display;
@@ -621,22 +640,23 @@ TEST(UserInterface, CancelDuringTheProgressInGerman) {
     CancelDuringTheProgress(kGerman);
 }
 
-TEST(UserInterface, RunningEditorIsQuitThenRetry) {
-    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+void RunningEditorIsQuitThenRetry(const WindowTexts& texts) {
     Scenario s;
     VirtualDisplay display;
     ASSERT_TRUE(display.ready) << ReadTextFile("/tmp/e2e/xvfb.txt");
     s.assemble(s.manifest(PrepareUpdate(s)));
     ChildProcess editor = s.startEditor();
-    ChildProcess patcher = s.startPatcher({}, DesktopSession());
+    std::vector<std::string> session = DesktopSession();
+    session.insert(session.end(), texts.environment.begin(), texts.environment.end());
+    ChildProcess patcher = s.startPatcher({}, session);
 
-    const std::string welcome = WaitForWindow(kSoftwareUpdate);
+    const std::string welcome = WaitForWindow(texts.softwareUpdate);
     ASSERT_FALSE(welcome.empty()) << s.patcherOutput();
     PressKeys(welcome, {"Return"});
-    const std::string running = WaitForWindow(kSoftwareUpdate, {welcome});
+    const std::string running = WaitForWindow(texts.softwareUpdate, {welcome});
     ASSERT_FALSE(running.empty());
     EXPECT_TRUE(s.logContains(s.appDisplayName + " application was found running."));
-    Screenshot(running, "3-running-applications");
+    Screenshot(running, texts.prefix + "3-running-applications");
 
     // Retry with the editor still running asks again.
     PressKeys(running, {"Return"});
@@ -648,7 +668,7 @@ TEST(UserInterface, RunningEditorIsQuitThenRetry) {
             return count == 2;
         },
         30s));
-    const std::string again = WaitForWindow(kSoftwareUpdate, {welcome});
+    const std::string again = WaitForWindow(texts.softwareUpdate, {welcome});
     ASSERT_FALSE(again.empty());
 
     // The user quits the editor and presses Retry.
@@ -656,12 +676,22 @@ TEST(UserInterface, RunningEditorIsQuitThenRetry) {
     PressKeys(again, {"Return"});
     ASSERT_TRUE(WaitUntil([&] { return s.logContains("Exit code: 0"); }, 60s)) << s.patcherOutput();
     EXPECT_TRUE(s.logContains("Applications were Quit result (non zero mean quit) = 1"));
-    const std::string success = WaitForWindow(kSoftwareUpdate, {welcome, running, again});
+    const std::string success = WaitForWindow(texts.softwareUpdate, {welcome, running, again});
     ASSERT_FALSE(success.empty());
     PressKeys(success, {"Return"});
     ExpectPatcherEnds(patcher, s);
     EXPECT_EQ(ReadTextFile(s.app + "/Contents/Resources/keep.txt"), "version two\n");
     EXPECT_TRUE(FileExists(s.historyFile));
+}
+
+TEST(UserInterface, RunningEditorIsQuitThenRetry) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    RunningEditorIsQuitThenRetry(kEnglish);
+}
+
+TEST(UserInterface, RunningEditorIsQuitThenRetryInGerman) {
+    ORVEL_E2E_IN_PRIVATE_SYSTEM();
+    RunningEditorIsQuitThenRetry(kGerman);
 }
 
 } // namespace
