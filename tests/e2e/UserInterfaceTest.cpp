@@ -539,13 +539,15 @@ TEST(UserInterface, ARealPkexecStartsTheUpdateThroughThePatchersPolkitAction) {
     const std::string success = WaitForWindow(kSoftwareUpdate, {welcome});
     ASSERT_FALSE(success.empty()) << s.patcherOutput();
     PressKeys(success, {"Return"});
-    ASSERT_EQ(patcher.wait(60s), 0) << s.patcherOutput();
+    // The run as root was pkexec's: it acted for the desktop user, whose log it wrote.
+    const auto log = [] {
+        return ReadTextFile(
+            "/tmp/e2e/desktop-user/.local/state/Orvel/SoftwareUpdates/OrvelSoftwareUpdate.log");
+    };
+    ASSERT_EQ(patcher.wait(60s), 0) << s.patcherOutput() << log();
     EXPECT_EQ(ReadTextFile(s.app + "/Contents/Resources/keep.txt"), "version two\n");
     EXPECT_TRUE(FileExists(s.historyFile));
-    // The run as root was pkexec's: it acted for the desktop user, whose log it wrote.
-    const std::string log = ReadTextFile(
-        "/tmp/e2e/desktop-user/.local/state/Orvel/SoftwareUpdates/OrvelSoftwareUpdate.log");
-    EXPECT_NE(log.find("Exit code: 0"), std::string::npos) << log;
+    EXPECT_NE(log().find("Exit code: 0"), std::string::npos) << log();
 }
 
 // The editor's volume stalls (frozen, as for a snapshot) from the first change on: the
