@@ -144,6 +144,7 @@ bool UpdateEngine::startLog() {
     const bool logging =
         StartLogging(ExpandTildeInPath("~"), _environment.paths.logFileInHome, &problem);
     if (logging) {
+        BatchLogLines();
         NSFormatLog(0);
         NSFormatLogWithHeading(0, "Orvel Software Update");
         NSFormatLog(0);

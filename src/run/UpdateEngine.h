@@ -1,5 +1,7 @@
 #pragma once
 
+#include "runtime/LoggerUtility.h"
+
 #include "base/AppBundle.h"
 #include "runtime/PlatformPaths.h"
 #include "system/ServicesHandler.h"
@@ -126,6 +128,8 @@ private:
     void dryRunManifest();
     LoadConfigData& config();
 
+    // First, so destroyed last: the lines the members log as they go are written too.
+    FlushLogAtEnd _flushLog;
     EngineEnvironment _environment;
     std::unique_ptr<LoadConfigData> _configStorage;
     LoadConfigData* _dataLoader = nullptr; // absent when the configuration could not be loaded

@@ -8,17 +8,21 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <mutex>
 #include <optional>
 #include <pthread.h>
+#include <string>
 #include <strings.h>
 #include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -309,10 +313,109 @@ Rotation& TheRotation() {
 std::atomic<bool> gRotating{false};
 std::atomic<std::uint64_t> gLogBytes{0};
 
+// Lines waiting to be written together, once a run batches them (BatchLogLines). Every
+// write is of whole lines, so a line still lands whole with O_APPEND and other writers.
+// Two locks: mutex guards the pending lines and is held only to add to them or take them;
+// writing is held from taking lines to writing them, so batches land in the order taken
+// while the threads that log never wait for a write.
+struct LineBatch {
+    std::mutex writing;
+    std::string taken; // guarded by writing
+    std::mutex mutex;
+    std::condition_variable linesWaiting;
+    std::string pending;
+    bool enabled = false;
+    bool writerIdle = false; // the batching thread waits for a first line, not for its time
+};
+
+constexpr size_t kBatchBytes = 64 * 1024;
+constexpr auto kBatchDelay = std::chrono::milliseconds(10);
+
+LineBatch& TheBatch() {
+    // Never destroyed: the flushing thread and the exit handler use it to the end.
+    static LineBatch* const batch = new LineBatch;
+    return *batch;
+}
+
+// Writes the pending lines; with stop, later lines are written one by one.
+void WritePending(LineBatch& batch, bool stop = false) {
+    std::lock_guard<std::mutex> writing(batch.writing);
+    batch.taken.clear();
+    {
+        std::lock_guard<std::mutex> lock(batch.mutex);
+        std::swap(batch.taken, batch.pending);
+        if (stop)
+            batch.enabled = false;
+    }
+    if (!batch.taken.empty())
+        (void)WriteAll(STDERR_FILENO, batch.taken.data(), batch.taken.size());
+}
+
 void WriteLine(const std::string& line) {
     gLogBytes.fetch_add(line.size(), std::memory_order_relaxed);
+    LineBatch& batch = TheBatch();
+    {
+        std::unique_lock<std::mutex> lock(batch.mutex);
+        if (batch.enabled) {
+            const bool first = batch.pending.empty();
+            batch.pending += line;
+            if (batch.pending.size() >= kBatchBytes) {
+                lock.unlock();
+                WritePending(batch);
+            } else if (first && batch.writerIdle) {
+                batch.linesWaiting.notify_one();
+            }
+            return;
+        }
+    }
     // One write per line: with O_APPEND the line lands whole even with concurrent writers.
     (void)WriteAll(STDERR_FILENO, line.data(), line.size());
+}
+
+// The batching thread: writes what has gathered once its first line is kBatchDelay old, so
+// a reader of the log (a person, a test) sees a line a few milliseconds after it was made.
+void WriteBatches() {
+    LineBatch& batch = TheBatch();
+    for (;;) {
+        {
+            std::unique_lock<std::mutex> lock(batch.mutex);
+            batch.writerIdle = true;
+            batch.linesWaiting.wait(lock, [&batch] { return !batch.pending.empty(); });
+            batch.writerIdle = false;
+            // Lines that come meanwhile join the batch; a flush meanwhile leaves less to write.
+            const auto due = std::chrono::steady_clock::now() + kBatchDelay;
+            (void)batch.linesWaiting.wait_until(lock, due, [] { return false; });
+        }
+        WritePending(batch);
+    }
+}
+
+// Around fork: the lines so far are written first, so that they come before anything the
+// child writes to the same log; the child starts with no batch and writes line by line.
+void LockBatchForFork() {
+    LineBatch& batch = TheBatch();
+    batch.writing.lock();
+    batch.mutex.lock();
+    if (!batch.pending.empty())
+        (void)WriteAll(STDERR_FILENO, batch.pending.data(), batch.pending.size());
+    batch.pending.clear();
+}
+void UnlockBatchInParent() {
+    LineBatch& batch = TheBatch();
+    batch.mutex.unlock();
+    batch.writing.unlock();
+}
+void UnlockBatchInChild() {
+    LineBatch& batch = TheBatch();
+    batch.enabled = false;
+    batch.mutex.unlock();
+    batch.writing.unlock();
+}
+
+// At exit the lines gathered are written, and what is logged after (by destructors) is
+// written line by line.
+void FlushLogAtExit() {
+    WritePending(TheBatch(), true);
 }
 
 // Rotates the log when the line of next bytes would take it past the limit. Lines other
@@ -338,6 +441,8 @@ void RotateDuringRun(size_t next) {
     }
     std::string problem;
     bool shifted = false;
+    // The lines made so far belong to the file that is moved aside.
+    FlushLog();
     UniqueFd fresh = RotateLog(rotation.place, rotation.log.get(), shifted, problem);
     std::fflush(stderr);
     if (fresh.valid() && ::dup2(fresh.get(), STDERR_FILENO) < 0) {
@@ -359,6 +464,21 @@ void RotateDuringRun(size_t next) {
 }
 
 } // namespace
+
+void BatchLogLines() {
+    static std::once_flag started;
+    std::call_once(started, [] {
+        ::pthread_atfork(LockBatchForFork, UnlockBatchInParent, UnlockBatchInChild);
+        std::atexit(FlushLogAtExit);
+        std::thread(WriteBatches).detach();
+    });
+    std::lock_guard<std::mutex> lock(TheBatch().mutex);
+    TheBatch().enabled = true;
+}
+
+void FlushLog() {
+    WritePending(TheBatch());
+}
 
 bool StartLogging(const std::string& folder, const std::string& relativePath,
                   std::string* problem) {
@@ -415,6 +535,7 @@ bool StartLogging(const std::string& folder, const std::string& relativePath,
         else if (rotationProblem.empty())
             rotationProblem = Reason("cannot look at the new log");
     }
+    FlushLog();
     std::fflush(stderr);
     if (::dup2(file.get(), STDERR_FILENO) < 0)
         return fail(Reason("cannot redirect the log"));

@@ -6,11 +6,13 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <functional>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <sys/fsuid.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -633,6 +635,107 @@ TEST_F(LoggerUtilityTest, LinesFromTwoThreadsNeverMix) {
     ASSERT_EQ(lines.size(), 400u);
     for (const auto& line : lines)
         EXPECT_TRUE(line == std::string(300, 'a') || line == std::string(300, 'b'));
+}
+
+// Batching is for the whole process and stays on, so each test runs it in a child of its
+// own: code runs there with the log at path and ends the child with std::exit (so the
+// exit-time writing runs too); the child's exit status, or -1.
+int InChildLoggingTo(const std::string& path, const std::function<int()>& code) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const std::string folder = path.substr(0, path.rfind('/'));
+        if (!StartLogging(folder, path.substr(folder.size() + 1)))
+            std::_Exit(90);
+        BatchLogLines();
+        std::exit(code());
+    }
+    int status = 0;
+    if (child < 0 || ::waitpid(child, &status, 0) != child || !WIFEXITED(status))
+        return -1;
+    return WEXITSTATUS(status);
+}
+
+// The write system calls this process has made so far.
+long WriteCalls() {
+    std::istringstream in(ReadTextFile("/proc/self/io"));
+    for (std::string name, value; in >> name >> value;) {
+        if (name == "syscw:")
+            return std::stol(value);
+    }
+    return -1;
+}
+
+TEST_F(LoggerUtilityTest, BatchedLinesLandWholeAndInOrderWithFewWrites) {
+    TempDir dir;
+    const std::string log = dir.file("log.txt");
+    ASSERT_EQ(InChildLoggingTo(log,
+                               [] {
+                                   const long before = WriteCalls();
+                                   auto writer = [](char c) {
+                                       for (int i = 0; i < 3000; ++i)
+                                           NSLevelledLog(0, "%@ %d", std::string(100, c), i);
+                                   };
+                                   std::thread a(writer, 'a');
+                                   std::thread b(writer, 'b');
+                                   a.join();
+                                   b.join();
+                                   FlushLog();
+                                   // 6,000 lines, 630 KB: a write per 64 KB or per 10 ms.
+                                   return WriteCalls() - before < 200 ? 0 : 1;
+                               }),
+              0);
+    const auto lines = LogMessages(log);
+    ASSERT_EQ(lines.size(), 6000u);
+    int nextA = 0, nextB = 0;
+    for (const std::string& line : lines) {
+        int& next = line[0] == 'a' ? nextA : nextB;
+        EXPECT_EQ(line, std::string(100, line[0]) + " " + std::to_string(next)) << line;
+        ++next;
+    }
+    EXPECT_EQ(nextA, 3000);
+    EXPECT_EQ(nextB, 3000);
+}
+
+TEST_F(LoggerUtilityTest, ABatchedLineReachesTheFileWithinMilliseconds) {
+    TempDir dir;
+    const std::string log = dir.file("log.txt");
+    EXPECT_EQ(InChildLoggingTo(log,
+                               [&log] {
+                                   NSLog("waiting for no flush");
+                                   // Nobody flushes: the batching thread writes it.
+                                   for (int i = 0; i < 1000; ++i) {
+                                       if (ReadTextFile(log).find("waiting for no flush") !=
+                                           std::string::npos)
+                                           return 0;
+                                       ::usleep(1000);
+                                   }
+                                   return 1;
+                               }),
+              0);
+}
+
+TEST_F(LoggerUtilityTest, BatchedLinesComeBeforeWhatAForkedChildWritesAndAreWrittenAtExit) {
+    TempDir dir;
+    const std::string log = dir.file("log.txt");
+    EXPECT_EQ(InChildLoggingTo(log,
+                               [] {
+                                   NSLog("before the fork");
+                                   const pid_t grandchild = ::fork();
+                                   if (grandchild == 0) {
+                                       const char line[] = "the child's own line\n";
+                                       (void)!::write(STDERR_FILENO, line, sizeof line - 1);
+                                       NSLog("the child logs too");
+                                       std::_Exit(0);
+                                   }
+                                   int status = 0;
+                                   ::waitpid(grandchild, &status, 0);
+                                   // Left to the exit.
+                                   NSLog("after the fork");
+                                   return 0;
+                               }),
+              0);
+    EXPECT_EQ(LogMessages(log), (std::vector<std::string>{"before the fork", "the child's own line",
+                                                          "the child logs too", "after the fork"}));
 }
 
 } // namespace

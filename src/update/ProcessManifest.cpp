@@ -393,6 +393,8 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
     for (const XmlNode& node : work.workingNodesArray) {
         prefetcher.entryStarting(static_cast<size_t>(index));
         ++index;
+        // The entry's lines are written at its end, however it ends.
+        const FlushLogAtEnd flushAtEnd;
         NSFormatLogWithHeading(2, "File %d information", index);
         FileOperationInfo info;
 
@@ -517,6 +519,8 @@ std::string ProcessManifest::processBundleSet(WorkDictionary& work, ThreadWorker
     int index = 0;
     for (const XmlNode& bundle : bundles) {
         ++index;
+        // The entry's lines are written at its end, however it ends.
+        const FlushLogAtEnd flushAtEnd;
         NSFormatLogWithHeading(2, "Bundle %d information", index);
         std::optional<std::string> path = bundle.attribute("Path");
         const auto version = bundle.attribute("Version");
@@ -571,6 +575,8 @@ std::string ProcessManifest::processDirectorySet(WorkDictionary& work, ThreadWor
     int index = 0;
     for (const XmlNode& node : work.workingNodesArray) {
         ++index;
+        // The entry's lines are written at its end, however it ends.
+        const FlushLogAtEnd flushAtEnd;
         NSFormatLogWithHeading(2, "Directory %d information", index);
         DirectoryOperationInfo info;
         auto operation = SingleValue(node, "./Operation");
