@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <grp.h>
+#include <map>
+#include <mutex>
 #include <pwd.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -75,54 +77,94 @@ std::optional<uid_t> ParseUid(const char* text) {
 
 } // namespace
 
+namespace {
+
+// The accounts a run asks about, remembered for the run: every entry of an update asks for
+// its file's owner and group, and each question of the system reads nsswitch.conf and the
+// account file again. Only answers found are remembered.
+template <typename Key, typename Value> class AccountAnswers {
+public:
+    template <typename Ask> std::optional<Value> get(const Key& key, const Ask& ask) {
+        {
+            std::lock_guard<std::mutex> lock(_mutex);
+            if (const auto found = _answers.find(key); found != _answers.end())
+                return found->second;
+        }
+        std::optional<Value> answer = ask();
+        if (answer) {
+            std::lock_guard<std::mutex> lock(_mutex);
+            _answers.emplace(key, *answer);
+        }
+        return answer;
+    }
+
+private:
+    std::mutex _mutex;
+    std::map<Key, Value> _answers;
+};
+
+} // namespace
+
 std::optional<std::string> UserNameOfUid(uid_t uid) {
-    struct passwd entry {};
-    struct passwd* result = nullptr;
-    std::optional<std::string> name;
-    if (LookUpAccount([&](char* buffer, size_t size) {
-            const int error = ::getpwuid_r(uid, &entry, buffer, size, &result);
-            if (error == 0 && result)
-                name = result->pw_name;
-            return error;
-        }))
-        return name;
-    return std::nullopt;
+    static AccountAnswers<uid_t, std::string> answers;
+    return answers.get(uid, [uid]() -> std::optional<std::string> {
+        struct passwd entry {};
+        struct passwd* result = nullptr;
+        std::optional<std::string> name;
+        if (LookUpAccount([&](char* buffer, size_t size) {
+                const int error = ::getpwuid_r(uid, &entry, buffer, size, &result);
+                if (error == 0 && result)
+                    name = result->pw_name;
+                return error;
+            }))
+            return name;
+        return std::nullopt;
+    });
 }
 
 std::optional<uid_t> UidOfUserName(const std::string& name) {
-    struct passwd entry {};
-    struct passwd* result = nullptr;
-    if (LookUpAccount([&](char* buffer, size_t size) {
-            return ::getpwnam_r(name.c_str(), &entry, buffer, size, &result);
-        }) &&
-        result)
-        return result->pw_uid;
-    return std::nullopt;
+    static AccountAnswers<std::string, uid_t> answers;
+    return answers.get(name, [&name]() -> std::optional<uid_t> {
+        struct passwd entry {};
+        struct passwd* result = nullptr;
+        if (LookUpAccount([&](char* buffer, size_t size) {
+                return ::getpwnam_r(name.c_str(), &entry, buffer, size, &result);
+            }) &&
+            result)
+            return result->pw_uid;
+        return std::nullopt;
+    });
 }
 
 std::optional<std::string> GroupNameOfGid(gid_t gid) {
-    struct group entry {};
-    struct group* result = nullptr;
-    std::optional<std::string> name;
-    if (LookUpAccount([&](char* buffer, size_t size) {
-            const int error = ::getgrgid_r(gid, &entry, buffer, size, &result);
-            if (error == 0 && result)
-                name = result->gr_name;
-            return error;
-        }))
-        return name;
-    return std::nullopt;
+    static AccountAnswers<gid_t, std::string> answers;
+    return answers.get(gid, [gid]() -> std::optional<std::string> {
+        struct group entry {};
+        struct group* result = nullptr;
+        std::optional<std::string> name;
+        if (LookUpAccount([&](char* buffer, size_t size) {
+                const int error = ::getgrgid_r(gid, &entry, buffer, size, &result);
+                if (error == 0 && result)
+                    name = result->gr_name;
+                return error;
+            }))
+            return name;
+        return std::nullopt;
+    });
 }
 
 std::optional<gid_t> GidOfGroupName(const std::string& name) {
-    struct group entry {};
-    struct group* result = nullptr;
-    if (LookUpAccount([&](char* buffer, size_t size) {
-            return ::getgrnam_r(name.c_str(), &entry, buffer, size, &result);
-        }) &&
-        result)
-        return result->gr_gid;
-    return std::nullopt;
+    static AccountAnswers<std::string, gid_t> answers;
+    return answers.get(name, [&name]() -> std::optional<gid_t> {
+        struct group entry {};
+        struct group* result = nullptr;
+        if (LookUpAccount([&](char* buffer, size_t size) {
+                return ::getgrnam_r(name.c_str(), &entry, buffer, size, &result);
+            }) &&
+            result)
+            return result->gr_gid;
+        return std::nullopt;
+    });
 }
 
 bool GetDotSeparatedVersion(const std::string& text, DotSeparatedVersion& version) {

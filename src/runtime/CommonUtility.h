@@ -50,7 +50,8 @@ std::optional<uid_t> InvokingUserId();
 // process's login session, else the real user. Nothing when no account is found.
 std::optional<std::string> GetUserName();
 
-// Accounts and groups by id and by name; nothing when the system knows none.
+// Accounts and groups by id and by name; nothing when the system knows none. An answer
+// found is remembered for the rest of the process.
 std::optional<std::string> UserNameOfUid(uid_t uid);
 std::optional<uid_t> UidOfUserName(const std::string& name);
 std::optional<std::string> GroupNameOfGid(gid_t gid);
