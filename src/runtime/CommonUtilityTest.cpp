@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -188,6 +189,37 @@ TEST(CommonUtilityAccounts, LooksUpUsersAndGroupsBothWays) {
     // An id that no account has.
     EXPECT_EQ(UserNameOfUid(4000000000u), std::nullopt);
     EXPECT_EQ(GroupNameOfGid(4000000000u), std::nullopt);
+}
+
+// The read system calls this process has made so far.
+long ReadCalls() {
+    std::istringstream in(ReadTextFile("/proc/self/io"));
+    for (std::string name, value; in >> name >> value;) {
+        if (name == "syscr:")
+            return std::stol(value);
+    }
+    return -1;
+}
+
+TEST(CommonUtilityTest, AnAccountFoundIsRememberedNotLookedUpAgain) {
+    const auto root = UserNameOfUid(0);
+    const auto rootGroup = GroupNameOfGid(0);
+    ASSERT_EQ(root, "root");
+    ASSERT_EQ(rootGroup, "root");
+    ASSERT_EQ(UidOfUserName("root"), 0u);
+    ASSERT_EQ(GidOfGroupName("root"), 0u);
+    // Reading the count costs reads of its own: as many as between these two.
+    const long first = ReadCalls();
+    const long before = ReadCalls();
+    const long ownReads = before - first;
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(UserNameOfUid(0), root);
+        EXPECT_EQ(GroupNameOfGid(0), rootGroup);
+        EXPECT_EQ(UidOfUserName("root"), 0u);
+        EXPECT_EQ(GidOfGroupName("root"), 0u);
+    }
+    // Not one read of /etc/passwd or /etc/group more.
+    EXPECT_EQ(ReadCalls() - before, ownReads);
 }
 
 } // namespace
