@@ -21,12 +21,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Xvfb on a display of its own; the network namespace keeps its socket private.
+// Xvfb on a display of its own; the network namespace keeps its socket private. Without
+// -noreset the server starts itself afresh each time its last client leaves, and a program
+// that connects in that moment is refused ("could not connect to display").
 class VirtualDisplay {
 public:
     VirtualDisplay() {
-        _server = ChildProcess({"Xvfb", kName, "-screen", "0", "1024x768x24", "-nolisten", "tcp"},
-                               CleanEnvironment({}), "/tmp/e2e/xvfb.txt");
+        _server = ChildProcess(
+            {"Xvfb", kName, "-screen", "0", "1024x768x24", "-nolisten", "tcp", "-noreset"},
+            CleanEnvironment({}), "/tmp/e2e/xvfb.txt");
         ready = WaitUntil(
             [this] {
                 return _server.running() && RunTool({"xdotool", "getdisplaygeometry"}, nullptr,
