@@ -315,6 +315,24 @@ private:
     bool _stop = false;
 };
 
+// target[i] += source[i], byte by byte modulo 256, sixteen bytes at a time: most of a patched
+// file is old bytes plus a diff, and the plain loop (not vectorized at -O2) took as long as
+// decompressing the diff.
+void AddBytes(uint8_t* target, const uint8_t* source, size_t size) {
+    using Bytes16 = uint8_t __attribute__((vector_size(16)));
+    size_t i = 0;
+    for (; i + 16 <= size; i += 16) {
+        Bytes16 a;
+        Bytes16 b;
+        std::memcpy(&a, target + i, 16);
+        std::memcpy(&b, source + i, 16);
+        a += b;
+        std::memcpy(target + i, &a, 16);
+    }
+    for (; i < size; ++i)
+        target[i] = static_cast<uint8_t>(target[i] + source[i]);
+}
+
 // Collects small writes into large ones.
 class OutputBuffer {
 public:
@@ -462,10 +480,9 @@ BspatchResult Apply(std::span<const uint8_t> oldData, int patchFd, const Bspatch
             // Old bytes outside the old file count as zero.
             const int64_t first = std::max<int64_t>(oldPos, 0);
             const int64_t last = std::min<int64_t>(oldPos + static_cast<int64_t>(size), oldSize);
-            uint8_t* target = chunk.get() + (first - oldPos);
-            const uint8_t* source = oldData.data() + first;
-            for (int64_t i = 0; i < last - first; ++i)
-                target[i] = static_cast<uint8_t>(target[i] + source[i]);
+            if (last > first)
+                AddBytes(chunk.get() + (first - oldPos), oldData.data() + first,
+                         static_cast<size_t>(last - first));
             if (!sink(chunk.get(), size))
                 return Fail(detail, BspatchResult::OutputFailed, "the new file cannot be written");
             oldPos += static_cast<int64_t>(size);
