@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
+#include <string_view>
 #include <sys/sendfile.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -111,8 +112,8 @@ UniqueFd RealFileSystem::openForReading(const std::string& path) {
     }
     if (!fd.valid())
         return fd;
-    const int current = ::fcntl(fd.get(), F_GETFL);
-    if (current < 0 || ::fcntl(fd.get(), F_SETFL, current & ~O_NONBLOCK) != 0)
+    // Of the flags F_SETFL changes, the open set O_NONBLOCK alone.
+    if (::fcntl(fd.get(), F_SETFL, 0) != 0)
         return UniqueFd();
     return fd;
 }
@@ -232,6 +233,39 @@ std::optional<std::string> RealFileSystem::readLink(const std::string& path) {
             return std::string(buffer.data(), static_cast<size_t>(length));
         buffer.resize(buffer.size() * 2); // the content may have grown since it was measured
     }
+}
+
+std::optional<std::vector<std::string>> RealFileSystem::firstNamesInFolder(const std::string& path,
+                                                                           size_t count) {
+    const Place at = place(path);
+    if (at.at == -1)
+        return std::nullopt;
+    const UniqueFd folder(
+        ::openat(at.at, at.name.c_str(),
+                 O_RDONLY | O_DIRECTORY | O_CLOEXEC | (at.confined ? O_NOFOLLOW : 0)));
+    if (!folder.valid())
+        return std::nullopt;
+    // Read a few entries at a time: the kernel hands out no more than fit, however large the
+    // folder (readdir's buffer takes hundreds at once).
+    std::vector<std::string> names;
+    alignas(dirent64) char buffer[2048];
+    while (names.size() < count) {
+        const ssize_t size = ::getdents64(folder.get(), buffer, sizeof buffer);
+        if (size < 0 && errno == EINTR)
+            continue;
+        if (size < 0)
+            return std::nullopt;
+        if (size == 0)
+            break;
+        for (ssize_t offset = 0; offset < size && names.size() < count;) {
+            const auto* entry = reinterpret_cast<const dirent64*>(buffer + offset);
+            offset += entry->d_reclen;
+            const std::string_view name = entry->d_name;
+            if (name != "." && name != "..")
+                names.emplace_back(name);
+        }
+    }
+    return names;
 }
 
 std::optional<std::vector<std::string>> RealFileSystem::listFolder(const std::string& path) {

@@ -59,6 +59,15 @@ public:
     // The names in a folder, without "." and "..".
     [[nodiscard]] virtual std::optional<std::vector<std::string>>
     listFolder(const std::string& path) = 0;
+    // At most count of them (which ones is the folder's order): enough to tell an empty
+    // folder without reading a large one whole.
+    [[nodiscard]] virtual std::optional<std::vector<std::string>>
+    firstNamesInFolder(const std::string& path, size_t count) {
+        auto names = listFolder(path);
+        if (names && names->size() > count)
+            names->resize(count);
+        return names;
+    }
 
     // Owner and group (-1 leaves one as it is); a link gets them itself, never its target.
     [[nodiscard]] virtual bool setOwner(const std::string& path, uid_t uid, gid_t gid) = 0;
@@ -110,6 +119,8 @@ public:
     bool symlink(const std::string& content, const std::string& path) override;
     std::optional<std::string> readLink(const std::string& path) override;
     std::optional<std::vector<std::string>> listFolder(const std::string& path) override;
+    std::optional<std::vector<std::string>> firstNamesInFolder(const std::string& path,
+                                                               size_t count) override;
     bool setOwner(const std::string& path, uid_t uid, gid_t gid) override;
     bool setMode(const std::string& path, mode_t mode) override;
     bool setModeOfFile(int fd, mode_t mode) override;

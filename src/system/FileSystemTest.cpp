@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -62,6 +63,8 @@ TEST_F(ConfinedFileSystemTest, NoCallFollowsALinkBelowAConfinedFolder) {
     expectRefused(files.listFolder(through + ".").has_value() ||
                       files.listFolder(app + "/Contents/Linked").has_value(),
                   "listFolder");
+    expectRefused(files.firstNamesInFolder(app + "/Contents/Linked", 2).has_value(),
+                  "firstNamesInFolder");
     expectRefused(files.syncFolder(app + "/Contents/Linked"), "syncFolder");
     EXPECT_EQ(SnapshotTree(outside, TreeDetail::ContentsAndModes).size(), 1u);
     EXPECT_EQ(ReadTextFile(outside + "/secret"), "outside");
@@ -90,6 +93,38 @@ TEST_F(ConfinedFileSystemTest, NoCallFollowsALinkBelowAConfinedFolder) {
     EXPECT_TRUE(files.listFolder(app + "/Contents").has_value());
     EXPECT_TRUE(files.syncFolder(app + "/Contents/New"));
     EXPECT_TRUE(files.removeFolder(app + "/Contents/New"));
+}
+
+TEST_F(ConfinedFileSystemTest, TheFirstNamesOfAFolderAreSomeOfItsNames) {
+    const FileSystemConfinement confinement({app});
+    const std::string folder = app + "/Contents/Many";
+    fs::create_directories(folder);
+    EXPECT_EQ(files.firstNamesInFolder(folder, 2), std::vector<std::string>());
+    WriteTextFile(folder + "/.DS_Store", "");
+    EXPECT_EQ(files.firstNamesInFolder(folder, 2), std::vector<std::string>{".DS_Store"});
+    // Names long enough that a few fill what one read of the folder hands out.
+    std::vector<std::string> all = {".DS_Store"};
+    for (int i = 0; i < 500; ++i) {
+        all.push_back(std::string(200, 'a') + std::to_string(i));
+        WriteTextFile(folder + "/" + all.back(), "");
+    }
+    std::sort(all.begin(), all.end());
+    for (size_t count : {1u, 2u, 7u, 40u}) {
+        const auto names = files.firstNamesInFolder(folder, count);
+        ASSERT_TRUE(names.has_value());
+        EXPECT_EQ(names->size(), count);
+        for (const std::string& name : *names)
+            EXPECT_TRUE(std::binary_search(all.begin(), all.end(), name)) << name;
+        std::vector<std::string> distinct = *names;
+        std::sort(distinct.begin(), distinct.end());
+        EXPECT_EQ(std::unique(distinct.begin(), distinct.end()), distinct.end());
+    }
+    auto whole = files.firstNamesInFolder(folder, all.size() + 10);
+    ASSERT_TRUE(whole.has_value());
+    std::sort(whole->begin(), whole->end());
+    EXPECT_EQ(*whole, all);
+    EXPECT_FALSE(files.firstNamesInFolder(folder + "/.DS_Store", 2).has_value());
+    EXPECT_FALSE(files.firstNamesInFolder(app + "/Contents/Missing", 2).has_value());
 }
 
 TEST_F(ConfinedFileSystemTest, OutsideAndAfterTheConfinementPathsAreUsedAsTheyAre) {

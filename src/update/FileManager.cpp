@@ -297,7 +297,8 @@ void FileManager::cleanupEmptyParentDir(const std::string& folder, bool removeDS
 
     std::string path = folder;
     for (int level = 0; level < levels; ++level, path = ParentPath(path)) {
-        auto entries = _fs->listFolder(path);
+        // Two names tell an empty folder from one with only .DS_Store and from a full one.
+        auto entries = _fs->firstNamesInFolder(path, 2);
         if (!entries)
             break;
         if (entries->size() == 1 && entries->front() == ".DS_Store" && removeDSStore) {
