@@ -8,6 +8,7 @@
 #include "system/FileSystem.h"
 #include "update/MD5cksum.h"
 #include "update/PatchApplication.h"
+#include "update/PatchPrefetcher.h"
 #include "update/RollBackHandler.h"
 
 #include <algorithm>
@@ -594,23 +595,30 @@ int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
     // The new file is written beside the old one and renamed over it once it is whole and
     // checked. A patched program stays a program: it gets the mode of the file it replaces.
     _files.removeTemporaryOf(fileToPatch);
+    const mode_t mode = haveOldMode ? (oldInfo.st_mode & 07777) : 0644;
     std::optional<std::string> patchedChecksum;
-    if (!_patchOldFile)
-        _patchOldFile = std::make_unique<BspatchOldFile>();
-    bool oldRead = false;
-    try {
-        oldRead = _patchOldFile->read(fileToPatch);
-    } catch (const std::bad_alloc&) {
-        errno = ENOMEM;
-    }
-    if (oldRead)
+    if (auto madeAhead =
+            _patchesAhead ? _patchesAhead->take(fileToPatch, patchFile) : std::nullopt) {
         patchedChecksum =
-            ApplyPatchToFile(*_fs, _patchOldFile->bytes(), patchFile, patchTool, output,
-                             haveOldMode ? (oldInfo.st_mode & 07777) : 0644, !_preparing);
-    else
-        NSLevelledLog(3, "%@: %s: %@: %s", patchTool,
-                      DescribeBspatchResult(BspatchResult::OldFileUnreadable), fileToPatch,
-                      std::strerror(errno));
+            WritePatchedFile(*_fs, {madeAhead->bytes.get(), madeAhead->size}, madeAhead->checksum,
+                             patchTool, output, mode, !_preparing);
+    } else {
+        if (!_patchOldFile)
+            _patchOldFile = std::make_unique<BspatchOldFile>();
+        bool oldRead = false;
+        try {
+            oldRead = _patchOldFile->read(fileToPatch);
+        } catch (const std::bad_alloc&) {
+            errno = ENOMEM;
+        }
+        if (oldRead)
+            patchedChecksum = ApplyPatchToFile(*_fs, _patchOldFile->bytes(), patchFile, patchTool,
+                                               output, mode, !_preparing);
+        else
+            NSLevelledLog(3, "%@: %s: %@: %s", patchTool,
+                          DescribeBspatchResult(BspatchResult::OldFileUnreadable), fileToPatch,
+                          std::strerror(errno));
+    }
     struct stat written {};
     if (::lstat(output.c_str(), &written) != 0) {
         NSLevelledLog(3, "Unable to apply patch.");

@@ -13,6 +13,7 @@
 
 class BspatchOldFile;
 class FileSystem;
+class PatchPrefetcher;
 class RollBackHandler;
 
 // What the file operations need from outside their class.
@@ -76,6 +77,9 @@ public:
     size_t waitingChanges() const { return _group.size(); }
     // Replays with the backups as sources and without journaling.
     void setUndoEnvironment();
+    // New files of the coming entries' patches, made ahead on another thread (or nothing):
+    // a patch entry takes its own from there when it was made from the files it finds.
+    void setPatchesMadeAhead(PatchPrefetcher* patches) { _patchesAhead = patches; }
 
     [[nodiscard]] int32_t performFileUpdationWithInfo(const FileOperationInfo& info);
     [[nodiscard]] int32_t addFileOperation(const FileOperationInfo& info);
@@ -144,6 +148,7 @@ private:
     std::unique_ptr<RollBackHandler> _rollBackHandler;
     // The file being patched, in memory kept from one patched file to the next.
     std::unique_ptr<BspatchOldFile> _patchOldFile;
+    PatchPrefetcher* _patchesAhead = nullptr;
     bool _isRepairMode = false;
     bool _writeUndo = false;
     // The entry being carried out: its backup's name, whether its undo is journaled, and

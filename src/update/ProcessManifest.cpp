@@ -381,17 +381,23 @@ bool ProcessManifest::progressStep(ProgressWindowController* progress,
 std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* /*worker*/) {
     _earlyPrefetcher.reset();
     ChecksumPrefetcher prefetcher(filesToChecksumAhead(work));
+    PatchPrefetcher patches(patchesToMakeAhead(work));
     // Entries are prepared in groups that one sync makes durable; a set left early (a failure,
     // a cancel) drops the changes still waiting, which the journal's replay then finds unmade.
     CmdInterface& commands = *work.cmdInterface;
     commands.setGroupedChanges(true);
+    commands.setPatchesMadeAhead(&patches);
     struct DropWaiting {
         CmdInterface& commands;
-        ~DropWaiting() { commands.dropGroup(); }
+        ~DropWaiting() {
+            commands.dropGroup();
+            commands.setPatchesMadeAhead(nullptr);
+        }
     } dropWaiting{commands};
     int index = 0;
     for (const XmlNode& node : work.workingNodesArray) {
         prefetcher.entryStarting(static_cast<size_t>(index));
+        patches.entryStarting(static_cast<size_t>(index));
         ++index;
         // The entry's lines are written at its end, however it ends.
         const FlushLogAtEnd flushAtEnd;
@@ -489,20 +495,11 @@ ProcessManifest::filesToChecksumAhead(const std::vector<XmlNode>& entries,
     // guess costs a read, never a result.
     std::vector<std::vector<std::string>> files;
     files.reserve(entries.size());
-    auto expanded = [&](const XmlNode& path) -> std::optional<std::string> {
-        const auto name = path.attribute("defName");
-        if (!name)
-            return std::nullopt;
-        return dirToken.expandedPath(JoinPath(path.attribute("dir").value_or(""), *name), appPath);
-    };
     for (const XmlNode& node : entries) {
         std::vector<std::string>& entry = files.emplace_back();
         for (const char* field : {"./DestinationPath", "./RenamePath"}) {
-            const auto nodes = node.select(field);
-            if (isSingleElementType(nodes)) {
-                if (auto path = expanded(nodes.front()))
-                    entry.push_back(std::move(*path));
-            }
+            if (auto path = defaultPathOf(node, field, dirToken, appPath))
+                entry.push_back(std::move(*path));
         }
         if (payloadDir.empty())
             continue;
@@ -512,6 +509,38 @@ ProcessManifest::filesToChecksumAhead(const std::vector<XmlNode>& entries,
             entry.push_back(JoinPath(payloadDir, *objectName));
     }
     return files;
+}
+
+std::optional<std::string> ProcessManifest::defaultPathOf(const XmlNode& entry, const char* field,
+                                                          const DirTokenResolver& dirToken,
+                                                          const std::string& appPath) {
+    const auto nodes = entry.select(field);
+    if (!isSingleElementType(nodes))
+        return std::nullopt;
+    const auto name = nodes.front().attribute("defName");
+    if (!name)
+        return std::nullopt;
+    return dirToken.expandedPath(JoinPath(nodes.front().attribute("dir").value_or(""), *name),
+                                 appPath);
+}
+
+std::vector<std::optional<PatchPrefetcher::Patch>>
+ProcessManifest::patchesToMakeAhead(const WorkDictionary& work) {
+    // A guess like the checksums': an entry takes a new file made ahead only when it patches
+    // the same files.
+    std::vector<std::optional<PatchPrefetcher::Patch>> patches;
+    patches.reserve(work.workingNodesArray.size());
+    const std::string payloadDir = work.cmdInterface->payloadDir();
+    for (const XmlNode& node : work.workingNodesArray) {
+        auto& patch = patches.emplace_back();
+        if (!EqualsIgnoringCase(SingleValue(node, "./Operation").value_or(""), "PATCH"))
+            continue;
+        const auto objectName = SingleValue(node, "./ObjectName");
+        auto oldFile = defaultPathOf(node, "./DestinationPath", *work.dirToken, work.appPath);
+        if (objectName && oldFile)
+            patch = PatchPrefetcher::Patch{std::move(*oldFile), JoinPath(payloadDir, *objectName)};
+    }
+    return patches;
 }
 
 std::string ProcessManifest::processBundleSet(WorkDictionary& work, ThreadWorker* worker) {

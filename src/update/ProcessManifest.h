@@ -4,6 +4,7 @@
 #include "runtime/PlatformPaths.h"
 #include "system/ServicesHandler.h"
 #include "update/CmdInterface.h"
+#include "update/PatchPrefetcher.h"
 #include "update/PatcherState.h"
 
 #include <memory>
@@ -100,6 +101,13 @@ public:
     static std::vector<std::vector<std::string>>
     filesToChecksumAhead(const std::vector<XmlNode>& entries, const DirTokenResolver& dirToken,
                          const std::string& appPath, const std::string& payloadDir);
+    // The path of an entry's field (its default name, tokens expanded), when it has one.
+    static std::optional<std::string> defaultPathOf(const XmlNode& entry, const char* field,
+                                                    const DirTokenResolver& dirToken,
+                                                    const std::string& appPath);
+    // For each file entry, the patch it is likely to apply (from its default name).
+    static std::vector<std::optional<PatchPrefetcher::Patch>>
+    patchesToMakeAhead(const WorkDictionary& work);
     std::string processBundleSet(WorkDictionary& work, ThreadWorker* worker);
     std::string processDirectorySet(WorkDictionary& work, ThreadWorker* worker);
     // Replays the journal in the backup folder.

@@ -1,0 +1,203 @@
+#include "update/PatchPrefetcher.h"
+
+#include "base/Md5.h"
+#include "patch/BsdiffFormat.h"
+#include "patch/Bspatch.h"
+#include "update/MD5cksum.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <system_error>
+#include <unistd.h>
+
+namespace {
+
+// The same file with the same bytes as far as the file system tells, its change time left
+// out: the entry keeps the old file by a hard link before it patches, which changes that time
+// and nothing else. Every change of content this process makes replaces the file (a new
+// inode) or moves its modification time.
+bool SameFileAndBytes(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+struct PatchFd {
+    int fd;
+    ~PatchFd() {
+        if (fd >= 0)
+            ::close(fd);
+    }
+};
+
+} // namespace
+
+PatchPrefetcher::PatchPrefetcher(std::vector<std::optional<Patch>> patchPerEntry, size_t bytesAhead)
+    : _patches(std::move(patchPerEntry)), _bytesAhead(bytesAhead) {
+    bool any = false;
+    for (const auto& patch : _patches)
+        any = any || patch.has_value();
+    if (!any)
+        return;
+    try {
+        _thread = std::thread([this] { run(); });
+    } catch (const std::system_error&) {
+        // No thread to spare: every entry then patches its file itself.
+    }
+}
+
+PatchPrefetcher::~PatchPrefetcher() {
+    {
+        const std::lock_guard lock(_mutex);
+        _stop = true;
+    }
+    _moved.notify_all();
+    if (_thread.joinable())
+        _thread.join();
+}
+
+void PatchPrefetcher::entryStarting(size_t index) {
+    {
+        const std::lock_guard lock(_mutex);
+        _current = index;
+        _started = true;
+        for (auto it = _entries.begin(); it != _entries.end() && it->first < index;) {
+            if (it->second.state == State::Making) {
+                it->second.state = State::Dropped; // the thread lets it go when it is done
+                ++it;
+                continue;
+            }
+            drop(it->second);
+            it = _entries.erase(it);
+        }
+    }
+    _moved.notify_all();
+}
+
+void PatchPrefetcher::drop(Entry& entry) {
+    _bytesHeld -= entry.newFile.size;
+    entry.newFile = NewFile{};
+}
+
+std::optional<PatchPrefetcher::NewFile> PatchPrefetcher::take(const std::string& oldFile,
+                                                              const std::string& patchFile) {
+    Entry entry;
+    {
+        std::unique_lock lock(_mutex);
+        const size_t index = _current;
+        if (!_started || index >= _patches.size() || !_patches[index] ||
+            _patches[index]->oldFile != oldFile || _patches[index]->patchFile != patchFile)
+            return std::nullopt;
+        _moved.wait(lock, [&] {
+            const auto it = _entries.find(index);
+            return it == _entries.end() || it->second.state != State::Making;
+        });
+        const auto it = _entries.find(index);
+        if (it == _entries.end() || it->second.state != State::Made)
+            return std::nullopt;
+        entry = std::move(it->second);
+        _bytesHeld -= entry.newFile.size;
+        _entries.erase(it);
+    }
+    _moved.notify_all();
+    // Made from these files only if they are still the files that were read.
+    struct stat oldNow {};
+    struct stat patchNow {};
+    if (::stat(oldFile.c_str(), &oldNow) != 0 || ::stat(patchFile.c_str(), &patchNow) != 0 ||
+        !SameFileAndBytes(oldNow, entry.oldIdentity) ||
+        !SameFileAndBytes(patchNow, entry.patchIdentity))
+        return std::nullopt;
+    return std::move(entry.newFile);
+}
+
+void PatchPrefetcher::run() {
+    BspatchOldFile old; // one buffer for every old file
+    size_t next = 0;
+    for (;;) {
+        size_t index = 0;
+        {
+            const std::lock_guard lock(_mutex);
+            if (_stop)
+                break;
+            if (_started)
+                next = std::max(next, _current + 1);
+            while (next < _patches.size() && !_patches[next])
+                ++next;
+            if (next >= _patches.size())
+                break;
+            index = next++;
+        }
+        const Patch& patch = *_patches[index];
+        const PatchFd patchFd{::open(patch.patchFile.c_str(), O_RDONLY | O_CLOEXEC)};
+        const std::optional<size_t> newSize =
+            patchFd.fd >= 0 ? PatchedSizeOf(patchFd.fd) : std::nullopt;
+        if (!newSize || *newSize > _bytesAhead)
+            continue; // its entry patches it, a piece at a time
+        {
+            // Room for it among the new files not yet taken, unless its entry comes first.
+            std::unique_lock lock(_mutex);
+            _moved.wait(lock, [&] {
+                return _stop || (_started && _current >= index) ||
+                       _bytesHeld + *newSize <= _bytesAhead;
+            });
+            if (_stop)
+                break;
+            if (_started && _current >= index)
+                continue;
+            _entries[index].state = State::Making;
+            _bytesHeld += *newSize;
+        }
+        Entry made;
+        const bool ok = make(patch, *newSize, old, made);
+        {
+            const std::lock_guard lock(_mutex);
+            _bytesHeld -= *newSize;
+            const auto it = _entries.find(index);
+            if (ok && it != _entries.end() && it->second.state == State::Making) {
+                made.state = State::Made;
+                _bytesHeld += made.newFile.size;
+                it->second = std::move(made);
+                ++_made;
+            } else if (it != _entries.end()) {
+                _entries.erase(it);
+            }
+        }
+        _moved.notify_all();
+    }
+    // Whoever waits for an entry finds it not made.
+    {
+        const std::lock_guard lock(_mutex);
+        for (auto it = _entries.begin(); it != _entries.end();) {
+            if (it->second.state == State::Making)
+                it = _entries.erase(it);
+            else
+                ++it;
+        }
+    }
+    _moved.notify_all();
+    Md5ReleaseThreadState();
+}
+
+bool PatchPrefetcher::make(const Patch& patch, size_t newSize, BspatchOldFile& old, Entry& made) {
+    try {
+        // An old file larger than the memory allowed for new files is its entry's to read.
+        struct stat before {};
+        if (::stat(patch.oldFile.c_str(), &before) != 0 || !S_ISREG(before.st_mode) ||
+            static_cast<uint64_t>(before.st_size) > _bytesAhead)
+            return false;
+        if (!old.read(patch.oldFile) || old.bytes().size() != static_cast<size_t>(before.st_size))
+            return false;
+        const PatchFd patchFd{::open(patch.patchFile.c_str(), O_RDONLY | O_CLOEXEC)};
+        if (patchFd.fd < 0 || ::fstat(patchFd.fd, &made.patchIdentity) != 0)
+            return false;
+
+        // The old file read is the file as it was before the reading, and still is.
+        return PatchIntoMemory(old.bytes(), patchFd.fd, newSize, made.newFile, nullptr, &_stop) ==
+                   BspatchResult::Success &&
+               ::stat(patch.oldFile.c_str(), &made.oldIdentity) == 0 &&
+               MD5cksum::sameFileState(before, made.oldIdentity);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}

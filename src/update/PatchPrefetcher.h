@@ -1,0 +1,90 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+#include "update/PatchApplication.h"
+
+class BspatchOldFile;
+
+// Applies, on a thread of its own, the patches of the entries ahead of the one running, into
+// memory, with the checksum of each new file. A patched file costs the file set most of its
+// time (the bzip2 blocks, the additions, the checksum of the result), and the entries around
+// it mostly wait for system calls: made ahead, the new file is only written when its entry
+// comes, while this thread goes on with the next patch on the other processor.
+//
+// Nothing here decides anything. The file set takes a new file made ahead only while the old
+// file and the patch are still the files it was made from (same device, inode, size and
+// modification time); it still checks the old file's checksum first and the new file's after,
+// journals, writes and syncs as it does for a patch it applies itself. A file an earlier entry
+// changed, a patch that failed here, or one that did not fit in the memory allowed, is simply
+// patched by the entry.
+class PatchPrefetcher {
+public:
+    struct Patch {
+        std::string oldFile;
+        std::string patchFile;
+    };
+    using NewFile = PatchedFile;
+
+    // The patch of each entry (nothing for an entry that patches nothing), in the order the
+    // entries run. The thread starts at once and works on the entries after the one running,
+    // holding at most bytesAhead bytes of new files that no entry has taken yet.
+    explicit PatchPrefetcher(std::vector<std::optional<Patch>> patchPerEntry,
+                             size_t bytesAhead = kBytesAhead);
+    // Stops the thread, dropping the patch being made.
+    ~PatchPrefetcher();
+    PatchPrefetcher(const PatchPrefetcher&) = delete;
+    PatchPrefetcher& operator=(const PatchPrefetcher&) = delete;
+
+    // Called by the file set before it runs entry `index` (counted from 0): new files of the
+    // entries before it are dropped, and this entry is no longer started here.
+    void entryStarting(size_t index);
+
+    // The new file of the entry running now, made from oldFile and patchFile as they are now;
+    // waits while it is being made. Nothing when it was not made ahead, or the files are not
+    // the ones it was made from.
+    [[nodiscard]] std::optional<NewFile> take(const std::string& oldFile,
+                                              const std::string& patchFile);
+
+    // New files made so far, for the tests.
+    size_t made() const { return _made.load(); }
+
+    static constexpr size_t kBytesAhead = kPatchedInMemoryLimit;
+
+private:
+    enum class State { Waiting, Making, Made, Dropped };
+    struct Entry {
+        State state = State::Waiting;
+        NewFile newFile;
+        struct stat oldIdentity {};
+        struct stat patchIdentity {};
+    };
+
+    void run();
+    // Makes the new file of a patch, outside the lock; false when it cannot be made.
+    bool make(const Patch& patch, size_t newSize, BspatchOldFile& old, Entry& made);
+    void drop(Entry& entry);
+
+    const std::vector<std::optional<Patch>> _patches;
+    const size_t _bytesAhead;
+    std::mutex _mutex;
+    std::condition_variable _moved;
+    std::map<size_t, Entry> _entries; // the entries started here and not yet passed
+    size_t _current = 0;              // the entry running now
+    bool _started = false;            // an entry runs
+    size_t _bytesHeld = 0;            // new files made or being made, not yet taken
+    std::atomic<bool> _stop{false};
+    std::atomic<size_t> _made{0};
+    std::thread _thread;
+};

@@ -1,0 +1,179 @@
+#include "update/PatchPrefetcher.h"
+
+#include "ManifestText.h"
+#include "TestSupport.h"
+#include "base/Md5.h"
+#include "base/Xml.h"
+#include "runtime/PlatformPaths.h"
+#include "target/DirTokenResolver.h"
+#include "update/CmdInterface.h"
+#include "update/ProcessManifest.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+namespace {
+
+bool WaitForMade(const PatchPrefetcher& patches, size_t count) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (patches.made() < count) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+std::string Text(const PatchPrefetcher::NewFile& file) {
+    return {reinterpret_cast<const char*>(file.bytes.get()), file.size};
+}
+
+class PatchPrefetcherTest : public ::testing::Test {
+protected:
+    // Entry name's old file "<name>.old" holds oldText, and its patch "<name>.patch" (made by
+    // Debian's bsdiff) turns it into newText.
+    PatchPrefetcher::Patch patch(const std::string& name, const std::string& oldText,
+                                 const std::string& newText) {
+        const PatchPrefetcher::Patch made{_dir.file(name + ".old"), _dir.file(name + ".patch")};
+        WriteTextFile(made.oldFile, oldText);
+        WriteTextFile(_dir.file(name + ".new"), newText);
+        EXPECT_EQ(
+            RunProgram({"/usr/bin/bsdiff", made.oldFile, _dir.file(name + ".new"), made.patchFile}),
+            0);
+        return made;
+    }
+
+    TempDir _dir;
+};
+
+} // namespace
+
+TEST_F(PatchPrefetcherTest, TheComingPatchesAreMadeAndTakenByTheirEntries) {
+    const std::string newA = RandomText(300000, 2) + "version two of a";
+    const auto a = patch("a", RandomText(300000, 2) + "version one of a", newA);
+    const auto b = patch("b", "the old b, short", "the new b, short and changed");
+    PatchPrefetcher patches({a, std::nullopt, b});
+    ASSERT_TRUE(WaitForMade(patches, 2));
+
+    patches.entryStarting(0);
+    auto madeA = patches.take(a.oldFile, a.patchFile);
+    ASSERT_TRUE(madeA);
+    EXPECT_EQ(Text(*madeA), newA);
+    EXPECT_EQ(madeA->checksum, Md5OfFile(_dir.file("a.new")));
+    EXPECT_FALSE(patches.take(a.oldFile, a.patchFile)) << "taken once";
+
+    patches.entryStarting(1);
+    EXPECT_FALSE(patches.take(b.oldFile, b.patchFile)) << "entry 1 patches nothing";
+    patches.entryStarting(2);
+    EXPECT_FALSE(patches.take(a.oldFile, b.patchFile)) << "not the files of entry 2";
+}
+
+TEST_F(PatchPrefetcherTest, AnOldFileReplacedSinceIsLeftToItsEntry) {
+    const auto a = patch("a", "old contents of a", "new contents of a");
+    const auto b = patch("b", "old contents of b", "new contents of b");
+    PatchPrefetcher patches({a, b});
+    ASSERT_TRUE(WaitForMade(patches, 2));
+
+    // Replaced by a rename, as every change of this updater is made: another inode.
+    WriteTextFile(a.oldFile + ".next", "old contents of a");
+    ASSERT_EQ(std::rename((a.oldFile + ".next").c_str(), a.oldFile.c_str()), 0);
+    patches.entryStarting(0);
+    EXPECT_FALSE(patches.take(a.oldFile, a.patchFile));
+
+    // Kept by a hard link (the backup) before the entry patches: still the same bytes.
+    ASSERT_EQ(::link(b.oldFile.c_str(), _dir.file("b.kept").c_str()), 0);
+    patches.entryStarting(1);
+    const auto madeB = patches.take(b.oldFile, b.patchFile);
+    ASSERT_TRUE(madeB);
+    EXPECT_EQ(Text(*madeB), "new contents of b");
+}
+
+TEST_F(PatchPrefetcherTest, NewFilesWaitingStayWithinTheMemoryAllowed) {
+    const std::string newA = RandomText(4000, 5);
+    const auto a = patch("a", RandomText(4000, 4), newA);
+    const auto b = patch("b", RandomText(4000, 6), RandomText(4000, 7));
+    const auto big = patch("big", RandomText(6000, 8), RandomText(6000, 9));
+    const auto c = patch("c", "small old c", "small new c");
+    // Room for one new file of 4,000 bytes at a time; none for the one of 6,000.
+    PatchPrefetcher patches({a, b, big, c}, 5000);
+    ASSERT_TRUE(WaitForMade(patches, 1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(patches.made(), 1u) << "b waits until a is taken";
+
+    patches.entryStarting(0);
+    const auto madeA = patches.take(a.oldFile, a.patchFile);
+    ASSERT_TRUE(madeA);
+    EXPECT_EQ(Text(*madeA), newA);
+    ASSERT_TRUE(WaitForMade(patches, 2));
+
+    // Passing an entry drops its new file, untaken: room for the next.
+    patches.entryStarting(2);
+    ASSERT_TRUE(WaitForMade(patches, 3));
+    EXPECT_FALSE(patches.take(big.oldFile, big.patchFile)) << "larger than the memory allowed";
+    patches.entryStarting(3);
+    const auto madeC = patches.take(c.oldFile, c.patchFile);
+    ASSERT_TRUE(madeC);
+    EXPECT_EQ(Text(*madeC), "small new c");
+}
+
+TEST_F(PatchPrefetcherTest, ADamagedPatchIsLeftToItsEntry) {
+    const auto a = patch("a", "old contents of a", "new contents of a");
+    const auto b = patch("b", "old contents of b", "new contents of b");
+    std::string damaged = ReadTextFile(a.patchFile);
+    damaged.resize(damaged.size() - 5);
+    WriteTextFile(a.patchFile, damaged);
+    PatchPrefetcher patches({a, b});
+    ASSERT_TRUE(WaitForMade(patches, 1)); // b, after a failed
+    patches.entryStarting(0);
+    EXPECT_FALSE(patches.take(a.oldFile, a.patchFile));
+    patches.entryStarting(1);
+    EXPECT_TRUE(patches.take(b.oldFile, b.patchFile));
+}
+
+TEST_F(PatchPrefetcherTest, StoppingEndsAThreadThatWaitsForRoom) {
+    std::vector<std::optional<PatchPrefetcher::Patch>> entries;
+    for (int i = 0; i < 3; ++i)
+        entries.push_back(
+            patch("p" + std::to_string(i), RandomText(100000, i), RandomText(100000, i + 100)));
+    {
+        // Room for one: the thread waits for an entry that never comes to take it.
+        PatchPrefetcher patches(entries, 150000);
+        ASSERT_TRUE(WaitForMade(patches, 1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(patches.made(), 1u);
+    }
+    PatchPrefetcher none({std::nullopt, std::nullopt});
+    EXPECT_EQ(none.made(), 0u);
+}
+
+TEST(PatchPrefetcherManifest, EachPatchEntryNamesItsInstalledFileAndItsPatch) {
+    const std::string manifest = "<Manifest><FileSet>" +
+                                 FileEntryXml({"PATCH", "p1.patch", "[INSTALLDIR]/MacOS", "Tool"}) +
+                                 FileEntryXml({"ADD", "a2", "[INSTALLDIR]/Resources", "new.txt"}) +
+                                 FileEntryXml({"patch", "p3.patch", "[INSTALLDIR]", "lib.so"}) +
+                                 "<File><Operation>PATCH</Operation></File>"
+                                 "</FileSet></Manifest>";
+    const auto document = XmlDocument::parseMemory(manifest, XmlParseMode::Strict);
+    ASSERT_TRUE(document.document);
+    const PlatformPaths paths;
+    DirTokenResolver tokens(paths);
+    CmdInterface cmd("/payload", "/resources", std::nullopt);
+    WorkDictionary work;
+    work.appPath = "/opt/App.app";
+    work.cmdInterface = &cmd;
+    work.dirToken = &tokens;
+    work.workingNodesArray = XmlDocument::root(document.document).select("/Manifest/FileSet/File");
+    const auto patches = ProcessManifest::patchesToMakeAhead(work);
+    ASSERT_EQ(patches.size(), 4u);
+    ASSERT_TRUE(patches[0]);
+    EXPECT_EQ(patches[0]->oldFile, "/opt/App.app/MacOS/Tool");
+    EXPECT_EQ(patches[0]->patchFile, "/payload/p1.patch");
+    EXPECT_FALSE(patches[1]);
+    ASSERT_TRUE(patches[2]);
+    EXPECT_EQ(patches[2]->oldFile, "/opt/App.app/lib.so");
+    EXPECT_EQ(patches[2]->patchFile, "/payload/p3.patch");
+    EXPECT_FALSE(patches[3]) << "no file named";
+}
