@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config clang clang-format libclang-rt-14-dev
   libfuzzer-14-dev
   libxml2-dev libboost-regex-dev libplist-dev libssl-dev libarchive-dev libbz2-dev
-  libdivsufsort-dev libsqlite3-dev sqlite3 zlib1g-dev qt6-base-dev gettext
+  libdivsufsort-dev libsqlite3-dev sqlite3 zlib1g-dev libdeflate-dev qt6-base-dev gettext
   libgtest-dev libgmock-dev
   xvfb xdotool x11-apps netpbm e2fsprogs bsdiff cpio util-linux dpkg procps rsync bc python3
   strace openssl tmux pkexec polkitd dbus-bin dbus-daemon dbus-system-bus-common

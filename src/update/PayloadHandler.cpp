@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <libdeflate.h>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,6 +25,11 @@
 namespace {
 
 constexpr size_t kReadSize = 64 * 1024;
+// An archive of one gzip member that declares at most this many unpacked bytes is inflated
+// whole, in memory, by libdeflate, about twice as fast as zlib's inflate a piece at a time;
+// any other (larger, several members, damaged) goes through zlib, which also words the
+// reason when it is refused.
+constexpr uint64_t kWholeInflateLimit = 256 << 20;
 
 struct ArchiveReadDeleter {
     void operator()(archive* handle) const { archive_read_free(handle); }
@@ -72,6 +78,21 @@ public:
     ssize_t read(const void** data) {
         if (!_reason.empty())
             return -1;
+        if (!_wholeTried) {
+            _wholeTried = true;
+            inflateWhole();
+        }
+        if (_whole) {
+            const size_t piece = std::min<size_t>(kReadSize, _wholeSize - _wholeOffset);
+            *data = _whole.get() + _wholeOffset;
+            _wholeOffset += piece;
+            _unpacked += piece;
+            if (_unpacked > _limit) {
+                fail("the archive unpacks to more than " + std::to_string(_limit) + " bytes");
+                return -1;
+            }
+            return static_cast<ssize_t>(piece);
+        }
         _stream.next_out = _output.get();
         _stream.avail_out = kReadSize;
         while (_stream.avail_out == kReadSize) {
@@ -134,6 +155,47 @@ public:
     void limitUnpackedSize(uint64_t limit) { _limit = limit; }
 
 private:
+    // The whole archive inflated at once, when it is small enough and libdeflate reads it as
+    // one good gzip member (checksum and length verified); else nothing changes. Read with
+    // pread, so zlib still starts at the first byte.
+    void inflateWhole() {
+        struct stat info {};
+        const std::optional<uint64_t> declared = declaredSize();
+        if (!declared || ::fstat(_fd.get(), &info) != 0 ||
+            static_cast<uint64_t>(info.st_size) > kWholeInflateLimit ||
+            *declared > kWholeInflateLimit)
+            return;
+        try {
+            const auto size = static_cast<size_t>(info.st_size);
+            auto input = std::make_unique_for_overwrite<uint8_t[]>(size);
+            for (size_t got = 0; got < size;) {
+                const ssize_t read =
+                    ::pread(_fd.get(), input.get() + got, size - got, static_cast<off_t>(got));
+                if (read < 0 && errno == EINTR)
+                    continue;
+                if (read <= 0)
+                    return;
+                got += static_cast<size_t>(read);
+            }
+            auto output = std::make_unique_for_overwrite<uint8_t[]>(
+                std::max<size_t>(static_cast<size_t>(*declared), 1));
+            const std::unique_ptr<libdeflate_decompressor, void (*)(libdeflate_decompressor*)>
+                inflater(libdeflate_alloc_decompressor(), libdeflate_free_decompressor);
+            size_t used = 0;
+            size_t produced = 0;
+            if (!inflater ||
+                libdeflate_gzip_decompress_ex(inflater.get(), input.get(), size, output.get(),
+                                              static_cast<size_t>(*declared), &used,
+                                              &produced) != LIBDEFLATE_SUCCESS ||
+                used != size || produced != *declared)
+                return;
+            _whole = std::move(output);
+            _wholeSize = produced;
+        } catch (const std::bad_alloc&) {
+            // Inflated a piece at a time instead.
+        }
+    }
+
     bool fill() {
         for (;;) {
             const ssize_t got = ::read(_fd.get(), _input.get(), kReadSize);
@@ -163,6 +225,10 @@ private:
     uint64_t _limit = UINT64_MAX;
     std::unique_ptr<unsigned char[]> _input;
     std::unique_ptr<unsigned char[]> _output;
+    bool _wholeTried = false;
+    std::unique_ptr<uint8_t[]> _whole; // the whole archive, inflated at once
+    size_t _wholeSize = 0;
+    size_t _wholeOffset = 0;
     std::string _reason;
 };
 
