@@ -95,21 +95,33 @@ void MD5cksum::rememberChecksumOfFile(const std::string& path, const struct stat
 }
 
 bool MD5cksum::rememberChecksumOfFileAhead(const std::string& path, const std::atomic<bool>& stop) {
+    const std::optional<FileAhead> file = openFileAhead(path);
+    if (!file) { // no regular file, or one remembered already
+        struct stat info {};
+        return ::stat(path.c_str(), &info) == 0 && rememberedChecksumOfFile(path, info);
+    }
+    return rememberChecksumOfFileAhead(*file, Md5OfDescriptor(file->fd.get(), &stop));
+}
+
+std::optional<MD5cksum::FileAhead> MD5cksum::openFileAhead(const std::string& path) {
     // Only a regular file is opened: opening a device can have effects of its own.
     struct stat found {};
     if (::stat(path.c_str(), &found) != 0 || !S_ISREG(found.st_mode))
-        return false;
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-    struct stat before {};
-    if (!fd.valid() || ::fstat(fd.get(), &before) != 0 || !S_ISREG(before.st_mode))
-        return false;
-    if (rememberedChecksumOfFile(path, before))
-        return true;
-    const auto digest = Md5OfDescriptor(fd.get(), &stop);
+        return std::nullopt;
+    FileAhead file{
+        path, UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)), {}};
+    if (!file.fd.valid() || ::fstat(file.fd.get(), &file.before) != 0 ||
+        !S_ISREG(file.before.st_mode) || rememberedChecksumOfFile(path, file.before))
+        return std::nullopt;
+    return file;
+}
+
+bool MD5cksum::rememberChecksumOfFileAhead(const FileAhead& file,
+                                           const std::optional<std::string>& digest) {
     struct stat after {};
-    if (!digest || ::fstat(fd.get(), &after) != 0 || !sameFileState(before, after))
+    if (!digest || ::fstat(file.fd.get(), &after) != 0 || !sameFileState(file.before, after))
         return false;
-    rememberChecksumOfFile(path, after, *digest);
+    rememberChecksumOfFile(file.path, after, *digest);
     return true;
 }
 

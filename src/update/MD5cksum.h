@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/FileUtil.h"
+
 #include <atomic>
 #include <cstddef>
 #include <optional>
@@ -39,6 +41,17 @@ public:
     // regular file, cannot be read, changed while it was read, or stop was set meanwhile.
     // For work done ahead.
     static bool rememberChecksumOfFileAhead(const std::string& path, const std::atomic<bool>& stop);
+    // The same in two steps, for files checksummed together (Md5Lanes): a regular file opened
+    // for it, or nothing when the path is no regular file or its checksum is remembered
+    // already; then its digest, remembered when the file did not change while it was read.
+    struct FileAhead {
+        std::string path;
+        UniqueFd fd;
+        struct stat before {};
+    };
+    [[nodiscard]] static std::optional<FileAhead> openFileAhead(const std::string& path);
+    static bool rememberChecksumOfFileAhead(const FileAhead& file,
+                                            const std::optional<std::string>& digest);
 
     // The remembered checksum of path, when the file is still as identity (a stat or fstat
     // taken now) shows it. Logs nothing.
