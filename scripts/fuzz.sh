@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Fuzzes the file-versioning library and the readers of the configuration, the manifest and
-# the undo journal for a bounded time.
+# Fuzzes the file-versioning library, the readers of the configuration, the manifest and the
+# undo journal, and the bzip2 decoder of the patches for a bounded time.
 #
 #   scripts/fuzz.sh [seconds]      (default 60, for each fuzzer)
 #
-# Builds FileVersionerFuzz, ConfigReaderFuzz, ManifestReaderFuzz and JournalReaderFuzz with the
+# Builds FileVersionerFuzz, ConfigReaderFuzz, ManifestReaderFuzz, JournalReaderFuzz and
+# Bzip2DecoderFuzz (our bzip2 decoder against libbz2) with the
 # fuzz preset (clang, libFuzzer, ASan, UBSan), copies each committed seed corpus into a scratch
 # folder under build/fuzz so the committed ones stay as they are, and runs each fuzzer for the
 # given time, two at a time. Exits non-zero when the build fails or a fuzzer finds a crash, a
@@ -21,18 +22,20 @@ fi
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
 
-names=(versioner config manifest journal)
+names=(versioner config manifest journal bzip2)
 declare -A fuzzers=(
   [versioner]=OrvelFileVersioner/FileVersionerFuzz
   [config]=src/target/ConfigReaderFuzz
   [manifest]=src/update/ManifestReaderFuzz
   [journal]=src/update/JournalReaderFuzz
+  [bzip2]=src/patch/Bzip2DecoderFuzz
 )
 declare -A seeds=(
   [versioner]=OrvelFileVersioner/fuzz/corpus
   [config]=src/target/fuzz/corpus/config
   [manifest]=src/update/fuzz/corpus/manifest
   [journal]=src/update/fuzz/corpus/journal
+  [bzip2]=src/patch/fuzz/corpus/bzip2
 )
 # The readers log to standard error at the debug level, so that fuzzed values go through the
 # log's formatting as well; -close_fd_mask=2 sends that away and keeps libFuzzer's own output
@@ -43,13 +46,15 @@ declare -A options=(
   [config]="-max_len=65536 -close_fd_mask=2"
   [manifest]="-max_len=65536 -close_fd_mask=2"
   [journal]="-max_len=65536 -close_fd_mask=2"
+  [bzip2]="-max_len=65536"
 )
 # Two fuzzers at a time: one per core of a small machine.
 slots=2
 
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$(nproc)" \
-  --target FileVersionerFuzz ConfigReaderFuzz ManifestReaderFuzz JournalReaderFuzz
+  --target FileVersionerFuzz ConfigReaderFuzz ManifestReaderFuzz JournalReaderFuzz \
+  Bzip2DecoderFuzz
 
 build="$root/build/fuzz"
 
