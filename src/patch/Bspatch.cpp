@@ -2,6 +2,7 @@
 
 #include "base/Path.h"
 #include "patch/BsdiffFormat.h"
+#include "patch/Bzip2Decoder.h"
 
 #include <algorithm>
 #include <bzlib.h>
@@ -30,6 +31,10 @@ constexpr size_t kOutputBufferSize = 256 * 1024;
 constexpr int64_t kDecompressAheadSize = 128 << 10;
 constexpr size_t kAheadSlotSize = 256 * 1024;
 constexpr size_t kAheadSlots = 4;
+// A compressed block up to this size is read whole and decompressed from memory by our own
+// decoder, which expands the runs that make up most of a diff block a memset at a time; a
+// larger one goes through libbz2 a piece at a time, so that memory stays bounded.
+constexpr uint64_t kInMemoryBlockLimit = 64 << 20;
 
 class Fd {
 public:
@@ -89,12 +94,10 @@ bool WriteAllRetrying(int fd, const uint8_t* data, size_t size) {
 }
 
 // One bzip2-compressed block of the patch, the byte range [begin, end) of the patch file,
-// decompressed on demand through a small input buffer.
+// decompressed on demand: from memory (Bzip2Decoder) or through a small input buffer (libbz2).
 class BlockReader {
 public:
-    BlockReader(int fd, uint64_t begin, uint64_t end)
-        : _fd(fd), _next(begin), _end(end),
-          _input(std::make_unique_for_overwrite<char[]>(kInputBufferSize)) {}
+    BlockReader(int fd, uint64_t begin, uint64_t end) : _fd(fd), _next(begin), _end(end) {}
     ~BlockReader() {
         if (_initialized)
             BZ2_bzDecompressEnd(&_stream);
@@ -103,6 +106,21 @@ public:
     BlockReader& operator=(const BlockReader&) = delete;
 
     [[nodiscard]] bool init() {
+        const uint64_t size = _end - _next;
+        if (size <= kInMemoryBlockLimit) {
+            _compressed = std::make_unique_for_overwrite<uint8_t[]>(std::max<uint64_t>(size, 1));
+            for (uint64_t got = 0; got < size;) {
+                const ssize_t read = PreadRetrying(_fd, _compressed.get() + got,
+                                                   static_cast<size_t>(size - got), _next + got);
+                if (read <= 0)
+                    return false;
+                got += static_cast<uint64_t>(read);
+            }
+            _compressedSize = static_cast<size_t>(size);
+            _decoder.emplace(std::span<const uint8_t>(_compressed.get(), _compressedSize));
+            return true;
+        }
+        _input = std::make_unique_for_overwrite<char[]>(kInputBufferSize);
         _stream = bz_stream{};
         _initialized = BZ2_bzDecompressInit(&_stream, 0, 0) == BZ_OK;
         return _initialized;
@@ -111,6 +129,10 @@ public:
     // Exactly size bytes into out; false when the block ends early, is damaged or cannot be
     // read.
     [[nodiscard]] bool read(uint8_t* out, size_t size) {
+        if (_decoder) {
+            const auto got = readSome(out, size);
+            return got && *got == size;
+        }
         while (size > 0) {
             if (_ended)
                 return false;
@@ -130,6 +152,17 @@ public:
     // the block is damaged or cannot be read.
     [[nodiscard]] std::optional<size_t> readSome(uint8_t* out, size_t size) {
         size_t total = 0;
+        if (_decoder) {
+            while (total < size && !_decoder->ended()) {
+                const auto got = _decoder->read(out + total, size - total);
+                if (!got)
+                    return std::nullopt;
+                if (*got == 0)
+                    break;
+                total += *got;
+            }
+            return total;
+        }
         while (total < size && !_ended) {
             const auto piece = static_cast<unsigned>(std::min<size_t>(size - total, 1u << 30));
             _stream.next_out = reinterpret_cast<char*>(out + total);
@@ -140,12 +173,16 @@ public:
         }
         return total;
     }
-    bool ended() const { return _ended; }
+    bool ended() const { return _decoder ? _decoder->ended() : _ended; }
 
     // True when the compressed stream ends here (its checksums verified) and nothing follows
     // it inside the block.
     [[nodiscard]] bool atEnd() {
         uint8_t probe = 0;
+        if (_decoder) {
+            const auto got = readSome(&probe, 1);
+            return got && *got == 0 && _decoder->ended() && _decoder->consumed() == _compressedSize;
+        }
         while (!_ended) {
             _stream.next_out = reinterpret_cast<char*>(&probe);
             _stream.avail_out = 1;
@@ -184,6 +221,9 @@ private:
     int _fd;
     uint64_t _next;
     uint64_t _end;
+    std::unique_ptr<uint8_t[]> _compressed;
+    size_t _compressedSize = 0;
+    std::optional<Bzip2Decoder> _decoder;
     std::unique_ptr<char[]> _input;
     bz_stream _stream{};
     bool _initialized = false;
