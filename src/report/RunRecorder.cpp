@@ -67,6 +67,9 @@ void RunRecorder::operation(Operation operation) {
 
 void RunRecorder::measureDoneOperations() {
     std::lock_guard<std::mutex> lock(_mutex);
+    // Only the result file tells the sizes: a stat per operation is not spent for nothing.
+    if (_resultPath.empty())
+        return;
     for (Operation& operation : _operations) {
         struct stat info {};
         if (operation.result == "done" && ::lstat(operation.path.c_str(), &info) == 0 &&

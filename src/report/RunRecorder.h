@@ -42,7 +42,8 @@ public:
                   uint64_t bytes = 0);
     void operation(Operation operation);
     // Sets the bytes of every operation that was done to the size of the regular file now
-    // at its path: what an update leaves in place, once all of it is in place.
+    // at its path: what an update leaves in place, once all of it is in place. Only where a
+    // result file is to be written (setOutputs).
     void measureDoneOperations();
     void setRolledBack(bool rolledBack);
     // The run's result; the first one recorded counts.

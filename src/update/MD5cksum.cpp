@@ -106,7 +106,8 @@ bool MD5cksum::rememberChecksumOfFileAhead(const std::string& path, const std::a
 std::optional<MD5cksum::FileAhead> MD5cksum::openFileAhead(const std::string& path) {
     // Only a regular file is opened: opening a device can have effects of its own.
     struct stat found {};
-    if (::stat(path.c_str(), &found) != 0 || !S_ISREG(found.st_mode))
+    if (::stat(path.c_str(), &found) != 0 || !S_ISREG(found.st_mode) ||
+        rememberedChecksumOfFile(path, found))
         return std::nullopt;
     FileAhead file{
         path, UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)), {}};
