@@ -67,8 +67,8 @@ std::optional<size_t> PatchedSizeOf(int patchFd) {
 }
 
 BspatchResult PatchIntoMemory(std::span<const uint8_t> oldData, int patchFd, size_t newSize,
-                              PatchedFile& made, std::string* detail,
-                              const std::atomic<bool>* stop) {
+                              PatchedFile& made, std::string* detail, const std::atomic<bool>* stop,
+                              bool withChecksum) {
     try {
         made.bytes = std::make_unique_for_overwrite<uint8_t[]>(std::max<size_t>(newSize, 1));
     } catch (const std::bad_alloc&) {
@@ -84,12 +84,15 @@ BspatchResult PatchIntoMemory(std::span<const uint8_t> oldData, int patchFd, siz
             if ((stop && stop->load()) || size > newSize - filled)
                 return false;
             std::memcpy(made.bytes.get() + filled, data, size);
-            digest.update(data, size);
+            if (withChecksum)
+                digest.update(data, size);
             filled += size;
             return true;
         },
         detail);
-    const auto checksum = result == BspatchResult::Success ? digest.finish() : std::nullopt;
+    const auto checksum = result == BspatchResult::Success && withChecksum
+                              ? digest.finish()
+                              : std::optional<std::string>(std::string());
     if (result == BspatchResult::Success && (!checksum || filled != newSize)) {
         result = BspatchResult::OutputFailed;
         if (detail)

@@ -29,10 +29,11 @@ struct PatchedFile {
 std::optional<size_t> PatchedSizeOf(int patchFd);
 
 // Applies the patch open on patchFd (making newSize bytes, as its header says) to oldData
-// into made, with its checksum. Stops with OutputFailed when stop (if given) is set.
+// into made, with its checksum unless the caller works it out itself (withChecksum false).
+// Stops with OutputFailed when stop (if given) is set.
 BspatchResult PatchIntoMemory(std::span<const uint8_t> oldData, int patchFd, size_t newSize,
                               PatchedFile& made, std::string* detail,
-                              const std::atomic<bool>* stop = nullptr);
+                              const std::atomic<bool>* stop = nullptr, bool withChecksum = true);
 
 // Writes output (a new file with mode) from the old file's bytes and a BSDIFF40 patch, with
 // the patch code linked in, and checksums it on the way; with sync the output is on disk

@@ -1,6 +1,7 @@
 #include "update/PatchPrefetcher.h"
 
 #include "base/Md5.h"
+#include "base/Md5Lanes.h"
 #include "patch/BsdiffFormat.h"
 #include "patch/Bspatch.h"
 #include "update/MD5cksum.h"
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <string_view>
 #include <system_error>
 #include <unistd.h>
 
@@ -89,10 +91,12 @@ std::optional<PatchPrefetcher::NewFile> PatchPrefetcher::take(const std::string&
         if (!_started || index >= _patches.size() || !_patches[index] ||
             _patches[index]->oldFile != oldFile || _patches[index]->patchFile != patchFile)
             return std::nullopt;
+        ++_waiting;
         _moved.wait(lock, [&] {
             const auto it = _entries.find(index);
             return it == _entries.end() || it->second.state != State::Making;
         });
+        --_waiting;
         const auto it = _entries.find(index);
         if (it == _entries.end() || it->second.state != State::Made)
             return std::nullopt;
@@ -113,6 +117,38 @@ std::optional<PatchPrefetcher::NewFile> PatchPrefetcher::take(const std::string&
 
 void PatchPrefetcher::run() {
     BspatchOldFile old; // one buffer for every old file
+    // New files made and not yet checksummed: checksummed together, in SIMD lanes (Md5Lanes),
+    // a few at a time, when an entry waits for one of them, or before this thread waits.
+    std::vector<std::pair<size_t, Entry>> unchecked;
+    auto publish = [&](size_t index, Entry* made, size_t reserved) {
+        const std::lock_guard lock(_mutex);
+        _bytesHeld -= reserved;
+        const auto it = _entries.find(index);
+        if (made && it != _entries.end() && it->second.state == State::Making) {
+            made->state = State::Made;
+            _bytesHeld += made->newFile.size;
+            it->second = std::move(*made);
+            ++_made;
+        } else if (it != _entries.end()) {
+            _entries.erase(it);
+        }
+    };
+    auto checkAndPublish = [&] {
+        if (unchecked.empty())
+            return;
+        std::vector<std::string_view> bytes;
+        for (const auto& [index, made] : unchecked)
+            bytes.emplace_back(reinterpret_cast<const char*>(made.newFile.bytes.get()),
+                               made.newFile.size);
+        const std::vector<std::string> checksums = Md5OfAll(bytes);
+        for (size_t i = 0; i < unchecked.size(); ++i) {
+            auto& [index, made] = unchecked[i];
+            made.newFile.checksum = checksums[i];
+            publish(index, &made, made.newFile.size);
+        }
+        unchecked.clear();
+        _moved.notify_all();
+    };
     size_t next = 0;
     for (;;) {
         size_t index = 0;
@@ -134,6 +170,13 @@ void PatchPrefetcher::run() {
             patchFd.fd >= 0 ? PatchedSizeOf(patchFd.fd) : std::nullopt;
         if (!newSize || *newSize > _bytesAhead)
             continue; // its entry patches it, a piece at a time
+        bool room = false;
+        {
+            const std::lock_guard lock(_mutex);
+            room = _bytesHeld + *newSize <= _bytesAhead;
+        }
+        if (!room)
+            checkAndPublish(); // nothing held back while this thread waits
         {
             // Room for it among the new files not yet taken, unless its entry comes first.
             std::unique_lock lock(_mutex);
@@ -149,22 +192,16 @@ void PatchPrefetcher::run() {
             _bytesHeld += *newSize;
         }
         Entry made;
-        const bool ok = make(patch, *newSize, old, made);
-        {
-            const std::lock_guard lock(_mutex);
-            _bytesHeld -= *newSize;
-            const auto it = _entries.find(index);
-            if (ok && it != _entries.end() && it->second.state == State::Making) {
-                made.state = State::Made;
-                _bytesHeld += made.newFile.size;
-                it->second = std::move(made);
-                ++_made;
-            } else if (it != _entries.end()) {
-                _entries.erase(it);
-            }
+        if (!make(patch, *newSize, old, made)) {
+            publish(index, nullptr, *newSize);
+            _moved.notify_all();
+            continue;
         }
-        _moved.notify_all();
+        unchecked.emplace_back(index, std::move(made));
+        if (unchecked.size() >= kCheckedTogether || _waiting.load() > 0)
+            checkAndPublish();
     }
+    checkAndPublish();
     // Whoever waits for an entry finds it not made.
     {
         const std::lock_guard lock(_mutex);
@@ -193,8 +230,8 @@ bool PatchPrefetcher::make(const Patch& patch, size_t newSize, BspatchOldFile& o
             return false;
 
         // The old file read is the file as it was before the reading, and still is.
-        return PatchIntoMemory(old.bytes(), patchFd.fd, newSize, made.newFile, nullptr, &_stop) ==
-                   BspatchResult::Success &&
+        return PatchIntoMemory(old.bytes(), patchFd.fd, newSize, made.newFile, nullptr, &_stop,
+                               false) == BspatchResult::Success &&
                ::stat(patch.oldFile.c_str(), &made.oldIdentity) == 0 &&
                MD5cksum::sameFileState(before, made.oldIdentity);
     } catch (const std::bad_alloc&) {

@@ -61,6 +61,8 @@ public:
     size_t made() const { return _made.load(); }
 
     static constexpr size_t kBytesAhead = kPatchedInMemoryLimit;
+    // New files checksummed together at most (one per SIMD lane of Md5Lanes).
+    static constexpr size_t kCheckedTogether = 8;
 
 private:
     enum class State { Waiting, Making, Made, Dropped };
@@ -85,6 +87,7 @@ private:
     bool _started = false;            // an entry runs
     size_t _bytesHeld = 0;            // new files made or being made, not yet taken
     std::atomic<bool> _stop{false};
+    std::atomic<int> _waiting{0}; // entries waiting for a new file being made
     std::atomic<size_t> _made{0};
     std::thread _thread;
 };
