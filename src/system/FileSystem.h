@@ -51,6 +51,10 @@ public:
     [[nodiscard]] virtual bool removeFolder(const std::string& path) = 0;
     // Removes a file or a link (not what it points to).
     [[nodiscard]] virtual bool removeFile(const std::string& path) = 0;
+    // Removes the files and links of folder that names name (no folder among them), as
+    // removeFile would one by one; false (errno set) at the first that cannot be removed.
+    [[nodiscard]] virtual bool removeFilesIn(const std::string& folder,
+                                             const std::vector<std::string>& names);
     // rename(2): replaces an existing target atomically.
     [[nodiscard]] virtual bool rename(const std::string& from, const std::string& to) = 0;
     [[nodiscard]] virtual bool link(const std::string& existing, const std::string& newPath) = 0;
@@ -114,6 +118,7 @@ public:
     bool makeFolder(const std::string& path, mode_t mode) override;
     bool removeFolder(const std::string& path) override;
     bool removeFile(const std::string& path) override;
+    bool removeFilesIn(const std::string& folder, const std::vector<std::string>& names) override;
     bool rename(const std::string& from, const std::string& to) override;
     bool link(const std::string& existing, const std::string& newPath) override;
     bool symlink(const std::string& content, const std::string& path) override;
@@ -190,6 +195,7 @@ public:
     bool makeFolder(const std::string& path, mode_t mode) override;
     bool removeFolder(const std::string& path) override;
     bool removeFile(const std::string& path) override;
+    bool removeFilesIn(const std::string& folder, const std::vector<std::string>& names) override;
     bool rename(const std::string& from, const std::string& to) override;
     bool link(const std::string& existing, const std::string& newPath) override;
     bool symlink(const std::string& content, const std::string& path) override;

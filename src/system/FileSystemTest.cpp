@@ -52,6 +52,7 @@ TEST_F(ConfinedFileSystemTest, NoCallFollowsALinkBelowAConfinedFolder) {
     expectRefused(files.openForWriting(through + "secret").valid(), "openForWriting");
     expectRefused(files.openForReading(through + "secret").valid(), "openForReading");
     expectRefused(files.removeFile(through + "secret"), "removeFile");
+    expectRefused(files.removeFilesIn(app + "/Contents/Linked", {"secret"}), "removeFilesIn");
     expectRefused(files.makeFolder(through + "folder", 0755), "makeFolder");
     expectRefused(files.rename(app + "/Contents/Resources/inside.txt", through + "moved"),
                   "rename into");
@@ -93,6 +94,31 @@ TEST_F(ConfinedFileSystemTest, NoCallFollowsALinkBelowAConfinedFolder) {
     EXPECT_TRUE(files.listFolder(app + "/Contents").has_value());
     EXPECT_TRUE(files.syncFolder(app + "/Contents/New"));
     EXPECT_TRUE(files.removeFolder(app + "/Contents/New"));
+}
+
+TEST_F(ConfinedFileSystemTest, ManyFilesOfAFolderAreRemovedThroughOneHandleOnIt) {
+    const FileSystemConfinement confinement({app});
+    const std::string folder = app + "/Contents/Resources";
+    std::vector<std::string> names = {"to-outside"}; // a link goes as a link
+    for (int i = 0; i < 20; ++i) {
+        names.push_back("file" + std::to_string(i));
+        WriteTextFile(folder + "/" + names.back(), "contents");
+    }
+    EXPECT_TRUE(files.removeFilesIn(folder, names));
+    for (const std::string& name : names)
+        EXPECT_FALSE(fs::exists(fs::symlink_status(folder + "/" + name))) << name;
+    EXPECT_TRUE(fs::exists(folder + "/inside.txt"));
+    EXPECT_EQ(ReadTextFile(outside + "/secret"), "outside");
+
+    // A name that is not one name of the folder is refused; the names before it are gone.
+    WriteTextFile(folder + "/first", "first");
+    EXPECT_FALSE(files.removeFilesIn(folder, {"first", "../Resources/inside.txt"}));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(fs::exists(folder + "/first"));
+    EXPECT_TRUE(fs::exists(folder + "/inside.txt"));
+    // A missing one fails with its error.
+    EXPECT_FALSE(files.removeFilesIn(folder, {"missing"}));
+    EXPECT_EQ(errno, ENOENT);
 }
 
 TEST_F(ConfinedFileSystemTest, TheFirstNamesOfAFolderAreSomeOfItsNames) {

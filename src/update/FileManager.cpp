@@ -9,7 +9,6 @@
 #include "update/FileOperationInfo.h"
 #include "update/MD5cksum.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -215,28 +214,39 @@ bool FileManager::removeItem(const std::string& path) const {
     const auto entries = _fs->listFolder(path);
     if (!entries)
         return false;
-    // A large folder (the backups of a large update, an unpacked payload) is emptied by two
-    // threads: freeing the removed files' pages takes as long as the calls themselves.
-    const size_t half = entries->size() >= kEntriesForTwoThreads ? entries->size() / 2 : 0;
-    std::atomic<bool> failed{false};
-    auto removeFrom = [&](size_t begin, size_t end) {
-        for (size_t index = begin; index < end && !failed.load(); ++index) {
-            if (!removeItem(JoinPath(path, (*entries)[index])))
-                failed = true;
-        }
-    };
-    std::thread second;
-    if (half > 0) {
-        try {
-            second = std::thread(removeFrom, half, entries->size());
-        } catch (const std::system_error&) {
-            removeFrom(half, entries->size()); // no thread to spare
-        }
+    // Files and links go with one handle on the folder; folders one by one, emptied first.
+    std::vector<std::string> files;
+    std::vector<std::string> folders;
+    for (const std::string& name : *entries) {
+        struct stat entry {};
+        const bool folder =
+            ::lstat(JoinPath(path, name).c_str(), &entry) == 0 && S_ISDIR(entry.st_mode);
+        (folder ? folders : files).push_back(name);
     }
-    removeFrom(0, half > 0 ? half : entries->size());
-    if (second.joinable())
-        second.join();
-    return !failed.load() && _fs->removeFolder(path);
+    // Many files (the backups of a large update, an unpacked payload) are removed by two
+    // threads: freeing the removed files' pages takes as long as the calls themselves.
+    bool removed = true;
+    if (files.size() >= kEntriesForTwoThreads) {
+        const auto middle = files.begin() + static_cast<std::ptrdiff_t>(files.size() / 2);
+        const std::vector<std::string> second(middle, files.end());
+        files.erase(middle, files.end());
+        bool secondRemoved = false;
+        std::thread other;
+        try {
+            other = std::thread([&] { secondRemoved = _fs->removeFilesIn(path, second); });
+        } catch (const std::system_error&) {
+            secondRemoved = _fs->removeFilesIn(path, second); // no thread to spare
+        }
+        removed = _fs->removeFilesIn(path, files);
+        if (other.joinable())
+            other.join();
+        removed = removed && secondRemoved;
+    } else {
+        removed = _fs->removeFilesIn(path, files);
+    }
+    for (const std::string& name : folders)
+        removed = removed && removeItem(JoinPath(path, name));
+    return removed && _fs->removeFolder(path);
 }
 
 bool FileManager::moveItem(const std::string& source, const std::string& target) const {

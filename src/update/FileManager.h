@@ -49,7 +49,7 @@ public:
     void removeTemporaryOf(const std::string& destination) const;
     // Removes a file, a link (not what it points to) or a folder with all it holds.
     [[nodiscard]] bool removeItem(const std::string& path) const;
-    // A folder with this many entries or more is emptied by two threads.
+    // A folder with this many files or more has them removed by two threads.
     static constexpr size_t kEntriesForTwoThreads = 256;
     // Renames, or copies and removes across file systems. Fails when the target exists.
     [[nodiscard]] bool moveItem(const std::string& source, const std::string& target) const;
