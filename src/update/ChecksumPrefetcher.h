@@ -17,7 +17,8 @@
 // Nothing here decides anything. A checksum worked out ahead is handed to MD5cksum's memory
 // of files, which answers with it only while the file is still the one that was read (same
 // device, inode, size and times); a file an earlier entry changes, or one the prefetcher
-// guessed wrong, is simply read again when its entry asks.
+// guessed wrong, is simply read again when its entry asks. An entry that asks for a file
+// while it is being read here waits for that read (MD5cksum::ReadingAhead).
 class ChecksumPrefetcher {
 public:
     // The files of each entry, in the order the entries run, read at most entriesAhead
@@ -39,7 +40,9 @@ public:
     // Entries whose files were read ahead, for the tests.
     size_t entriesDone() const { return _done.load(); }
 
-    static constexpr size_t kEntriesAhead = 32;
+    // Far enough that a file of many megabytes, read in one lane among many, is done before
+    // its entry comes; near enough that what is remembered for them stays remembered.
+    static constexpr size_t kEntriesAhead = 128;
     // Before the file set starts (while the payload is unpacked) the installed files are
     // read this far: as many as MD5cksum remembers, with room for those of the running
     // entries.

@@ -88,7 +88,7 @@ bool FileManager::copyRegularFile(const std::string& source, const std::string& 
     struct stat opened {};
     if (rememberChecksum && ::fstat(in.get(), &opened) == 0 &&
         MD5cksum::sameFileState(sourceInfo, opened))
-        known = MD5cksum::rememberedChecksumOfFile(source, opened);
+        known = MD5cksum::awaitedChecksumOfFile(source, opened);
     if (rememberChecksum && !known)
         digest.emplace();
     FileSystem::CopyObserver observe;

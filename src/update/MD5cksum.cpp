@@ -7,12 +7,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <fcntl.h>
 #include <iterator>
 #include <list>
 #include <mutex>
 #include <sys/stat.h>
 #include <unordered_map>
+#include <unordered_set>
 
 namespace {
 
@@ -44,6 +46,9 @@ std::mutex gRememberedMutex;
 std::list<RememberedChecksum> gRemembered;
 std::unordered_map<std::string, RememberedEntry> gRememberedByPath;
 std::unordered_map<FileKey, RememberedEntry, FileKeyHash> gRememberedByFile;
+// The paths being read ahead now, and the signal that one of those reads ended.
+std::unordered_set<std::string> gReadingAhead;
+std::condition_variable gReadAheadEnded;
 
 FileKey KeyOf(const struct stat& info) {
     return {info.st_dev, info.st_ino};
@@ -73,6 +78,45 @@ std::optional<std::string> MD5cksum::rememberedChecksumOfFile(const std::string&
         MD5cksum::sameFileState(found->second->identity, current))
         return found->second->digest;
     return std::nullopt;
+}
+
+std::optional<std::string> MD5cksum::awaitedChecksumOfFile(const std::string& path,
+                                                           const struct stat& identity) {
+    if (auto remembered = rememberedChecksumOfFile(path, identity))
+        return remembered;
+    {
+        std::unique_lock lock(gRememberedMutex);
+        if (!gReadingAhead.count(path))
+            return std::nullopt;
+        gReadAheadEnded.wait(lock, [&] { return !gReadingAhead.count(path); });
+    }
+    return rememberedChecksumOfFile(path, identity);
+}
+
+MD5cksum::ReadingAhead::ReadingAhead(ReadingAhead&& other) noexcept
+    : _path(std::exchange(other._path, {})) {}
+
+MD5cksum::ReadingAhead& MD5cksum::ReadingAhead::operator=(ReadingAhead&& other) noexcept {
+    if (this != &other) {
+        end();
+        _path = std::exchange(other._path, {});
+    }
+    return *this;
+}
+
+MD5cksum::ReadingAhead::~ReadingAhead() {
+    end();
+}
+
+void MD5cksum::ReadingAhead::end() {
+    if (_path.empty())
+        return;
+    {
+        const std::lock_guard lock(gRememberedMutex);
+        gReadingAhead.erase(_path);
+    }
+    _path.clear();
+    gReadAheadEnded.notify_all();
 }
 
 bool MD5cksum::sameFileState(const struct stat& a, const struct stat& b) {
@@ -110,10 +154,16 @@ std::optional<MD5cksum::FileAhead> MD5cksum::openFileAhead(const std::string& pa
         rememberedChecksumOfFile(path, found))
         return std::nullopt;
     FileAhead file{
-        path, UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)), {}};
+        path, UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)), {}, {}};
     if (!file.fd.valid() || ::fstat(file.fd.get(), &file.before) != 0 ||
         !S_ISREG(file.before.st_mode) || rememberedChecksumOfFile(path, file.before))
         return std::nullopt;
+    {
+        const std::lock_guard lock(gRememberedMutex);
+        if (!gReadingAhead.insert(path).second)
+            return std::nullopt; // another thread reads it already
+    }
+    file.reading = ReadingAhead(path);
     return file;
 }
 
@@ -151,7 +201,7 @@ std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::
         NSLevelledLog(3, "File does not exist");
         return std::nullopt;
     }
-    if (auto remembered = rememberedChecksumOfFile(*path, info))
+    if (auto remembered = awaitedChecksumOfFile(*path, info))
         return logChecksumOfFile(*path, remembered);
     const UniqueFd fd = fileSystem.openForReading(*path);
     if (!fd.valid())

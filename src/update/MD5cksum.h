@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <utility>
 
 class FileSystem;
 
@@ -33,7 +34,7 @@ public:
     // the last few thousand files are kept (a few hundred bytes each): those of the running
     // file operation and its journal entry, and those worked out ahead of it
     // (ChecksumPrefetcher), even before the file set starts.
-    static constexpr size_t kRememberedFiles = 4096;
+    static constexpr size_t kRememberedFiles = 16384;
     static void rememberChecksumOfFile(const std::string& path, const struct stat& identity,
                                        const std::string& digest);
 
@@ -41,13 +42,33 @@ public:
     // regular file, cannot be read, changed while it was read, or stop was set meanwhile.
     // For work done ahead.
     static bool rememberChecksumOfFileAhead(const std::string& path, const std::atomic<bool>& stop);
+    // Marks a path as being read ahead for as long as it lives: asked for that file meanwhile,
+    // getMD5cksumOfFile waits for the read to end instead of reading the file a second time.
+    class ReadingAhead {
+    public:
+        ReadingAhead() = default;
+        ReadingAhead(ReadingAhead&& other) noexcept;
+        ReadingAhead& operator=(ReadingAhead&& other) noexcept;
+        ReadingAhead(const ReadingAhead&) = delete;
+        ReadingAhead& operator=(const ReadingAhead&) = delete;
+        ~ReadingAhead();
+
+    private:
+        friend class MD5cksum;
+        explicit ReadingAhead(std::string path) : _path(std::move(path)) {}
+        void end();
+        std::string _path; // empty once ended or moved from
+    };
+
     // The same in two steps, for files checksummed together (Md5Lanes): a regular file opened
-    // for it, or nothing when the path is no regular file or its checksum is remembered
-    // already; then its digest, remembered when the file did not change while it was read.
+    // for it, or nothing when the path is no regular file, its checksum is remembered
+    // already or it is being read ahead already; then its digest, remembered when the file
+    // did not change while it was read.
     struct FileAhead {
         std::string path;
         UniqueFd fd;
         struct stat before {};
+        ReadingAhead reading;
     };
     [[nodiscard]] static std::optional<FileAhead> openFileAhead(const std::string& path);
     static bool rememberChecksumOfFileAhead(const FileAhead& file,
@@ -57,6 +78,10 @@ public:
     // taken now) shows it. Logs nothing.
     [[nodiscard]] static std::optional<std::string>
     rememberedChecksumOfFile(const std::string& path, const struct stat& identity);
+    // The same, and when the file is being read ahead on another thread right now, its
+    // checksum once that read ends (nothing if the file changed meanwhile).
+    [[nodiscard]] static std::optional<std::string>
+    awaitedChecksumOfFile(const std::string& path, const struct stat& identity);
 
     // True when two fstat/stat results show the same file with the same contents as far as
     // the file system tells: device, inode, size, modification and change times.

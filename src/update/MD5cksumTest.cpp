@@ -2,11 +2,14 @@
 
 #include "TestSupport.h"
 #include "runtime/Environment.h"
+#include "system/FileSystem.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <fcntl.h>
+#include <future>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -132,6 +135,42 @@ TEST_F(MD5cksumTest, AFileReadOnceIsKnownUnderEachOfItsNames) {
     // A change through either name is seen.
     WriteTextFile(otherLink, "changed, and longer than before\n");
     EXPECT_EQ(MD5cksum::getMD5cksumOfFile(other), Md5sum(otherLink));
+}
+
+TEST_F(MD5cksumTest, AFileBeingReadAheadIsWaitedForAndNotReadTwice) {
+    const std::string path = _dir.file("big");
+    WriteTextFile(path, RandomText(3 * 1024 * 1024, 9));
+    auto ahead = MD5cksum::openFileAhead(path);
+    ASSERT_TRUE(ahead);
+    // While it is being read ahead, no second read of it starts.
+    EXPECT_FALSE(MD5cksum::openFileAhead(path));
+
+    FaultInjectingFileSystem counting;
+    auto asked =
+        std::async(std::launch::async, [&] { return MD5cksum::getMD5cksumOfFile(path, counting); });
+    EXPECT_EQ(asked.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout)
+        << "answered before the read ahead ended";
+    EXPECT_TRUE(MD5cksum::rememberChecksumOfFileAhead(*ahead, std::string("read ahead")));
+    ahead.reset();
+    EXPECT_EQ(asked.get(), "read ahead");
+    EXPECT_EQ(counting.calls(), 0u);
+}
+
+TEST_F(MD5cksumTest, AReadAheadThatEndsWithoutADigestLetsTheFileBeReadOnce) {
+    const std::string path = _dir.file("dropped");
+    WriteTextFile(path, "dropped read\n");
+    auto ahead = MD5cksum::openFileAhead(path);
+    ASSERT_TRUE(ahead);
+    FaultInjectingFileSystem counting;
+    auto asked =
+        std::async(std::launch::async, [&] { return MD5cksum::getMD5cksumOfFile(path, counting); });
+    EXPECT_EQ(asked.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    ahead.reset(); // a stopped prefetcher drops its reads
+    EXPECT_EQ(asked.get(), Md5sum(path));
+    EXPECT_EQ(counting.calls(), 1u);
+    // Ended, the file can be read ahead again once it changes.
+    WriteTextFile(path, "changed since, and longer\n");
+    EXPECT_TRUE(MD5cksum::openFileAhead(path));
 }
 
 TEST_F(MD5cksumTest, FollowsSymbolicLinks) {
