@@ -7,6 +7,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <sys/sendfile.h>
 #include <sys/statvfs.h>
@@ -24,6 +25,19 @@ bool CopyThroughMemory(int in, int out, const FileSystem::CopyObserver& observe)
             observe(data, size);
         return WriteAll(out, data, size);
     });
+}
+
+// The last name of `to` when it lies in the same folder as `from` (same path up to the last
+// slash), so that one handle on that folder serves both; else nothing.
+std::optional<std::string> NameInSameFolder(const std::string& from, const std::string& to) {
+    const size_t slash = from.rfind('/');
+    if (slash == std::string::npos || slash != to.rfind('/') || slash + 1 >= from.size() ||
+        slash + 1 >= to.size() || from.compare(0, slash, to, 0, slash) != 0)
+        return std::nullopt;
+    std::string name = to.substr(slash + 1);
+    if (name == "." || name == "..")
+        return std::nullopt;
+    return name;
 }
 
 } // namespace
@@ -225,6 +239,8 @@ bool RealFileSystem::rename(const std::string& from, const std::string& to) {
     const Place source = place(from);
     if (source.at == -1)
         return false;
+    if (const auto name = source.confined ? NameInSameFolder(from, to) : std::nullopt)
+        return ::renameat(source.at, source.name.c_str(), source.at, name->c_str()) == 0;
     const Place target = place(to);
     return target.at != -1 &&
            ::renameat(source.at, source.name.c_str(), target.at, target.name.c_str()) == 0;
@@ -234,6 +250,8 @@ bool RealFileSystem::link(const std::string& existing, const std::string& newPat
     const Place source = place(existing);
     if (source.at == -1)
         return false;
+    if (const auto name = source.confined ? NameInSameFolder(existing, newPath) : std::nullopt)
+        return ::linkat(source.at, source.name.c_str(), source.at, name->c_str(), 0) == 0;
     const Place target = place(newPath);
     return target.at != -1 &&
            ::linkat(source.at, source.name.c_str(), target.at, target.name.c_str(), 0) == 0;

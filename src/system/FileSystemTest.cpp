@@ -121,6 +121,30 @@ TEST_F(ConfinedFileSystemTest, ManyFilesOfAFolderAreRemovedThroughOneHandleOnIt)
     EXPECT_EQ(errno, ENOENT);
 }
 
+TEST_F(ConfinedFileSystemTest, ARenameOrLinkWithinOneFolderGoesThroughOneHandleOnIt) {
+    const FileSystemConfinement confinement({app});
+    const std::string folder = app + "/Contents/Resources";
+    WriteTextFile(folder + "/.orvel-new.inside.txt", "new inside");
+    EXPECT_TRUE(files.rename(folder + "/.orvel-new.inside.txt", folder + "/inside.txt"));
+    EXPECT_EQ(ReadTextFile(folder + "/inside.txt"), "new inside");
+    EXPECT_TRUE(files.link(folder + "/inside.txt", folder + "/second name"));
+    EXPECT_EQ(fs::hard_link_count(folder + "/inside.txt"), 2u);
+    // A last name that is a link is renamed as the link.
+    EXPECT_TRUE(files.rename(folder + "/to-outside", folder + "/still-to-outside"));
+    EXPECT_TRUE(fs::is_symlink(fs::symlink_status(folder + "/still-to-outside")));
+    EXPECT_EQ(ReadTextFile(outside + "/secret"), "outside");
+    // The folder is still opened without following a link on the way.
+    const std::string through = app + "/Contents/Linked";
+    EXPECT_FALSE(files.rename(through + "/secret", through + "/moved"));
+    EXPECT_FALSE(files.link(through + "/secret", through + "/linked"));
+    EXPECT_TRUE(fs::exists(outside + "/secret"));
+    EXPECT_FALSE(fs::exists(outside + "/moved"));
+    EXPECT_FALSE(fs::exists(outside + "/linked"));
+    // A last name that climbs out is no name in the folder.
+    EXPECT_FALSE(files.rename(folder + "/inside.txt", folder + "/.."));
+    EXPECT_EQ(ReadTextFile(folder + "/inside.txt"), "new inside");
+}
+
 TEST_F(ConfinedFileSystemTest, TheFirstNamesOfAFolderAreSomeOfItsNames) {
     const FileSystemConfinement confinement({app});
     const std::string folder = app + "/Contents/Many";

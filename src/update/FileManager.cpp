@@ -128,6 +128,8 @@ bool FileManager::copyRegularFile(const std::string& source, const std::string& 
 
 bool FileManager::copyItem(const std::string& source, const std::string& destination, bool sync,
                            bool rememberChecksum) const {
+    if (const auto held = PayloadFiles::find(source))
+        return copyHeldFile(*held, destination, sync, rememberChecksum);
     struct stat info {};
     if (::lstat(source.c_str(), &info) != 0)
         return false;
@@ -138,6 +140,37 @@ bool FileManager::copyItem(const std::string& source, const std::string& destina
     if (!S_ISREG(info.st_mode))
         return false;
     return copyRegularFile(source, destination, info, sync, rememberChecksum);
+}
+
+bool FileManager::copyHeldFile(const PayloadFiles::File& held, const std::string& destination,
+                               bool sync, bool rememberChecksum) const {
+    UniqueFd out = _fs->createFile(destination, 0600);
+    if (!out.valid())
+        return false;
+    auto discard = [&] {
+        const int error = errno;
+        out.reset();
+        (void)_fs->removeFile(destination);
+        errno = error;
+        return false;
+    };
+    if ((held.size > 0 && !_fs->write(out.get(), held.bytes.get(), held.size)) ||
+        !_fs->setModeOfFile(out.get(), held.mode))
+        return discard();
+    (void)_fs->setTimesOfFile(out.get(), held.times);
+    if (sync && !_fs->syncFile(out.get(), true))
+        return discard();
+    struct stat copyInfo {};
+    const bool remember = rememberChecksum && ::fstat(out.get(), &copyInfo) == 0;
+    if (!_fs->close(out)) {
+        const int error = errno;
+        (void)_fs->removeFile(destination);
+        errno = error;
+        return false;
+    }
+    if (remember)
+        MD5cksum::rememberChecksumOfFile(destination, copyInfo, held.checksum);
+    return true;
 }
 
 std::string FileManager::TemporaryPathFor(const std::string& destination) {
@@ -355,13 +388,26 @@ bool FileManager::setAttribute(const std::string& path, mode_t mode,
         NSLevelledLog(0, "Cannot read the attributes of \"%@\": %@", path, std::strerror(errno));
         return false;
     }
+    return setAttributeOf(path, current, mode, userName, groupName);
+}
+
+bool FileManager::setAttributeOf(const std::string& path, const struct stat& current, mode_t mode,
+                                 const std::optional<std::string>& userName,
+                                 const std::optional<std::string>& groupName) const {
     const bool isLink = S_ISLNK(current.st_mode);
+    // Giving a file the owner it has is skipped, unless that would keep set-user-ID or
+    // set-group-ID bits that the change clears and no mode sets again.
+    const bool ownerChangeKeepsMode =
+        mode != 0 || isLink || (current.st_mode & (S_ISUID | S_ISGID)) == 0;
+    bool ownerChanged = false;
     bool ok = true;
     // A name this machine does not know leaves that attribute as it is (logged); only a
     // change the disk refuses is a failure.
     if (userName) {
         const auto uid = UserIdOf(*userName);
-        const bool set = uid && _fs->setOwner(path, *uid, static_cast<gid_t>(-1));
+        const bool unchanged = uid && *uid == current.st_uid && ownerChangeKeepsMode;
+        const bool set = unchanged || (uid && _fs->setOwner(path, *uid, static_cast<gid_t>(-1)));
+        ownerChanged = ownerChanged || !unchanged;
         if (!set) {
             NSLevelledLog(0, "Failed to set owner \"%@\" on \"%@\"", *userName, path);
             ok = ok && !uid;
@@ -369,14 +415,17 @@ bool FileManager::setAttribute(const std::string& path, mode_t mode,
     }
     if (groupName) {
         const auto gid = GroupIdOf(*groupName);
-        const bool set = gid && _fs->setOwner(path, static_cast<uid_t>(-1), *gid);
+        const bool unchanged = gid && *gid == current.st_gid && ownerChangeKeepsMode;
+        const bool set = unchanged || (gid && _fs->setOwner(path, static_cast<uid_t>(-1), *gid));
+        ownerChanged = ownerChanged || !unchanged;
         if (!set) {
             NSLevelledLog(0, "Failed to set group \"%@\" on \"%@\"", *groupName, path);
             ok = ok && !gid;
         }
     }
     // The mode goes last: changing the owner clears the set-user-ID and set-group-ID bits.
-    if (mode != 0 && !isLink && !_fs->setMode(path, mode)) {
+    const bool modeHeld = !ownerChanged && (current.st_mode & 07777) == mode;
+    if (mode != 0 && !isLink && !modeHeld && !_fs->setMode(path, mode)) {
         NSLevelledLog(0, "Failed to set permission %o on \"%@\": %@", static_cast<unsigned>(mode),
                       path, std::strerror(errno));
         ok = false;
@@ -406,7 +455,7 @@ bool FileManager::setAttributesOfRecord(const FileOperationInfo& info) const {
         userGiven ? std::optional(info.UserID) : std::optional<std::string>();
     const std::optional<std::string> group =
         groupGiven ? std::optional(info.GroupID) : std::optional<std::string>();
-    return setAttribute(path, mode, user, group); // each failure is logged there
+    return setAttributeOf(path, current, mode, user, group); // each failure is logged there
 }
 
 bool FileManager::touchFile(const std::string& path) const {

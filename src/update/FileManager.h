@@ -1,5 +1,7 @@
 #pragma once
 
+#include "update/PayloadFiles.h"
+
 #include <map>
 #include <optional>
 #include <string>
@@ -72,7 +74,8 @@ public:
     // an id when no account has that name), then the mode (when non-zero). True when every
     // change the disk was asked for was made (each failure logged; a name unknown to this
     // machine leaves that attribute as it is and is no failure). A symbolic link keeps its mode
-    // (links have none of their own) and gets the owner and group itself.
+    // (links have none of their own) and gets the owner and group itself. What the file has
+    // already is not set again.
     [[nodiscard]] bool setAttribute(const std::string& path, mode_t mode,
                                     const std::optional<std::string>& userName,
                                     const std::optional<std::string>& groupName) const;
@@ -88,9 +91,16 @@ public:
     static std::string ResolveSymlinksInPath(const std::string& path);
 
 private:
+    // setAttribute with the path's lstat taken already.
+    [[nodiscard]] bool setAttributeOf(const std::string& path, const struct stat& current,
+                                      mode_t mode, const std::optional<std::string>& userName,
+                                      const std::optional<std::string>& groupName) const;
     [[nodiscard]] bool copyRegularFile(const std::string& source, const std::string& destination,
                                        const struct stat& sourceInfo, bool sync,
                                        bool rememberChecksum) const;
+    // A copy of a payload file held in memory: written in one call, its checksum known.
+    [[nodiscard]] bool copyHeldFile(const PayloadFiles::File& held, const std::string& destination,
+                                    bool sync, bool rememberChecksum) const;
 
     FileSystem* _fs;
     // One existing folder on each file system with noted changes, and the folders noted

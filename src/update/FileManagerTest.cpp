@@ -50,3 +50,31 @@ TEST(FileManagerRemove, AFailedRemovalInEitherHalfFailsTheFolder) {
         EXPECT_EQ(ReadTextFile(dir.file("outside.txt")), "keep me");
     }
 }
+
+TEST(FileManagerAttributes, WhatAFileHasAlreadyIsNotSetAgain) {
+    TempDir dir;
+    const std::string file = dir.file("program");
+    WriteTextFile(file, "#!/bin/sh\n");
+    ASSERT_EQ(::chmod(file.c_str(), 0755), 0);
+    FaultInjectingFileSystem counting;
+    const FileManager files(counting);
+    // The mode, owner and group it has: no call at all.
+    EXPECT_TRUE(files.setAttribute(file, 0755, "root", "root"));
+    EXPECT_EQ(counting.calls(), 0u);
+    // Another mode is set.
+    EXPECT_TRUE(files.setAttribute(file, 0700, std::nullopt, std::nullopt));
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_all);
+    EXPECT_EQ(counting.calls(), 1u);
+    // Giving a set-user-ID program its own owner still clears that bit, as a real change of
+    // owner does, when no mode is given to set afterwards.
+    ASSERT_EQ(::chmod(file.c_str(), 04755), 0);
+    EXPECT_TRUE(files.setAttribute(file, 0, "root", std::nullopt));
+    struct stat info {};
+    ASSERT_EQ(::stat(file.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0755u);
+    // With the mode given, it ends as given.
+    ASSERT_EQ(::chmod(file.c_str(), 04755), 0);
+    EXPECT_TRUE(files.setAttribute(file, 04755, "root", "root"));
+    ASSERT_EQ(::stat(file.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 04755u);
+}

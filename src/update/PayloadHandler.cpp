@@ -1,11 +1,13 @@
 #include "update/PayloadHandler.h"
 
 #include "base/FileUtil.h"
+#include "base/Md5Lanes.h"
 #include "base/Path.h"
 #include "runtime/CommonUtility.h"
 #include "runtime/LoggerUtility.h"
 #include "system/FileSystem.h"
 #include "update/FileManager.h"
+#include "update/PayloadFiles.h"
 
 #include <algorithm>
 #include <archive.h>
@@ -14,11 +16,14 @@
 #include <cstring>
 #include <fcntl.h>
 #include <libdeflate.h>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <unordered_set>
 #include <vector>
 #include <zlib.h>
 
@@ -252,8 +257,11 @@ std::string ErrorOf(archive* handle) {
 // them get the manifest's owners later anyway.
 class PayloadWriter {
 public:
-    PayloadWriter(FileSystem& fileSystem, std::string folder)
-        : _fs(fileSystem), _folder(std::move(folder)) {}
+    // The regular files named in heldNames (names below the folder) are held in memory
+    // (PayloadFiles) rather than written, as long as they fit in what may be held.
+    PayloadWriter(FileSystem& fileSystem, std::string folder,
+                  const std::unordered_set<std::string>* heldNames = nullptr)
+        : _fs(fileSystem), _folder(std::move(folder)), _heldNames(heldNames) {}
 
     // Writes one entry, its data read from in; false with a reason when it cannot be
     // written safely and whole.
@@ -277,6 +285,10 @@ public:
         case AE_IFLNK:
             return writeSymbolicLink(entry, path, reason);
         default:
+            if (_heldNames && _heldNames->count(relative) && archive_entry_size_is_set(entry) &&
+                archive_entry_size(entry) >= 0 &&
+                static_cast<uint64_t>(archive_entry_size(entry)) <= roomToHold())
+                return holdFile(in, entry, path, reason);
             return writeFile(in, entry, path, reason);
         }
     }
@@ -284,6 +296,7 @@ public:
     // Gives the folders their modes and times, deepest first, when nothing more goes into
     // them.
     [[nodiscard]] bool finish(std::string& reason) {
+        holdFiles();
         std::sort(_folders.begin(), _folders.end(),
                   [](const Fixup& a, const Fixup& b) { return a.path > b.path; });
         for (const Fixup& folder : _folders) {
@@ -352,6 +365,10 @@ private:
     // itself, never what it points to). A folder there stays for a folder entry (then
     // *folderThere is set) and refuses any other.
     bool clearPlace(const std::string& path, bool* folderThere, std::string& reason) {
+        if (const auto held = _held.find(path); held != _held.end()) {
+            _heldBytes -= held->second.size;
+            _held.erase(held);
+        }
         struct stat info {};
         if (::lstat(path.c_str(), &info) != 0)
             return errno == ENOENT || failed(path, reason);
@@ -408,6 +425,8 @@ private:
         if (!confine(target, relativeTarget, reason))
             return false;
         const std::string existing = _folder + "/" + relativeTarget;
+        if (!writeOutHeld(existing, reason))
+            return false;
         struct stat info {};
         if (relativeTarget.empty() || ::lstat(existing.c_str(), &info) != 0 ||
             !S_ISREG(info.st_mode) || !makeParents(relativeTarget, reason)) {
@@ -457,13 +476,92 @@ private:
         return true;
     }
 
+    uint64_t roomToHold() const {
+        const uint64_t elsewhere = PayloadFiles::heldBytes();
+        const uint64_t used = elsewhere + _heldBytes;
+        return used >= PayloadFiles::kHeldBytes ? 0 : PayloadFiles::kHeldBytes - used;
+    }
+
+    // Reads a regular file's data into memory, to be held once the whole payload is read.
+    bool holdFile(archive* in, archive_entry* entry, const std::string& path, std::string& reason) {
+        if (!clearPlace(path, nullptr, reason))
+            return false;
+        PayloadFiles::File file;
+        file.size = static_cast<size_t>(archive_entry_size(entry));
+        auto bytes = std::make_shared_for_overwrite<uint8_t[]>(std::max<size_t>(file.size, 1));
+        size_t end = 0;
+        for (;;) {
+            const void* data = nullptr;
+            size_t size = 0;
+            la_int64_t offset = 0;
+            const int rc = archive_read_data_block(in, &data, &size, &offset);
+            if (rc == ARCHIVE_EOF)
+                break;
+            if (rc < ARCHIVE_WARN) {
+                reason = "\"" + _entryName + "\": " + ErrorOf(in);
+                return false;
+            }
+            if (offset < 0 || static_cast<uint64_t>(offset) > file.size ||
+                size > file.size - static_cast<size_t>(offset)) {
+                reason = "\"" + _entryName + "\": more data than the entry's size";
+                return false;
+            }
+            const auto at = static_cast<size_t>(offset);
+            if (at > end)
+                std::memset(bytes.get() + end, 0, at - end); // a hole
+            if (size > 0)
+                std::memcpy(bytes.get() + at, data, size);
+            end = std::max(end, at + size);
+        }
+        if (end < file.size)
+            std::memset(bytes.get() + end, 0, file.size - end);
+        file.bytes = std::move(bytes);
+        file.mode = modeOf(entry);
+        timesOf(entry, file.times);
+        _heldBytes += file.size;
+        _held.insert_or_assign(path, std::move(file));
+        return true;
+    }
+
+    // A file held so far is written to the folder after all (another entry links to it).
+    bool writeOutHeld(const std::string& path, std::string& reason) {
+        const auto held = _held.find(path);
+        if (held == _held.end())
+            return true;
+        const PayloadFiles::File file = std::move(held->second);
+        _heldBytes -= file.size;
+        _held.erase(held);
+        UniqueFd fd = _fs.createFile(path, 0600);
+        if (!fd.valid() || (file.size > 0 && !_fs.write(fd.get(), file.bytes.get(), file.size)) ||
+            !_fs.setModeOfFile(fd.get(), file.mode) || !_fs.setTimesOfFile(fd.get(), file.times) ||
+            !_fs.close(fd))
+            return failed(path, reason);
+        return true;
+    }
+
+    // The files read into memory get their checksums, several at a time, and are held.
+    void holdFiles() {
+        std::vector<std::string_view> contents;
+        contents.reserve(_held.size());
+        for (const auto& [path, file] : _held)
+            contents.emplace_back(reinterpret_cast<const char*>(file.bytes.get()), file.size);
+        const std::vector<std::string> checksums = Md5OfAll(contents);
+        size_t index = 0;
+        for (auto& [path, file] : _held) {
+            file.checksum = checksums[index++];
+            PayloadFiles::hold(path, std::move(file));
+        }
+        _held.clear();
+        _heldBytes = 0;
+    }
+
     // The archive's permission bits; set-user-ID and set-group-ID only when the archive's
     // owner or group is the patcher's, as the file stays the patcher's.
-    static mode_t modeOf(archive_entry* entry) {
+    mode_t modeOf(archive_entry* entry) const {
         mode_t mode = archive_entry_perm(entry) & 07777;
-        if (archive_entry_uid(entry) != static_cast<la_int64_t>(::geteuid()))
+        if (archive_entry_uid(entry) != static_cast<la_int64_t>(_user))
             mode &= ~static_cast<mode_t>(S_ISUID);
-        if (archive_entry_gid(entry) != static_cast<la_int64_t>(::getegid()))
+        if (archive_entry_gid(entry) != static_cast<la_int64_t>(_group))
             mode &= ~static_cast<mode_t>(S_ISGID);
         return mode;
     }
@@ -486,14 +584,20 @@ private:
 
     FileSystem& _fs;
     const std::string _folder;
+    const std::unordered_set<std::string>* _heldNames;
+    std::map<std::string, PayloadFiles::File> _held; // read, held once the payload is whole
+    uint64_t _heldBytes = 0;
     std::string _entryName;
     std::vector<Fixup> _folders;
+    const uid_t _user = ::geteuid(); // the patcher's, whose files these become
+    const gid_t _group = ::getegid();
 };
 
 // Extracts every entry of the archive into targetFolder; false with a reason at the first
 // entry that cannot be extracted safely and whole.
 bool ExtractArchive(const std::string& archivePath, const std::string& targetFolder,
-                    FileSystem& fileSystem, const PayloadLimits& limits, std::string& reason) {
+                    FileSystem& fileSystem, const PayloadLimits& limits,
+                    const std::unordered_set<std::string>* heldNames, std::string& reason) {
     ArchiveReader in(archive_read_new());
     if (!in) {
         reason = "out of memory";
@@ -528,7 +632,7 @@ bool ExtractArchive(const std::string& archivePath, const std::string& targetFol
         return tooLarge(*declared);
     gzip.limitUnpackedSize(std::min(limits.bytes, *room));
 
-    PayloadWriter writer(fileSystem, WithoutTrailingSlashes(targetFolder));
+    PayloadWriter writer(fileSystem, WithoutTrailingSlashes(targetFolder), heldNames);
     uint64_t entries = 0;
     uint64_t declaredBytes = 0;
     for (;;) {
@@ -571,7 +675,9 @@ bool ExtractArchive(const std::string& archivePath, const std::string& targetFol
 
 int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
                                     const std::string& targetFolder, FileSystem& fileSystem,
-                                    const PayloadLimits& limits) {
+                                    const PayloadLimits& limits,
+                                    const std::unordered_set<std::string>* heldNames) {
+    PayloadFiles::forgetBelow(targetFolder);
     NSFormatLogWithHeading(3, "SETUP for Update");
     const std::string archivePath = JoinPath(archiveFolder, kPayloadArchiveName);
     NSLevelledLog(3, "Extracting updater files ...");
@@ -588,7 +694,7 @@ int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
             NSLevelledLog(0, "Cannot make the working folder %@: %@", targetFolder,
                           std::string(std::strerror(errno)));
         std::string reason;
-        if (!ExtractArchive(archivePath, targetFolder, fileSystem, limits, reason)) {
+        if (!ExtractArchive(archivePath, targetFolder, fileSystem, limits, heldNames, reason)) {
             // Half a payload is worse than none: the manifest would mix new and missing
             // files. An empty folder makes every source show up as missing.
             NSLevelledLog(0, "Failed to extract \"%@\": %@", archivePath, reason);
@@ -617,6 +723,7 @@ bool PayloadHandler::WorkingFolderIsSafe(const std::string& folder) {
 }
 
 int32_t PayloadHandler::cleanupDir(const std::string& folder, FileSystem& fileSystem) {
+    PayloadFiles::forgetBelow(folder);
     NSFormatLogWithHeading(3, "TEARDOWN for Update");
     NSLevelledLog(3, "Cleanup \"%@\".", folder);
     if (!WorkingFolderIsSafe(folder))

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_set>
 
 class FileSystem;
 
@@ -36,11 +37,17 @@ public:
     // declares exceeds the free space of targetFolder, and while it is read when the sizes
     // its entries declare do, when it inflates past the free space or limits.bytes, or when
     // it holds more than limits.entries entries.
+    //
+    // The regular files whose names (relative to targetFolder) are in heldNames are held in
+    // memory instead (PayloadFiles), with their checksums, within PayloadFiles::kHeldBytes;
+    // they are held only once the whole payload is unpacked.
     static int32_t extractFile(const std::string& archiveFolder, const std::string& targetFolder,
                                FileSystem& fileSystem,
-                               const PayloadLimits& limits = PayloadLimits());
+                               const PayloadLimits& limits = PayloadLimits(),
+                               const std::unordered_set<std::string>* heldNames = nullptr);
 
-    // Removes folder and everything in it through fileSystem (symbolic links are removed,
+    // Lets go of the files held for folder, and removes folder and everything in it through
+    // fileSystem (symbolic links are removed,
     // never followed). 0 when it was removed, 1 when not ("Remove operation failed.", or a
     // parent that fails WorkingFolderIsSafe: then nothing is touched).
     [[nodiscard]] static int32_t cleanupDir(const std::string& folder, FileSystem& fileSystem);

@@ -4,6 +4,9 @@
 #include "runtime/Environment.h"
 #include "runtime/LoggerUtility.h"
 #include "system/FileSystem.h"
+#include "update/FileManager.h"
+#include "update/MD5cksum.h"
+#include "update/PayloadFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -151,6 +154,65 @@ TEST_F(PayloadHandlerTest, ExtractsArchivesOfEveryCpioFormatOfGnuCpio) {
         EXPECT_EQ(Snapshot(_payload), expected);
         ASSERT_EQ(PayloadHandler::cleanupDir(_payload, RealFileSystem::instance()), 0);
     }
+}
+
+// The files that entries only copy are held in memory, with their checksums, modes and
+// times, and a copy of one is the file it would have been on disk; the rest is unpacked.
+TEST_F(PayloadHandlerTest, FilesNamedToBeHeldStayInMemoryAndCopyAsFromDisk) {
+    MakeSampleTree();
+    MakePayload(_stage, "find .");
+    const std::string tool = "App.app/Contents/MacOS/tool";
+    const std::unordered_set<std::string> held = {"private", "empty", "hard1", tool, "missing"};
+    FaultInjectingFileSystem counting;
+    ASSERT_EQ(PayloadHandler::extractFile(_resources, _payload, counting, PayloadLimits(), &held),
+              0);
+    auto unpacked = Snapshot(_stage);
+    // hard2 is a hard link to hard1 in the archive: hard1 is written out for it after all.
+    for (const std::string name : {"private", "empty", tool.c_str()})
+        EXPECT_EQ(unpacked.erase(name), 1u) << name;
+    EXPECT_EQ(Snapshot(_payload), unpacked);
+    for (const std::string name : {"private", "empty", tool.c_str()}) {
+        SCOPED_TRACE(name);
+        const std::string path = _payload + "/" + name;
+        EXPECT_FALSE(fs::exists(fs::symlink_status(path)));
+        const auto file = PayloadFiles::find(path);
+        ASSERT_TRUE(file);
+        EXPECT_EQ(file->checksum, *MD5cksum::getMD5cksumOfFile(_stage + "/" + name));
+        // Copied, it is the file the archive carries: bytes, mode and modification time.
+        const std::string copy = _root.file("copy-" + std::to_string(file->size));
+        LogCapture quiet;
+        ASSERT_TRUE(FileManager(counting).copyItem(path, copy, true, true));
+        EXPECT_EQ(ReadTextFile(copy), ReadTextFile(_stage + "/" + name));
+        struct stat original {
+        }, copied{};
+        ASSERT_EQ(::stat((_stage + "/" + name).c_str(), &original), 0);
+        ASSERT_EQ(::stat(copy.c_str(), &copied), 0);
+        EXPECT_EQ(copied.st_mode, original.st_mode);
+        EXPECT_EQ(copied.st_mtim.tv_sec, original.st_mtim.tv_sec);
+        // Its checksum is known without reading it.
+        EXPECT_EQ(MD5cksum::rememberedChecksumOfFile(copy, copied), file->checksum);
+    }
+    EXPECT_FALSE(PayloadFiles::find(_payload + "/hard1"));
+    EXPECT_EQ(ReadTextFile(_payload + "/hard1"), "hard linked\n");
+    // Cleaning up lets go of them.
+    ASSERT_EQ(PayloadHandler::cleanupDir(_payload, RealFileSystem::instance()), 0);
+    EXPECT_FALSE(PayloadFiles::find(_payload + "/private"));
+    EXPECT_EQ(PayloadFiles::heldBytes(), 0u);
+}
+
+// A payload refused part way holds nothing, as it leaves nothing on disk.
+TEST_F(PayloadHandlerTest, ARefusedPayloadHoldsNothing) {
+    WriteTextFile(_stage + "/good", "good\n");
+    ASSERT_EQ(::symlink("/etc", (_stage + "/link").c_str()), 0);
+    MakePayload(_stage, "printf 'good\nlink\nlink/passwd\n'");
+    const std::unordered_set<std::string> held = {"good"};
+    LogCapture log;
+    ASSERT_EQ(PayloadHandler::extractFile(_resources, _payload, RealFileSystem::instance(),
+                                          PayloadLimits(), &held),
+              0);
+    EXPECT_EQ(FailureLines(log).size(), 1u) << log.text();
+    EXPECT_FALSE(PayloadFiles::find(_payload + "/good"));
+    EXPECT_EQ(PayloadFiles::heldBytes(), 0u);
 }
 
 TEST_F(PayloadHandlerTest, LogsTheSetupAndReplacesAnEarlierPayload) {

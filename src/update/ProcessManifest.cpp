@@ -22,6 +22,7 @@
 #include "update/FileManager.h"
 #include "update/MD5cksum.h"
 #include "update/ManifestConfinement.h"
+#include "update/PayloadFiles.h"
 #include "update/PayloadHandler.h"
 #include "update/RollBackHandler.h"
 
@@ -105,11 +106,13 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
         _earlyPrefetcher = std::make_unique<ChecksumPrefetcher>(
             filesToChecksumAhead(entries, dirToken, _appPath, {}),
             ChecksumPrefetcher::kEntriesBeforeStart, true);
+        _payloadFilesToHold = payloadFilesToHold(root);
     }
     if (_environment.recorder)
         _environment.recorder->progress("extracting", 0, 0,
                                         JoinPath(_resourceDir, "Payload.cpio.gz"));
-    (void)PayloadHandler::extractFile(_resourceDir, _payloadDir, fileSystem());
+    (void)PayloadHandler::extractFile(_resourceDir, _payloadDir, fileSystem(), PayloadLimits(),
+                                      &_payloadFilesToHold);
     if (_environment.state) {
         _backupDir = _environment.record.backupFolder;
     } else {
@@ -505,8 +508,12 @@ ProcessManifest::filesToChecksumAhead(const std::vector<XmlNode>& entries,
             continue;
         const auto operation = SingleValue(node, "./Operation").value_or("");
         const auto objectName = SingleValue(node, "./ObjectName");
-        if (objectName && !EqualsIgnoringCase(operation, "PATCH"))
-            entry.push_back(JoinPath(payloadDir, *objectName));
+        // A payload file held in memory has its checksum already.
+        if (objectName && !EqualsIgnoringCase(operation, "PATCH")) {
+            std::string source = JoinPath(payloadDir, *objectName);
+            if (!PayloadFiles::find(source))
+                entry.push_back(std::move(source));
+        }
     }
     return files;
 }
@@ -522,6 +529,26 @@ std::optional<std::string> ProcessManifest::defaultPathOf(const XmlNode& entry, 
         return std::nullopt;
     return dirToken.expandedPath(JoinPath(nodes.front().attribute("dir").value_or(""), *name),
                                  appPath);
+}
+
+std::unordered_set<std::string> ProcessManifest::payloadFilesToHold(const XmlNode& root) {
+    // Only plain names: a name with folders in it could name the same file in two ways.
+    std::unordered_set<std::string> copied;
+    std::unordered_set<std::string> otherwiseUsed;
+    for (const XmlNode& node : Select(root, "//*[ObjectName]")) {
+        const auto name = SingleValue(node, "./ObjectName");
+        if (!name)
+            continue;
+        const std::string operation = SingleValue(node, "./Operation").value_or("");
+        const bool plain =
+            !name->empty() && *name != "." && *name != ".." && name->find('/') == std::string::npos;
+        const bool onlyCopied =
+            EqualsIgnoringCase(operation, "ADD") || EqualsIgnoringCase(operation, "OVERWRITE");
+        (plain && onlyCopied ? copied : otherwiseUsed).insert(*name);
+    }
+    for (const std::string& name : otherwiseUsed)
+        copied.erase(name);
+    return copied;
 }
 
 std::vector<std::optional<PatchPrefetcher::Patch>>

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 class ChecksumPrefetcher;
@@ -105,6 +106,9 @@ public:
     static std::optional<std::string> defaultPathOf(const XmlNode& entry, const char* field,
                                                     const DirTokenResolver& dirToken,
                                                     const std::string& appPath);
+    // The payload files that entries only copy into the installation (ADD and OVERWRITE
+    // name them, nothing else does): these are held in memory rather than unpacked.
+    static std::unordered_set<std::string> payloadFilesToHold(const XmlNode& root);
     // For each file entry, the patch it is likely to apply (from its default name).
     static std::vector<std::optional<PatchPrefetcher::Patch>>
     patchesToMakeAhead(const WorkDictionary& work);
@@ -177,6 +181,7 @@ private:
     // Reads the installed files' checksums while the payload is unpacked and the services
     // stop; the file set's own prefetcher takes over.
     std::unique_ptr<ChecksumPrefetcher> _earlyPrefetcher;
+    std::unordered_set<std::string> _payloadFilesToHold;
     bool _isProcessingRollback = false;
     bool _isSilentInstall = false;
     int totalNodesCount = 0;
