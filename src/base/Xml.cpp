@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <unordered_map>
 
 namespace {
 
@@ -136,6 +137,27 @@ struct XPathObjectDeleter {
     void operator()(xmlXPathObjectPtr o) const { xmlXPathFreeObject(o); }
 };
 using XPathObject = std::unique_ptr<xmlXPathObject, XPathObjectDeleter>;
+struct XPathCompiledDeleter {
+    void operator()(xmlXPathCompExprPtr c) const { xmlXPathFreeCompExpr(c); }
+};
+using XPathCompiled = std::unique_ptr<xmlXPathCompExpr, XPathCompiledDeleter>;
+
+// The few expressions the manifest walk asks again for every entry, compiled once per
+// thread. An expression that does not compile is not kept, so that its errors are reported
+// each time it is asked for.
+constexpr size_t kCompiledExpressions = 256;
+
+xmlXPathCompExprPtr Compiled(xmlXPathContextPtr context, const std::string& expression) {
+    thread_local std::unordered_map<std::string, XPathCompiled> compiled;
+    if (const auto found = compiled.find(expression); found != compiled.end())
+        return found->second.get();
+    XPathCompiled made(xmlXPathCtxtCompile(context, BAD_CAST expression.c_str()));
+    if (!made)
+        return nullptr;
+    if (compiled.size() >= kCompiledExpressions)
+        compiled.clear();
+    return compiled.emplace(expression, std::move(made)).first->second.get();
+}
 
 XPathObject Evaluate(const XmlDocumentHandle& doc, xmlNodePtr node, const std::string& expression,
                      const XPathVariables& variables, std::vector<XmlError>* errors) {
@@ -157,7 +179,8 @@ XPathObject Evaluate(const XmlDocumentHandle& doc, xmlNodePtr node, const std::s
         xmlXPathRegisterVariable(context.get(), BAD_CAST name.c_str(),
                                  xmlXPathNewString(BAD_CAST value.c_str()));
     }
-    XPathObject result(xmlXPathEvalExpression(BAD_CAST expression.c_str(), context.get()));
+    xmlXPathCompExprPtr compiled = Compiled(context.get(), expression);
+    XPathObject result(compiled ? xmlXPathCompiledEval(compiled, context.get()) : nullptr);
     xmlXPathRegisteredVariablesCleanup(context.get());
     context->doc = nullptr;
     context->node = nullptr;

@@ -43,6 +43,9 @@ public:
     // Far enough that a file of many megabytes, read in one lane among many, is done before
     // its entry comes; near enough that what is remembered for them stays remembered.
     static constexpr size_t kEntriesAhead = 128;
+    // The thread is woken when this many entries have started since (fewer when it reads
+    // only a few entries ahead).
+    static constexpr size_t kEntriesPerWakeUp = 16;
     // Before the file set starts (while the payload is unpacked) the installed files are
     // read this far: as many as MD5cksum remembers, with room for those of the running
     // entries.
@@ -56,6 +59,7 @@ private:
     std::mutex _mutex;
     std::condition_variable _moved;
     const size_t _entriesAhead;
+    const size_t _entriesPerWakeUp; // at most an eighth of the entries ahead
     size_t _current = 0;            // the entry running now
     bool _started;                  // an entry runs: read only after it
     std::atomic<bool> _stop{false}; // set under _mutex; also read while a file is read
