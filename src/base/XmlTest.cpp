@@ -126,10 +126,32 @@ TEST(XmlTest, XPathErrorsAreReported) {
     EXPECT_TRUE(nodes.empty());
     ASSERT_FALSE(errors.empty());
     EXPECT_NE(errors.front().code, 0);
-    // An undefined variable is an error too, not a silent empty string.
-    errors.clear();
-    XmlDocument::root(doc).select("/Root[@a = $missing]", {}, &errors);
-    EXPECT_FALSE(errors.empty());
+    // Asked again, it is reported again.
+    std::vector<XmlError> again;
+    XmlDocument::root(doc).select("/Root[", {}, &again);
+    EXPECT_EQ(again.size(), errors.size());
+    // An undefined variable is an error too, not a silent empty string, each time: an
+    // expression is kept compiled, its variables are looked up as it runs.
+    for (int time = 0; time < 2; ++time) {
+        errors.clear();
+        XmlDocument::root(doc).select("/Root[@a = $missing]", {}, &errors);
+        EXPECT_FALSE(errors.empty());
+    }
+}
+
+TEST(XmlTest, AnExpressionKeptCompiledAnswersForEachDocumentAndNode) {
+    auto first = XmlDocument::parseMemory("<a><b>one</b><b>two</b></a>");
+    auto second = XmlDocument::parseMemory("<a><b>three</b></a>");
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(XmlDocument::root(first.document).select("./b").size(), 2u);
+        const auto nodes = XmlDocument::root(second.document).select("./b");
+        ASSERT_EQ(nodes.size(), 1u);
+        EXPECT_EQ(nodes[0].stringValue(), "three");
+        EXPECT_EQ(XmlDocument::root(first.document).select("./b").at(1).select("string(.)").size(),
+                  0u);
+        EXPECT_EQ(XmlDocument::root(first.document).select("./b").at(1).evaluateString("string(.)"),
+                  "two");
+    }
 }
 
 TEST(XmlTest, NodesKeepTheirDocumentAlive) {
