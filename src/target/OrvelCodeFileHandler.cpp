@@ -1,5 +1,6 @@
 #include "target/OrvelCodeFileHandler.h"
 
+#include "base/FileUtil.h"
 #include "base/Format.h"
 #include "base/Path.h"
 #include "base/Xml.h"
@@ -185,65 +186,153 @@ int OrvelCodeFileHandler::getPatcherModeAndInstalledAppBuildVersion(
     return finish(mode);
 }
 
-bool OrvelCodeFileHandler::createOCPatchFile() {
-    if (!CanAddressFile(ocPatchFilePath) || !MakeFolders(ParentPath(ocPatchFilePath)))
-        return false;
+XmlDocumentHandle OrvelCodeFileHandler::newHistoryDocument() const {
     XmlDocumentHandle document = XmlDocument::create("PBSHistory");
     if (!document)
-        return false;
+        return nullptr;
     XmlNode root = XmlDocument::root(document);
     root.setAttribute("ProductName", ProductName.value_or(""));
     root.setAttribute("ProductFamily", ProductFamily.value_or(""));
     root.setAttribute("tsInstalled", tsInstalled);
     root.setAttribute("tsModified", tsModified);
+    return document;
+}
+
+bool OrvelCodeFileHandler::createOCPatchFile() {
+    if (!CanAddressFile(ocPatchFilePath) || !MakeFolders(ParentPath(ocPatchFilePath)))
+        return false;
+    XmlDocumentHandle document = newHistoryDocument();
     // Whole or not at all: a half-written history would refuse every later entry.
-    return XmlDocument::save(document, ocPatchFilePath, true);
+    return document && XmlDocument::save(document, ocPatchFilePath, true);
 }
 
 bool OrvelCodeFileHandler::addPatcherEntry(const std::string& manifestPath,
                                            const std::optional<std::string>& saveAs) {
-    if (!CanAddressFile(ocPatchFilePath)) {
-        NSLevelledLog(0, "Can't create an URL from file path %@.", ocPatchFilePath);
-        return false;
+    return addPatcherEntry(manifestPath, saveAs, std::nullopt);
+}
+
+namespace {
+
+bool SameFile(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+           a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+} // namespace
+
+std::optional<OrvelCodeFileHandler::PreparedEntry>
+OrvelCodeFileHandler::preparePatcherEntry(const std::string& manifestPath) const {
+    PreparedEntry prepared;
+    prepared.manifestPath = manifestPath;
+    if (::stat(manifestPath.c_str(), &prepared.manifest) != 0)
+        return std::nullopt;
+    // A missing history is made when the entry is added, as a new one is.
+    prepared.historyMissing = ::stat(ocPatchFilePath.c_str(), &prepared.history) != 0;
+    if (prepared.historyMissing && errno != ENOENT)
+        return std::nullopt;
+    XmlDocumentHandle history;
+    if (prepared.historyMissing) {
+        history = newHistoryDocument();
+    } else {
+        XmlParseResult parsed =
+            XmlDocument::parseFile(ocPatchFilePath, XmlParseMode::StrictThenRecover);
+        if (parsed.errors.empty())
+            history = std::move(parsed.document);
     }
-    if (!PathExistsNoFollow(ocPatchFilePath) && !createOCPatchFile()) {
-        NSLevelledLog(0, "Failed to create Patch file");
+    const XmlParseResult manifest =
+        XmlDocument::parseFile(manifestPath, XmlParseMode::StrictThenRecover);
+    if (!history || !manifest.errors.empty() || !manifest.document)
+        return std::nullopt;
+    auto text = historyWithEntry(history, manifest.document);
+    if (!text || !stillAsPrepared(prepared))
+        return std::nullopt;
+    prepared.text = std::move(*text);
+    return prepared;
+}
+
+bool OrvelCodeFileHandler::stillAsPrepared(const PreparedEntry& prepared) const {
+    struct stat history {
+    }, manifest{};
+    if (::stat(prepared.manifestPath.c_str(), &manifest) != 0 ||
+        !SameFile(manifest, prepared.manifest))
         return false;
-    }
-    XmlDocumentHandle history = ParseWithoutErrors(ocPatchFilePath);
-    if (!history)
-        return false;
+    if (::stat(ocPatchFilePath.c_str(), &history) != 0)
+        return prepared.historyMissing && errno == ENOENT;
+    return !prepared.historyMissing && SameFile(history, prepared.history);
+}
+
+std::optional<std::string>
+OrvelCodeFileHandler::historyWithEntry(const XmlDocumentHandle& history,
+                                       const XmlDocumentHandle& manifest) const {
     XmlNode root = XmlDocument::root(history);
     // Only the history of the current installation is ever edited.
-    if (root.select(kCurrentHistoryQuery, {{"tsInstalled", tsInstalled}}).size() != 1) {
-        NSLevelledLog(0, "Patch file is out of date.");
-        return false;
-    }
+    if (root.select(kCurrentHistoryQuery, {{"tsInstalled", tsInstalled}}).size() != 1)
+        return std::nullopt;
     const size_t childCount = root.childElements().size();
-
-    NSLevelledLog(3, "%@", manifestPath);
-    if (!CanAddressFile(manifestPath)) {
-        NSLevelledLog(0, "Can't create an URL from file path %@.", manifestPath);
-        return false;
-    }
-    XmlDocumentHandle manifest = ParseWithoutErrors(manifestPath);
-    if (!manifest)
-        return false;
-
     XmlNode patcher = root.addChild("Patcher");
     patcher.setAttribute("SequenceID", std::to_string(childCount + 1));
     patcher.setAttribute("PatcherID", patcherID.value_or(""));
     patcher.addChild("OldVersion", InstVer);
     patcher.addChild("NewVersion", PatchNewVer.value_or(""));
     if (!patcher.addCopyOf(XmlDocument::root(manifest)))
-        return false;
-
+        return std::nullopt;
     // Only the indentation goes, so that the pretty-printed file indents old and new
     // entries alike.
     root.removeIndentation();
-    std::string error;
+    std::string text = XmlDocument::toXmlString(history);
+    if (text.empty())
+        return std::nullopt;
+    return text;
+}
+
+bool OrvelCodeFileHandler::addPatcherEntry(const std::string& manifestPath,
+                                           const std::optional<std::string>& saveAs,
+                                           const std::optional<PreparedEntry>& prepared) {
+    if (!CanAddressFile(ocPatchFilePath)) {
+        NSLevelledLog(0, "Can't create an URL from file path %@.", ocPatchFilePath);
+        return false;
+    }
     const std::string& target = saveAs ? *saveAs : ocPatchFilePath;
-    if (!XmlDocument::save(history, target, true, &error)) {
+    if (prepared && prepared->manifestPath == manifestPath && stillAsPrepared(*prepared) &&
+        CanAddressFile(manifestPath)) {
+        if (prepared->historyMissing && !createOCPatchFile()) {
+            NSLevelledLog(0, "Failed to create Patch file");
+            return false;
+        }
+        NSLevelledLog(3, "%@", manifestPath);
+        std::string error;
+        if (!WriteFileAtomically(target, prepared->text, &error)) {
+            NSLevelledLog(0, "Failed to write Patch file %@: %@", target, error);
+            return false;
+        }
+        return true;
+    }
+    if (!PathExistsNoFollow(ocPatchFilePath) && !createOCPatchFile()) {
+        NSLevelledLog(0, "Failed to create Patch file");
+        return false;
+    }
+    XmlDocumentHandle historyDocument = ParseWithoutErrors(ocPatchFilePath);
+    if (!historyDocument)
+        return false;
+    // Only the history of the current installation is ever edited.
+    if (XmlDocument::root(historyDocument)
+            .select(kCurrentHistoryQuery, {{"tsInstalled", tsInstalled}})
+            .size() != 1) {
+        NSLevelledLog(0, "Patch file is out of date.");
+        return false;
+    }
+    NSLevelledLog(3, "%@", manifestPath);
+    if (!CanAddressFile(manifestPath)) {
+        NSLevelledLog(0, "Can't create an URL from file path %@.", manifestPath);
+        return false;
+    }
+    XmlDocumentHandle manifestDocument = ParseWithoutErrors(manifestPath);
+    if (!manifestDocument)
+        return false;
+    const auto text = historyWithEntry(historyDocument, manifestDocument);
+    std::string error = "the document could not be serialised";
+    if (!text || !WriteFileAtomically(target, *text, &error)) {
         NSLevelledLog(0, "Failed to write Patch file %@: %@", target, error);
         return false;
     }

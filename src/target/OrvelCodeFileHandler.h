@@ -1,11 +1,13 @@
 #pragma once
 
+#include "base/Xml.h"
 #include "runtime/PlatformPaths.h"
 
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
 
 // The patch-history file of one installation: root "PBSHistory" (attributes ProductName,
 // ProductFamily, tsInstalled, tsModified) with one "Patcher" element per applied patch
@@ -64,6 +66,25 @@ public:
     // left as it is for the caller to replace.
     [[nodiscard]] bool addPatcherEntry(const std::string& manifestPath,
                                        const std::optional<std::string>& saveAs = std::nullopt);
+
+    // The new history with that entry added, made ahead (on another thread while the
+    // update runs: the manifest's copy and the writing out take a while for a large
+    // manifest) without a log line or a change on disk. Nothing when the history is missing
+    // or unreadable or not the current installation's. addPatcherEntry writes it as it is
+    // while the history file and the manifest are still those it was made from (same
+    // device, inode, size and times), and otherwise makes the entry itself.
+    struct PreparedEntry {
+        std::string manifestPath;
+        std::string text;
+        bool historyMissing = false; // made from a new history, as none was there
+        struct stat history {};
+        struct stat manifest {};
+    };
+    [[nodiscard]] std::optional<PreparedEntry>
+    preparePatcherEntry(const std::string& manifestPath) const;
+    [[nodiscard]] bool addPatcherEntry(const std::string& manifestPath,
+                                       const std::optional<std::string>& saveAs,
+                                       const std::optional<PreparedEntry>& prepared);
     // Moves the file to the first free "<path>_backup<n>", n from 1; true when moved.
     [[nodiscard]] bool removeOutOfDatePatchFile();
     // Deletes every file with the extension "patch" in the folder and below. False when a
@@ -77,6 +98,15 @@ public:
     const std::string& getInstVer() const { return InstVer; }
 
 private:
+    // A history holding no entry yet.
+    XmlDocumentHandle newHistoryDocument() const;
+    // Whether the history and the manifest are still those prepared was made from.
+    bool stillAsPrepared(const PreparedEntry& prepared) const;
+    // The history document with this patch's entry added (manifest copied in), written out;
+    // nothing when the document is not the current installation's history.
+    std::optional<std::string> historyWithEntry(const XmlDocumentHandle& history,
+                                                const XmlDocumentHandle& manifest) const;
+
     int patcherMode = kModeNotPatchable;
     std::string tsInstalled;
     std::string tsModified;

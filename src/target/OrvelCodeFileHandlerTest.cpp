@@ -475,3 +475,72 @@ TEST_F(OrvelCodeFileHandlerTest, RemovesEveryPatchFileBelowAFolder) {
 }
 
 } // namespace
+
+// The entry made ahead is the very file the entry made at the end would be, and it is used
+// only while the history and the manifest are those it was made from.
+TEST_F(OrvelCodeFileHandlerTest, AnEntryMadeAheadIsWrittenOnlyWhileItsFilesAreUnchanged) {
+    buildThreeEntryHistory();
+    const std::string history = ReadTextFile(_history);
+    const std::string next = manifest("1.4");
+    OrvelCodeFileHandler run = handler(S("1.3"), S("1.4"));
+    S found;
+    ASSERT_EQ(run.getPatcherModeAndInstalledAppBuildVersion(found), 0);
+
+    // Made ahead, nothing is logged and nothing changes on disk.
+    LogCapture quiet;
+    const auto prepared = run.preparePatcherEntry(next);
+    ASSERT_TRUE(prepared);
+    EXPECT_TRUE(quiet.lines().empty()) << quiet.text();
+    EXPECT_EQ(ReadTextFile(_history), history);
+
+    const std::string madeAtTheEnd = _dir.file("at-the-end");
+    const std::string madeAhead = _dir.file("ahead");
+    LogCapture atTheEnd;
+    ASSERT_TRUE(run.addPatcherEntry(next, madeAtTheEnd, std::nullopt));
+    LogCapture ahead;
+    ASSERT_TRUE(run.addPatcherEntry(next, madeAhead, prepared));
+    EXPECT_EQ(ReadTextFile(madeAhead), ReadTextFile(madeAtTheEnd));
+    EXPECT_EQ(ahead.lines(), atTheEnd.lines());
+
+    // A manifest changed since is copied afresh.
+    WriteTextFile(next, Manifest("1.4-changed"));
+    ASSERT_TRUE(run.addPatcherEntry(next, madeAhead, prepared));
+    EXPECT_NE(ReadTextFile(madeAhead).find("1.4-changed"), std::string::npos);
+    // So is a history changed since: here one that no longer is the installation's.
+    WriteTextFile(_history, "<PBSHistory tsInstalled=\"1\"/>\n");
+    LogCapture refused;
+    EXPECT_FALSE(run.addPatcherEntry(next, madeAhead, prepared));
+    EXPECT_EQ(refused.lines(), Lines{"Patch file is out of date."});
+    // Nothing is made ahead from a foreign or unreadable history.
+    EXPECT_FALSE(run.preparePatcherEntry(next));
+    WriteTextFile(_history, "<PBSHistory");
+    EXPECT_FALSE(run.preparePatcherEntry(next));
+}
+
+TEST_F(OrvelCodeFileHandlerTest,
+       AnEntryMadeAheadOfAFirstPatchMakesTheHistoryAsTheEntryAtTheEndDoes) {
+    OrvelCodeFileHandler run = handler(S("1.0"), S("1.1"));
+    S found;
+    ASSERT_EQ(run.getPatcherModeAndInstalledAppBuildVersion(found), 0);
+    ASSERT_FALSE(FileExists(_history));
+    const std::string next = manifest("1.1");
+    const auto prepared = run.preparePatcherEntry(next);
+    ASSERT_TRUE(prepared);
+    EXPECT_FALSE(FileExists(_history)); // nothing on disk yet
+
+    const std::string madeAhead = _dir.file("ahead");
+    LogCapture ahead;
+    ASSERT_TRUE(run.addPatcherEntry(next, madeAhead, prepared));
+    const std::string bareHistory = ReadTextFile(_history);
+    ASSERT_EQ(::unlink(_history.c_str()), 0);
+    const std::string madeAtTheEnd = _dir.file("at-the-end");
+    LogCapture atTheEnd;
+    ASSERT_TRUE(run.addPatcherEntry(next, madeAtTheEnd, std::nullopt));
+    EXPECT_EQ(ReadTextFile(madeAhead), ReadTextFile(madeAtTheEnd));
+    EXPECT_EQ(ReadTextFile(_history), bareHistory);
+    EXPECT_EQ(ahead.lines(), atTheEnd.lines());
+    // Made for a missing history, it is not used once a history is there.
+    const std::string other = _dir.file("other");
+    ASSERT_TRUE(run.addPatcherEntry(next, other, prepared));
+    EXPECT_EQ(ReadTextFile(other), ReadTextFile(madeAtTheEnd));
+}

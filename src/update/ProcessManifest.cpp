@@ -252,6 +252,7 @@ std::string ProcessManifest::performUpdate(WorkDictionary& work, ThreadWorker* w
             return kPermanentError;
         }
     }
+    prepareHistoryAhead();
     _serviceHandler->stopServices();
     if (_environment.state && !_serviceHandler->restartServices().empty()) {
         _environment.record.stoppedServices = _serviceHandler->restartServices();
@@ -755,6 +756,23 @@ void ProcessManifest::longTaskFinished(const std::string& result) {
     _environment.loop->terminate(0);
 }
 
+void ProcessManifest::prepareHistoryAhead() {
+    OrvelCodeFileHandler* history = _environment.history;
+    if (!history || !_environment.state)
+        return;
+    const int mode = history->getPatcherMode();
+    if (mode != OrvelCodeFileHandler::kModeInstall && mode != OrvelCodeFileHandler::kModeComboPatch)
+        return;
+    // Made from a copy of what the history knows, so the thread holds nothing of the run.
+    try {
+        _historyAhead = std::async(std::launch::async, [copy = *history, manifest = _manifestFile] {
+            return copy.preparePatcherEntry(manifest);
+        });
+    } catch (const std::system_error&) {
+        // No thread to spare: the entry is made when the update commits.
+    }
+}
+
 bool ProcessManifest::commit() {
     OrvelCodeFileHandler* history = _environment.history;
     const int mode = history ? history->getPatcherMode() : -1;
@@ -776,7 +794,10 @@ bool ProcessManifest::commit() {
     _historyUpdate = historyFile + ".orvel-new";
     if (PathExistsNoFollow(_historyUpdate))
         (void)files.removeFile(_historyUpdate);
-    if (!history->addPatcherEntry(_manifestFile, _historyUpdate))
+    std::optional<OrvelCodeFileHandler::PreparedEntry> prepared;
+    if (_historyAhead.valid())
+        prepared = _historyAhead.get();
+    if (!history->addPatcherEntry(_manifestFile, _historyUpdate, prepared))
         return false;
     if (!files.syncFolder(ParentPath(historyFile))) {
         NSLevelledLog(0, "Cannot sync the folder of %@: %@", historyFile,

@@ -3,10 +3,12 @@
 #include "base/Xml.h"
 #include "runtime/PlatformPaths.h"
 #include "system/ServicesHandler.h"
+#include "target/OrvelCodeFileHandler.h"
 #include "update/CmdInterface.h"
 #include "update/PatchPrefetcher.h"
 #include "update/PatcherState.h"
 
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -109,6 +111,9 @@ public:
     // The payload files that entries only copy into the installation (ADD and OVERWRITE
     // name them, nothing else does): these are held in memory rather than unpacked.
     static std::unordered_set<std::string> payloadFilesToHold(const XmlNode& root);
+    // Starts making the new patch history (OrvelCodeFileHandler::preparePatcherEntry) on
+    // another thread, when this run will record the patch.
+    void prepareHistoryAhead();
     // For each file entry, the patch it is likely to apply (from its default name).
     static std::vector<std::optional<PatchPrefetcher::Patch>>
     patchesToMakeAhead(const WorkDictionary& work);
@@ -189,4 +194,6 @@ private:
     int _exitCode = -1;
     int _rollbackState = -1;
     std::string _historyUpdate; // the new patch history written beside the old one
+    // The new patch history, made on another thread while the entries run.
+    std::future<std::optional<OrvelCodeFileHandler::PreparedEntry>> _historyAhead;
 };
