@@ -71,15 +71,37 @@ std::string ComposeLogLine(std::string_view message) {
     const auto now = system_clock::now();
     const std::time_t seconds = system_clock::to_time_t(now);
     const auto millis = duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
-    std::tm local{};
-    ::localtime_r(&seconds, &local);
-    char stamp[64];
-    std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02d %02d:%02d:%02d.%03lld ",
-                  local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                  local.tm_min, local.tm_sec, static_cast<long long>(millis));
-    std::string line = stamp;
-    line += program_invocation_short_name;
-    line += "[" + std::to_string(ProcessId()) + ":" + std::to_string(ThreadId()) + "] ";
+    // The date and time to the second, made once a second for each thread: the local time
+    // costs more than the rest of a line.
+    thread_local std::time_t stampSecond = -1;
+    thread_local char stamp[32];
+    thread_local size_t stampLength = 0;
+    if (seconds != stampSecond) {
+        std::tm local{};
+        ::localtime_r(&seconds, &local);
+        const int length = std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02d %02d:%02d:%02d.",
+                                         local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+                                         local.tm_hour, local.tm_min, local.tm_sec);
+        stampLength = length > 0 ? std::min(static_cast<size_t>(length), sizeof stamp - 1) : 0;
+        stampSecond = seconds;
+    }
+    const char digits[4] = {static_cast<char>('0' + millis / 100 % 10),
+                            static_cast<char>('0' + millis / 10 % 10),
+                            static_cast<char>('0' + millis % 10), ' '};
+    const std::string_view name = program_invocation_short_name;
+    const std::string process = std::to_string(ProcessId());
+    const std::string thread = std::to_string(ThreadId());
+    std::string line;
+    line.reserve(stampLength + sizeof digits + name.size() + process.size() + thread.size() +
+                 message.size() + 5);
+    line.append(stamp, stampLength);
+    line.append(digits, sizeof digits);
+    line += name;
+    line += '[';
+    line += process;
+    line += ':';
+    line += thread;
+    line += "] ";
     line += message;
     if (line.back() != '\n')
         line += '\n';

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <ctime>
 #include <fcntl.h>
 #include <functional>
 #include <regex>
@@ -115,6 +117,33 @@ TEST_F(LoggerUtilityTest, LinePrefixHasDateTimeProcessAndIds) {
     std::smatch match;
     ASSERT_TRUE(std::regex_match(raw[0], match, prefix)) << raw[0];
     EXPECT_EQ(std::stoi(match[1]), ::getpid());
+}
+
+TEST_F(LoggerUtilityTest, EachLineHasTheTimeItWasWritten) {
+    // The local time of each line, to the second, as strftime gives it then.
+    auto now = [] {
+        const std::time_t seconds = std::time(nullptr);
+        std::tm local{};
+        ::localtime_r(&seconds, &local);
+        char text[32];
+        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+        return std::string(text);
+    };
+    std::vector<std::string> before, after;
+    LogCapture log;
+    for (int line = 0; line < 3; ++line) {
+        before.push_back(now());
+        NSLevelledLog(0, "timed");
+        after.push_back(now());
+        std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    }
+    const auto raw = log.rawLines();
+    ASSERT_EQ(raw.size(), 3u);
+    for (size_t line = 0; line < raw.size(); ++line) {
+        const std::string stamp = raw[line].substr(0, 19);
+        EXPECT_TRUE(stamp == before[line] || stamp == after[line]) << raw[line];
+    }
+    EXPECT_NE(raw.front().substr(0, 19), raw.back().substr(0, 19));
 }
 
 // Standard error, put back where it was at the end of a test that redirects it.
