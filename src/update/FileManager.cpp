@@ -74,13 +74,7 @@ bool FileManager::copyRegularFile(const std::string& source, const std::string& 
     if (!out.valid())
         return false;
     // From here on a failure must not leave a partial file behind.
-    auto discard = [&] {
-        const int error = errno;
-        out.reset();
-        (void)_fs->removeFile(destination);
-        errno = error;
-        return false;
-    };
+    auto discard = [&] { return discardNewFile(out, destination); };
     // Both ends hold the bytes copied, so their checksum is known while neither changes:
     // taken from the source when it is known already, else computed on the way.
     std::optional<std::string> known;
@@ -142,18 +136,20 @@ bool FileManager::copyItem(const std::string& source, const std::string& destina
     return copyRegularFile(source, destination, info, sync, rememberChecksum);
 }
 
+bool FileManager::discardNewFile(UniqueFd& file, const std::string& path) const {
+    const int error = errno;
+    file.reset();
+    (void)_fs->removeFile(path);
+    errno = error;
+    return false;
+}
+
 bool FileManager::copyHeldFile(const PayloadFiles::File& held, const std::string& destination,
                                bool sync, bool rememberChecksum) const {
     UniqueFd out = _fs->createFile(destination, 0600);
     if (!out.valid())
         return false;
-    auto discard = [&] {
-        const int error = errno;
-        out.reset();
-        (void)_fs->removeFile(destination);
-        errno = error;
-        return false;
-    };
+    auto discard = [&] { return discardNewFile(out, destination); };
     if ((held.size > 0 && !_fs->write(out.get(), held.bytes.get(), held.size)) ||
         !_fs->setModeOfFile(out.get(), held.mode))
         return discard();

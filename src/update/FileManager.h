@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/FileUtil.h"
 #include "update/PayloadFiles.h"
 
 #include <map>
@@ -98,6 +99,8 @@ private:
     [[nodiscard]] bool copyRegularFile(const std::string& source, const std::string& destination,
                                        const struct stat& sourceInfo, bool sync,
                                        bool rememberChecksum) const;
+    // Closes and removes a file being made, keeping errno; false.
+    bool discardNewFile(UniqueFd& file, const std::string& path) const;
     // A copy of a payload file held in memory: written in one call, its checksum known.
     [[nodiscard]] bool copyHeldFile(const PayloadFiles::File& held, const std::string& destination,
                                     bool sync, bool rememberChecksum) const;

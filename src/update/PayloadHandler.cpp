@@ -446,24 +446,34 @@ private:
         return writeDataAndAttributes(in, entry, fd, path, reason);
     }
 
-    bool writeDataAndAttributes(archive* in, archive_entry* entry, UniqueFd& fd,
-                                const std::string& path, std::string& reason) {
-        uint64_t end = 0;
+    // Hands each block of the entry's data to take (false stops the reading: false then).
+    template <typename Take> bool readData(archive* in, std::string& reason, Take&& take) {
         for (;;) {
             const void* data = nullptr;
             size_t size = 0;
             la_int64_t offset = 0;
             const int rc = archive_read_data_block(in, &data, &size, &offset);
             if (rc == ARCHIVE_EOF)
-                break;
+                return true;
             if (rc < ARCHIVE_WARN) {
                 reason = "\"" + _entryName + "\": " + ErrorOf(in);
                 return false;
             }
-            if (size > 0 && !_fs.writeAt(fd.get(), data, size, static_cast<uint64_t>(offset)))
-                return failed(path, reason);
-            end = std::max(end, static_cast<uint64_t>(offset) + size);
+            if (!take(data, size, offset))
+                return false;
         }
+    }
+
+    bool writeDataAndAttributes(archive* in, archive_entry* entry, UniqueFd& fd,
+                                const std::string& path, std::string& reason) {
+        uint64_t end = 0;
+        if (!readData(in, reason, [&](const void* data, size_t size, la_int64_t offset) {
+                if (size > 0 && !_fs.writeAt(fd.get(), data, size, static_cast<uint64_t>(offset)))
+                    return failed(path, reason);
+                end = std::max(end, static_cast<uint64_t>(offset) + size);
+                return true;
+            }))
+            return false;
         // A sparse tail is a hole the writes did not reach.
         const auto size = static_cast<uint64_t>(std::max<la_int64_t>(archive_entry_size(entry), 0));
         if (end < size && !_fs.truncate(fd.get(), size))
@@ -490,29 +500,21 @@ private:
         file.size = static_cast<size_t>(archive_entry_size(entry));
         auto bytes = std::make_shared_for_overwrite<uint8_t[]>(std::max<size_t>(file.size, 1));
         size_t end = 0;
-        for (;;) {
-            const void* data = nullptr;
-            size_t size = 0;
-            la_int64_t offset = 0;
-            const int rc = archive_read_data_block(in, &data, &size, &offset);
-            if (rc == ARCHIVE_EOF)
-                break;
-            if (rc < ARCHIVE_WARN) {
-                reason = "\"" + _entryName + "\": " + ErrorOf(in);
-                return false;
-            }
-            if (offset < 0 || static_cast<uint64_t>(offset) > file.size ||
-                size > file.size - static_cast<size_t>(offset)) {
-                reason = "\"" + _entryName + "\": more data than the entry's size";
-                return false;
-            }
-            const auto at = static_cast<size_t>(offset);
-            if (at > end)
-                std::memset(bytes.get() + end, 0, at - end); // a hole
-            if (size > 0)
-                std::memcpy(bytes.get() + at, data, size);
-            end = std::max(end, at + size);
-        }
+        if (!readData(in, reason, [&](const void* data, size_t size, la_int64_t offset) {
+                if (offset < 0 || static_cast<uint64_t>(offset) > file.size ||
+                    size > file.size - static_cast<size_t>(offset)) {
+                    reason = "\"" + _entryName + "\": more data than the entry's size";
+                    return false;
+                }
+                const auto at = static_cast<size_t>(offset);
+                if (at > end)
+                    std::memset(bytes.get() + end, 0, at - end); // a hole
+                if (size > 0)
+                    std::memcpy(bytes.get() + at, data, size);
+                end = std::max(end, at + size);
+                return true;
+            }))
+            return false;
         if (end < file.size)
             std::memset(bytes.get() + end, 0, file.size - end);
         file.bytes = std::move(bytes);
