@@ -1,5 +1,6 @@
 #include "target/OrvelCodeFileHandler.h"
 
+#include "base/FileState.h"
 #include "base/FileUtil.h"
 #include "base/Format.h"
 #include "base/Path.h"
@@ -211,16 +212,6 @@ bool OrvelCodeFileHandler::addPatcherEntry(const std::string& manifestPath,
     return addPatcherEntry(manifestPath, saveAs, std::nullopt);
 }
 
-namespace {
-
-bool SameFile(const struct stat& a, const struct stat& b) {
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
-           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
-           a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
-}
-
-} // namespace
-
 std::optional<OrvelCodeFileHandler::PreparedEntry>
 OrvelCodeFileHandler::preparePatcherEntry(const std::string& manifestPath) const {
     PreparedEntry prepared;
@@ -255,11 +246,11 @@ bool OrvelCodeFileHandler::stillAsPrepared(const PreparedEntry& prepared) const 
     struct stat history {
     }, manifest{};
     if (::stat(prepared.manifestPath.c_str(), &manifest) != 0 ||
-        !SameFile(manifest, prepared.manifest))
+        !SameFileState(manifest, prepared.manifest))
         return false;
     if (::stat(ocPatchFilePath.c_str(), &history) != 0)
         return prepared.historyMissing && errno == ENOENT;
-    return !prepared.historyMissing && SameFile(history, prepared.history);
+    return !prepared.historyMissing && SameFileState(history, prepared.history);
 }
 
 std::optional<std::string>

@@ -1,5 +1,6 @@
 #include "update/MD5cksum.h"
 
+#include "base/FileState.h"
 #include "base/FileUtil.h"
 #include "base/Md5.h"
 #include "runtime/LoggerUtility.h"
@@ -17,10 +18,6 @@
 #include <unordered_set>
 
 namespace {
-
-bool SameTime(const timespec& a, const timespec& b) {
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
 
 // The files whose checksums are known without reading them: a list, newest first, and
 // indexes of it by path and by file (device and inode), so that a file known under one of
@@ -120,8 +117,7 @@ void MD5cksum::ReadingAhead::end() {
 }
 
 bool MD5cksum::sameFileState(const struct stat& a, const struct stat& b) {
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
-           SameTime(a.st_mtim, b.st_mtim) && SameTime(a.st_ctim, b.st_ctim);
+    return SameFileState(a, b);
 }
 
 void MD5cksum::rememberChecksumOfFile(const std::string& path, const struct stat& identity,
