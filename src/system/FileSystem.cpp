@@ -106,6 +106,31 @@ UniqueFd RealFileSystem::createFile(const std::string& path, mode_t mode) {
                              mode));
 }
 
+UniqueFd RealFileSystem::createUnnamedFile(const std::string& folder, mode_t mode) {
+    constexpr int kFlags = O_TMPFILE | O_WRONLY | O_CLOEXEC;
+    // The folder that holds a name in folder is folder, reached as any place is.
+    const Place at = place(JoinPath(folder, "unnamed"));
+    if (!at.confined)
+        return UniqueFd(::open(folder.c_str(), kFlags, mode));
+    if (at.at == -1)
+        return UniqueFd();
+    return UniqueFd(::openat(at.at, ".", kFlags, mode));
+}
+
+bool RealFileSystem::linkFile(int fd, const std::string& path) {
+    const Place at = place(path);
+    if (at.at == -1)
+        return false;
+    if (::linkat(fd, "", at.at, at.name.c_str(), AT_EMPTY_PATH) == 0)
+        return true;
+    if (errno != ENOENT && errno != EPERM)
+        return false;
+    // Naming a file by its descriptor alone takes CAP_DAC_READ_SEARCH; without it, the
+    // descriptor's entry in /proc leads to the same file.
+    const std::string byDescriptor = "/proc/self/fd/" + std::to_string(fd);
+    return ::linkat(AT_FDCWD, byDescriptor.c_str(), at.at, at.name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+}
+
 UniqueFd RealFileSystem::openForWriting(const std::string& path) {
     const Place at = place(path);
     if (at.at == -1)
@@ -385,17 +410,23 @@ std::vector<std::string> FaultInjectingFileSystem::callLog() const {
     return _log;
 }
 
-namespace {
-
-// The file behind a descriptor, for the call log.
-std::string PathOfDescriptor(int fd) {
+// The file behind a descriptor, for the call log. An unnamed file named since is known by that
+// name: /proc still shows the name it was made without.
+std::string FaultInjectingFileSystem::pathOfDescriptor(int fd) const {
+    struct stat info {};
+    if (::fstat(fd, &info) == 0) {
+        const std::lock_guard lock(_logMutex);
+        const auto named = _linkedNames.find(fd);
+        // The descriptor may have been closed since, and its number reused.
+        if (named != _linkedNames.end() && named->second.device == info.st_dev &&
+            named->second.inode == info.st_ino)
+            return named->second.path;
+    }
     char target[PATH_MAX];
     const std::string link = "/proc/self/fd/" + std::to_string(fd);
     const ssize_t n = ::readlink(link.c_str(), target, sizeof target - 1);
     return n > 0 ? std::string(target, static_cast<size_t>(n)) : "fd " + std::to_string(fd);
 }
-
-} // namespace
 
 bool FaultInjectingFileSystem::admit(const std::string& what) {
     const uint64_t number = ++_calls;
@@ -414,6 +445,21 @@ UniqueFd FaultInjectingFileSystem::createFile(const std::string& path, mode_t mo
     return admit("create " + path) ? _inner.createFile(path, mode) : UniqueFd();
 }
 
+UniqueFd FaultInjectingFileSystem::createUnnamedFile(const std::string& folder, mode_t mode) {
+    return admit("create-unnamed " + folder) ? _inner.createUnnamedFile(folder, mode) : UniqueFd();
+}
+
+bool FaultInjectingFileSystem::linkFile(int fd, const std::string& path) {
+    if (!admit("link-fd " + path) || !_inner.linkFile(fd, path))
+        return false;
+    struct stat info {};
+    if (::fstat(fd, &info) == 0) {
+        const std::lock_guard lock(_logMutex);
+        _linkedNames[fd] = {path, info.st_dev, info.st_ino};
+    }
+    return true;
+}
+
 UniqueFd FaultInjectingFileSystem::openForWriting(const std::string& path) {
     return admit("open-write " + path) ? _inner.openForWriting(path) : UniqueFd();
 }
@@ -423,23 +469,23 @@ UniqueFd FaultInjectingFileSystem::openForReading(const std::string& path) {
 }
 
 bool FaultInjectingFileSystem::write(int fd, const void* data, size_t size) {
-    return admit("write " + PathOfDescriptor(fd)) && _inner.write(fd, data, size);
+    return admit("write " + pathOfDescriptor(fd)) && _inner.write(fd, data, size);
 }
 
 bool FaultInjectingFileSystem::writeAt(int fd, const void* data, size_t size, uint64_t offset) {
-    return admit("write-at " + PathOfDescriptor(fd)) && _inner.writeAt(fd, data, size, offset);
+    return admit("write-at " + pathOfDescriptor(fd)) && _inner.writeAt(fd, data, size, offset);
 }
 
 bool FaultInjectingFileSystem::copyData(int in, int out, const CopyObserver& observe) {
-    return admit("copy-data " + PathOfDescriptor(out)) && _inner.copyData(in, out, observe);
+    return admit("copy-data " + pathOfDescriptor(out)) && _inner.copyData(in, out, observe);
 }
 
 bool FaultInjectingFileSystem::truncate(int fd, uint64_t size) {
-    return admit("truncate " + PathOfDescriptor(fd)) && _inner.truncate(fd, size);
+    return admit("truncate " + pathOfDescriptor(fd)) && _inner.truncate(fd, size);
 }
 
 bool FaultInjectingFileSystem::syncFile(int fd, bool metadata) {
-    return admit("sync-file " + PathOfDescriptor(fd)) && _inner.syncFile(fd, metadata);
+    return admit("sync-file " + pathOfDescriptor(fd)) && _inner.syncFile(fd, metadata);
 }
 
 bool FaultInjectingFileSystem::syncFolder(const std::string& path) {
@@ -451,7 +497,7 @@ bool FaultInjectingFileSystem::syncFileSystem(const std::string& path) {
 }
 
 bool FaultInjectingFileSystem::close(UniqueFd& fd) {
-    if (!admit("close " + PathOfDescriptor(fd.get()))) {
+    if (!admit("close " + pathOfDescriptor(fd.get()))) {
         const int error = errno;
         fd.reset(); // a failed close still releases the descriptor
         errno = error;
@@ -516,7 +562,7 @@ bool FaultInjectingFileSystem::setMode(const std::string& path, mode_t mode) {
 }
 
 bool FaultInjectingFileSystem::setModeOfFile(int fd, mode_t mode) {
-    return admit("fchmod " + PathOfDescriptor(fd)) && _inner.setModeOfFile(fd, mode);
+    return admit("fchmod " + pathOfDescriptor(fd)) && _inner.setModeOfFile(fd, mode);
 }
 
 bool FaultInjectingFileSystem::setTimes(const std::string& path, const timespec times[2]) {
@@ -524,7 +570,7 @@ bool FaultInjectingFileSystem::setTimes(const std::string& path, const timespec 
 }
 
 bool FaultInjectingFileSystem::setTimesOfFile(int fd, const timespec times[2]) {
-    return admit("futimens " + PathOfDescriptor(fd)) && _inner.setTimesOfFile(fd, times);
+    return admit("futimens " + pathOfDescriptor(fd)) && _inner.setTimesOfFile(fd, times);
 }
 
 std::optional<uint64_t> FaultInjectingFileSystem::freeSpace(const std::string& path) {

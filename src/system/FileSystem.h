@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <fcntl.h>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -25,6 +26,13 @@ public:
     // A new regular file (O_CREAT|O_EXCL, write only, close-on-exec), never through an
     // existing name.
     [[nodiscard]] virtual UniqueFd createFile(const std::string& path, mode_t mode) = 0;
+    // A new regular file without a name (O_TMPFILE, write only) on the file system of folder:
+    // the kernel frees it when its last descriptor closes, or the process ends however it
+    // ends, unless linkFile gives it a name first. New content written ahead of its entry so
+    // leaves nothing behind.
+    [[nodiscard]] virtual UniqueFd createUnnamedFile(const std::string& folder, mode_t mode) = 0;
+    // Gives the unnamed file open on fd the name path, never through an existing name.
+    [[nodiscard]] virtual bool linkFile(int fd, const std::string& path) = 0;
     // An existing file opened for writing without truncating it.
     [[nodiscard]] virtual UniqueFd openForWriting(const std::string& path) = 0;
     // An existing file opened for reading (without waiting for a writer of a FIFO).
@@ -105,6 +113,8 @@ public:
     void confineBelow(std::vector<std::string> folders);
 
     UniqueFd createFile(const std::string& path, mode_t mode) override;
+    UniqueFd createUnnamedFile(const std::string& folder, mode_t mode) override;
+    bool linkFile(int fd, const std::string& path) override;
     UniqueFd openForWriting(const std::string& path) override;
     UniqueFd openForReading(const std::string& path) override;
     bool write(int fd, const void* data, size_t size) override;
@@ -182,6 +192,8 @@ public:
     std::vector<std::string> callLog() const;
 
     UniqueFd createFile(const std::string& path, mode_t mode) override;
+    UniqueFd createUnnamedFile(const std::string& folder, mode_t mode) override;
+    bool linkFile(int fd, const std::string& path) override;
     UniqueFd openForWriting(const std::string& path) override;
     UniqueFd openForReading(const std::string& path) override;
     bool write(int fd, const void* data, size_t size) override;
@@ -211,6 +223,7 @@ public:
 private:
     // Counts the call; false (errno set) when it is the one to fail.
     bool admit(const std::string& what);
+    std::string pathOfDescriptor(int fd) const;
 
     FileSystem& _inner;
     std::atomic<uint64_t> _calls{0};
@@ -219,4 +232,10 @@ private:
     int _error = 0;
     mutable std::mutex _logMutex;
     std::vector<std::string> _log;
+    struct LinkedName {
+        std::string path;
+        dev_t device;
+        ino_t inode;
+    };
+    std::map<int, LinkedName> _linkedNames; // unnamed files named by linkFile, by descriptor
 };

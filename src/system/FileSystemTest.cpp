@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -143,6 +144,63 @@ TEST_F(ConfinedFileSystemTest, ARenameOrLinkWithinOneFolderGoesThroughOneHandleO
     // A last name that climbs out is no name in the folder.
     EXPECT_FALSE(files.rename(folder + "/inside.txt", folder + "/.."));
     EXPECT_EQ(ReadTextFile(folder + "/inside.txt"), "new inside");
+}
+
+TEST_F(ConfinedFileSystemTest, AnUnnamedFileGetsItsNameOnlyWhenLinked) {
+    const FileSystemConfinement confinement({app});
+    const std::string folder = app + "/Contents/Resources";
+    const auto before = SnapshotTree(app, TreeDetail::ContentsAndModes);
+    {
+        // Written and dropped without a name: nothing was ever in the folder.
+        UniqueFd dropped = files.createUnnamedFile(folder, 0600);
+        ASSERT_TRUE(dropped.valid()) << std::strerror(errno);
+        ASSERT_TRUE(files.write(dropped.get(), "dropped", 7));
+    }
+    EXPECT_EQ(SnapshotTree(app, TreeDetail::ContentsAndModes), before);
+
+    UniqueFd named = files.createUnnamedFile(folder, 0600);
+    ASSERT_TRUE(named.valid());
+    ASSERT_TRUE(files.write(named.get(), "named", 5));
+    // Never through an existing name, nor through a link on the way.
+    EXPECT_FALSE(files.linkFile(named.get(), folder + "/inside.txt"));
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_FALSE(files.linkFile(named.get(), app + "/Contents/Linked/planted"));
+    EXPECT_FALSE(fs::exists(outside + "/planted"));
+    EXPECT_FALSE(files.createUnnamedFile(app + "/Contents/Linked", 0600).valid());
+    ASSERT_TRUE(files.linkFile(named.get(), folder + "/.orvel-new.named"));
+    EXPECT_TRUE(files.close(named));
+    EXPECT_EQ(ReadTextFile(folder + "/.orvel-new.named"), "named");
+    struct stat info {};
+    ASSERT_EQ(::stat((folder + "/.orvel-new.named").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    EXPECT_EQ(ReadTextFile(outside + "/secret"), "outside");
+}
+
+// Without the privilege to name a file by its descriptor alone, it is named through /proc.
+TEST(UnnamedFileTest, AnUnprivilegedProcessNamesItsUnnamedFileToo) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to become another user";
+    TempDir dir;
+    const std::string folder = dir.file("shared");
+    fs::create_directory(folder);
+    ::chmod(dir.path().c_str(), 0755);
+    ::chmod(folder.c_str(), 0777);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0)
+            ::_exit(2);
+        RealFileSystem& files = RealFileSystem::instance();
+        UniqueFd file = files.createUnnamedFile(folder, 0644);
+        const bool named = file.valid() && files.write(file.get(), "theirs", 6) &&
+                           files.linkFile(file.get(), folder + "/named") && files.close(file);
+        ::_exit(named ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(ReadTextFile(folder + "/named"), "theirs");
 }
 
 TEST_F(ConfinedFileSystemTest, TheFirstNamesOfAFolderAreSomeOfItsNames) {

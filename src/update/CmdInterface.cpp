@@ -599,9 +599,7 @@ int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
     std::optional<std::string> patchedChecksum;
     if (auto madeAhead =
             _patchesAhead ? _patchesAhead->take(fileToPatch, patchFile) : std::nullopt) {
-        patchedChecksum =
-            WritePatchedFile(*_fs, {madeAhead->bytes.get(), madeAhead->size}, madeAhead->checksum,
-                             patchTool, output, mode, !_preparing);
+        patchedChecksum = WritePatchedFile(*_fs, *madeAhead, patchTool, output, mode, !_preparing);
     } else {
         if (!_patchOldFile)
             _patchOldFile = std::make_unique<BspatchOldFile>();

@@ -305,10 +305,13 @@ TEST_F(IoFailureSweep, NewContentAndJournalEntriesAreOnDiskBeforeTheyCount) {
     }
     const std::vector<std::string> calls = recording.callLog();
     const std::string journal = payload + "/backupDir/RollBack.xml";
-    const std::set<std::string> writing = {"create", "write", "write-at", "copy-data", "truncate"};
+    // A file written ahead without a name is written when it is named (link-fd).
+    const std::set<std::string> writing = {"create",    "write",    "write-at",
+                                           "copy-data", "truncate", "link-fd"};
     const std::set<std::string> changing = {
-        "create", "write", "write-at", "copy-data", "truncate", "mkdir",  "rmdir",   "unlink",
-        "rename", "link",  "symlink",  "chown",     "chmod",    "fchmod", "utimens", "futimens"};
+        "create", "write",  "write-at", "copy-data", "truncate", "mkdir",
+        "rmdir",  "unlink", "rename",   "link",      "link-fd",  "symlink",
+        "chown",  "chmod",  "fchmod",   "utimens",   "futimens"};
     std::map<std::string, bool> unsynced; // file -> written since its last sync
     bool journalUnsynced = false;
     int journalSyncs = 0, replacements = 0, treeChanges = 0, syncs = 0;

@@ -199,3 +199,19 @@ std::optional<std::string> WritePatchedFile(FileSystem& fileSystem, std::span<co
     return FinishOutput(fileSystem, out, result, writeError, detail, checksum, patchTool, output,
                         mode, sync);
 }
+
+std::optional<std::string> WritePatchedFile(FileSystem& fileSystem, PatchedFile& made,
+                                            const std::string& patchTool, const std::string& output,
+                                            mode_t mode, bool sync) {
+    if (!made.written.valid())
+        return WritePatchedFile(fileSystem, {made.bytes.get(), made.size}, made.checksum, patchTool,
+                                output, mode, sync);
+    if (!fileSystem.linkFile(made.written.get(), output)) {
+        NSLevelledLog(3, "%@: cannot create %@: %s", patchTool, output, std::strerror(errno));
+        return std::nullopt;
+    }
+    UniqueFd out = std::move(made.written);
+    std::string detail;
+    return FinishOutput(fileSystem, out, BspatchResult::Success, 0, detail, made.checksum,
+                        patchTool, output, mode, sync);
+}

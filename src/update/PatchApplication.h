@@ -9,6 +9,8 @@
 #include <string>
 #include <sys/types.h>
 
+#include "base/FileUtil.h"
+
 class FileSystem;
 enum class BspatchResult;
 
@@ -17,11 +19,13 @@ enum class BspatchResult;
 // either way. A larger one is written a piece at a time as the patch goes on.
 inline constexpr size_t kPatchedInMemoryLimit = 64 << 20;
 
-// A patched file in memory, with its MD5.
+// A patched file in memory, with its MD5; or, once written ahead into an unnamed file on the
+// file system where it goes, that file (its bytes then let go).
 struct PatchedFile {
     std::unique_ptr<uint8_t[]> bytes;
     size_t size = 0;
     std::string checksum;
+    UniqueFd written;
 };
 
 // The size of the new file that the BSDIFF40 patch open on patchFd makes; nothing when it has
@@ -51,5 +55,11 @@ std::optional<std::string> ApplyPatchToFile(FileSystem& fileSystem,
 // same way. The checksum, or nothing (and no output file) when the file could not be written.
 std::optional<std::string> WritePatchedFile(FileSystem& fileSystem, std::span<const uint8_t> bytes,
                                             const std::string& checksum,
+                                            const std::string& patchTool, const std::string& output,
+                                            mode_t mode, bool sync = true);
+
+// Writes output from a patched file made ahead: the file written ahead is given the name
+// output; one only in memory is written as above.
+std::optional<std::string> WritePatchedFile(FileSystem& fileSystem, PatchedFile& made,
                                             const std::string& patchTool, const std::string& output,
                                             mode_t mode, bool sync = true);

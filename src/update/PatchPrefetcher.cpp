@@ -2,8 +2,10 @@
 
 #include "base/Md5.h"
 #include "base/Md5Lanes.h"
+#include "base/Path.h"
 #include "patch/BsdiffFormat.h"
 #include "patch/Bspatch.h"
+#include "system/FileSystem.h"
 #include "update/MD5cksum.h"
 
 #include <cerrno>
@@ -35,8 +37,9 @@ struct PatchFd {
 
 } // namespace
 
-PatchPrefetcher::PatchPrefetcher(std::vector<std::optional<Patch>> patchPerEntry, size_t bytesAhead)
-    : _patches(std::move(patchPerEntry)), _bytesAhead(bytesAhead) {
+PatchPrefetcher::PatchPrefetcher(std::vector<std::optional<Patch>> patchPerEntry, size_t bytesAhead,
+                                 FileSystem& files)
+    : _patches(std::move(patchPerEntry)), _bytesAhead(bytesAhead), _files(files) {
     bool any = false;
     for (const auto& patch : _patches)
         any = any || patch.has_value();
@@ -144,6 +147,7 @@ void PatchPrefetcher::run() {
         for (size_t i = 0; i < unchecked.size(); ++i) {
             auto& [index, made] = unchecked[i];
             made.newFile.checksum = checksums[i];
+            writeAhead(made.newFile, _patches[index]->oldFile);
             publish(index, &made, made.newFile.size);
         }
         unchecked.clear();
@@ -214,6 +218,14 @@ void PatchPrefetcher::run() {
     }
     _moved.notify_all();
     Md5ReleaseThreadState();
+}
+
+void PatchPrefetcher::writeAhead(NewFile& made, const std::string& oldFile) {
+    UniqueFd out = _files.createUnnamedFile(ParentPath(oldFile), 0600);
+    if (!out.valid() || (made.size > 0 && !_files.write(out.get(), made.bytes.get(), made.size)))
+        return; // a full disk, a folder gone: the entry writes the bytes itself
+    made.written = std::move(out);
+    made.bytes.reset();
 }
 
 bool PatchPrefetcher::make(const Patch& patch, size_t newSize, BspatchOldFile& old, Entry& made) {

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "system/FileSystem.h"
 #include "update/PatchApplication.h"
 
 class BspatchOldFile;
@@ -22,6 +23,11 @@ class BspatchOldFile;
 // time (the bzip2 blocks, the additions, the checksum of the result), and the entries around
 // it mostly wait for system calls: made ahead, the new file is only written when its entry
 // comes, while this thread goes on with the next patch on the other processor.
+//
+// Each new file, once checksummed, is written here into an unnamed file in its old file's
+// folder (FileSystem::createUnnamedFile) and its memory let go: its entry only gives it its
+// temporary name, and the writing, the longest part of a patched file's entry, is done on this
+// thread too. Such a file has no name until then, so a run killed meanwhile leaves nothing.
 //
 // Nothing here decides anything. The file set takes a new file made ahead only while the old
 // file and the patch are still the files it was made from (same device, inode, size and
@@ -40,8 +46,12 @@ public:
     // The patch of each entry (nothing for an entry that patches nothing), in the order the
     // entries run. The thread starts at once and works on the entries after the one running,
     // holding at most bytesAhead bytes of new files that no entry has taken yet.
+    // The files written ahead go through files: by default the machine's, not the seam the
+    // entries use, so that a run's own calls stay the same however far ahead this thread is.
+    // Any call that fails here only leaves the entry to write its file itself.
     explicit PatchPrefetcher(std::vector<std::optional<Patch>> patchPerEntry,
-                             size_t bytesAhead = kBytesAhead);
+                             size_t bytesAhead = kBytesAhead,
+                             FileSystem& files = RealFileSystem::instance());
     // Stops the thread, dropping the patch being made.
     ~PatchPrefetcher();
     PatchPrefetcher(const PatchPrefetcher&) = delete;
@@ -77,9 +87,13 @@ private:
     // Makes the new file of a patch, outside the lock; false when it cannot be made.
     bool make(const Patch& patch, size_t newSize, BspatchOldFile& old, Entry& made);
     void drop(Entry& entry);
+    // Writes a new file ahead into an unnamed file beside oldFile; left in memory when it
+    // cannot be.
+    void writeAhead(NewFile& made, const std::string& oldFile);
 
     const std::vector<std::optional<Patch>> _patches;
     const size_t _bytesAhead;
+    FileSystem& _files;
     std::mutex _mutex;
     std::condition_variable _moved;
     std::map<size_t, Entry> _entries; // the entries started here and not yet passed

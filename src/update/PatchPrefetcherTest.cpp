@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <sys/stat.h>
 #include <thread>
 
 namespace {
@@ -27,8 +28,12 @@ bool WaitForMade(const PatchPrefetcher& patches, size_t count) {
     return true;
 }
 
+// The bytes of a new file, in memory or written ahead (read back through /proc: the unnamed
+// file is open for writing only).
 std::string Text(const PatchPrefetcher::NewFile& file) {
-    return {reinterpret_cast<const char*>(file.bytes.get()), file.size};
+    if (!file.written.valid())
+        return {reinterpret_cast<const char*>(file.bytes.get()), file.size};
+    return ReadTextFile("/proc/self/fd/" + std::to_string(file.written.get()));
 }
 
 class PatchPrefetcherTest : public ::testing::Test {
@@ -117,6 +122,48 @@ TEST_F(PatchPrefetcherTest, NewFilesWaitingStayWithinTheMemoryAllowed) {
     const auto madeC = patches.take(c.oldFile, c.patchFile);
     ASSERT_TRUE(madeC);
     EXPECT_EQ(Text(*madeC), "small new c");
+}
+
+TEST_F(PatchPrefetcherTest, ANewFileIsWrittenAheadBesideItsOldFileWithoutAName) {
+    const std::string newA = RandomText(200000, 3);
+    const auto a = patch("a", RandomText(200000, 2), newA);
+    const auto names = SnapshotTree(_dir.path());
+    PatchPrefetcher patches({a});
+    ASSERT_TRUE(WaitForMade(patches, 1));
+    EXPECT_EQ(SnapshotTree(_dir.path()), names) << "nothing named in the folder yet";
+
+    patches.entryStarting(0);
+    auto madeA = patches.take(a.oldFile, a.patchFile);
+    ASSERT_TRUE(madeA);
+    ASSERT_TRUE(madeA->written.valid());
+    EXPECT_FALSE(madeA->bytes) << "its memory let go once written";
+    EXPECT_EQ(Text(*madeA), newA);
+    // Its entry names it, with the mode it is given.
+    const std::string output = _dir.file(".orvel-new.a");
+    const auto checksum =
+        WritePatchedFile(RealFileSystem::instance(), *madeA, "bspatch", output, 0751, false);
+    ASSERT_TRUE(checksum);
+    EXPECT_EQ(*checksum, Md5OfFile(_dir.file("a.new")));
+    EXPECT_EQ(ReadTextFile(output), newA);
+    struct stat info {};
+    ASSERT_EQ(::stat(output.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0751u);
+}
+
+TEST_F(PatchPrefetcherTest, ANewFileThatCannotBeWrittenAheadStaysInMemory) {
+    const auto a = patch("a", "old contents of a", "new contents of a");
+    FaultInjectingFileSystem full;
+    full.failCall(1, ENOSPC); // the unnamed file
+    PatchPrefetcher patches({a}, PatchPrefetcher::kBytesAhead, full);
+    ASSERT_TRUE(WaitForMade(patches, 1));
+    EXPECT_TRUE(full.failed());
+    patches.entryStarting(0);
+    auto madeA = patches.take(a.oldFile, a.patchFile);
+    ASSERT_TRUE(madeA);
+    EXPECT_FALSE(madeA->written.valid());
+    const std::string output = _dir.file(".orvel-new.a");
+    ASSERT_TRUE(WritePatchedFile(RealFileSystem::instance(), *madeA, "bspatch", output, 0644));
+    EXPECT_EQ(ReadTextFile(output), "new contents of a");
 }
 
 TEST_F(PatchPrefetcherTest, ADamagedPatchIsLeftToItsEntry) {
