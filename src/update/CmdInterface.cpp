@@ -6,6 +6,7 @@
 #include "runtime/CommonUtility.h"
 #include "runtime/LoggerUtility.h"
 #include "system/FileSystem.h"
+#include "update/HeldFileWriter.h"
 #include "update/MD5cksum.h"
 #include "update/PatchApplication.h"
 #include "update/PatchPrefetcher.h"
@@ -343,7 +344,9 @@ CmdInterface::Installed CmdInterface::installCopy(const std::string& source,
                                                   std::optional<std::string>& checksum) {
     const std::string temporary = FileManager::TemporaryPathFor(destination);
     _files.removeTemporaryOf(destination);
-    if (!_files.copyItem(source, temporary, !_preparing, true))
+    UniqueFd writtenAhead =
+        _heldFilesAhead ? _heldFilesAhead->take(source, ParentPath(destination)) : UniqueFd();
+    if (!_files.copyItem(source, temporary, !_preparing, true, std::move(writtenAhead)))
         return Installed::CopyFailed;
     // Known from the copy itself; read again only when the copy could not tell.
     struct stat copied {};

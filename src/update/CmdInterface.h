@@ -13,6 +13,7 @@
 
 class BspatchOldFile;
 class FileSystem;
+class HeldFileWriter;
 class PatchPrefetcher;
 class RollBackHandler;
 
@@ -80,6 +81,9 @@ public:
     // New files of the coming entries' patches, made ahead on another thread (or nothing):
     // a patch entry takes its own from there when it was made from the files it finds.
     void setPatchesMadeAhead(PatchPrefetcher* patches) { _patchesAhead = patches; }
+    // Copies of payload files held in memory written ahead of their entries (none: each entry
+    // writes its copy).
+    void setHeldFilesWrittenAhead(HeldFileWriter* files) { _heldFilesAhead = files; }
 
     [[nodiscard]] int32_t performFileUpdationWithInfo(const FileOperationInfo& info);
     [[nodiscard]] int32_t addFileOperation(const FileOperationInfo& info);
@@ -149,6 +153,7 @@ private:
     // The file being patched, in memory kept from one patched file to the next.
     std::unique_ptr<BspatchOldFile> _patchOldFile;
     PatchPrefetcher* _patchesAhead = nullptr;
+    HeldFileWriter* _heldFilesAhead = nullptr;
     bool _isRepairMode = false;
     bool _writeUndo = false;
     // The entry being carried out: its backup's name, whether its undo is journaled, and

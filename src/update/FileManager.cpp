@@ -121,9 +121,9 @@ bool FileManager::copyRegularFile(const std::string& source, const std::string& 
 }
 
 bool FileManager::copyItem(const std::string& source, const std::string& destination, bool sync,
-                           bool rememberChecksum) const {
+                           bool rememberChecksum, UniqueFd writtenAhead) const {
     if (const auto held = PayloadFiles::find(source))
-        return copyHeldFile(*held, destination, sync, rememberChecksum);
+        return copyHeldFile(*held, destination, sync, rememberChecksum, std::move(writtenAhead));
     struct stat info {};
     if (::lstat(source.c_str(), &info) != 0)
         return false;
@@ -145,15 +145,23 @@ bool FileManager::discardNewFile(UniqueFd& file, const std::string& path) const 
 }
 
 bool FileManager::copyHeldFile(const PayloadFiles::File& held, const std::string& destination,
-                               bool sync, bool rememberChecksum) const {
-    UniqueFd out = _fs->createFile(destination, 0600);
-    if (!out.valid())
-        return false;
+                               bool sync, bool rememberChecksum, UniqueFd writtenAhead) const {
+    UniqueFd out;
     auto discard = [&] { return discardNewFile(out, destination); };
-    if ((held.size > 0 && !_fs->write(out.get(), held.bytes.get(), held.size)) ||
-        !_fs->setModeOfFile(out.get(), held.mode))
-        return discard();
-    (void)_fs->setTimesOfFile(out.get(), held.times);
+    // Written ahead with its mode and times, the copy only needs its name; it is written here
+    // when it was not, or cannot be named (its folder is on another file system by now).
+    if (writtenAhead.valid() && _fs->linkFile(writtenAhead.get(), destination)) {
+        out = std::move(writtenAhead);
+    } else {
+        writtenAhead.reset();
+        out = _fs->createFile(destination, 0600);
+        if (!out.valid())
+            return false;
+        if ((held.size > 0 && !_fs->write(out.get(), held.bytes.get(), held.size)) ||
+            !_fs->setModeOfFile(out.get(), held.mode))
+            return discard();
+        (void)_fs->setTimesOfFile(out.get(), held.times);
+    }
     if (sync && !_fs->syncFile(out.get(), true))
         return discard();
     struct stat copyInfo {};

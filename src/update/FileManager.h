@@ -29,9 +29,11 @@ public:
     // link). Fails when something is at the destination; a partly written copy is removed.
     // With sync the copy is on disk before returning. With rememberChecksum the bytes are
     // checksummed as they pass, and MD5cksum answers for both files without reading them
-    // again (see MD5cksum::rememberChecksumOfFile).
+    // again (see MD5cksum::rememberChecksumOfFile). The copy of a payload file held in
+    // memory may come written ahead (HeldFileWriter): then it is only given its name.
     [[nodiscard]] bool copyItem(const std::string& source, const std::string& destination,
-                                bool sync, bool rememberChecksum = false) const;
+                                bool sync, bool rememberChecksum = false,
+                                UniqueFd writtenAhead = UniqueFd()) const;
     // Where new content for destination is written before it takes destination's place: a
     // hidden name beside it, so that a rename puts it there whole. A run killed meanwhile
     // leaves it behind; replaying the journal removes it.
@@ -101,9 +103,10 @@ private:
                                        bool rememberChecksum) const;
     // Closes and removes a file being made, keeping errno; false.
     bool discardNewFile(UniqueFd& file, const std::string& path) const;
-    // A copy of a payload file held in memory: written in one call, its checksum known.
+    // A copy of a payload file held in memory: written in one call (or ahead, into
+    // writtenAhead), its checksum known.
     [[nodiscard]] bool copyHeldFile(const PayloadFiles::File& held, const std::string& destination,
-                                    bool sync, bool rememberChecksum) const;
+                                    bool sync, bool rememberChecksum, UniqueFd writtenAhead) const;
 
     FileSystem* _fs;
     // One existing folder on each file system with noted changes, and the folders noted

@@ -386,22 +386,26 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
     _earlyPrefetcher.reset();
     ChecksumPrefetcher prefetcher(filesToChecksumAhead(work));
     PatchPrefetcher patches(patchesToMakeAhead(work));
+    HeldFileWriter heldFiles(heldCopiesToWriteAhead(work));
     // Entries are prepared in groups that one sync makes durable; a set left early (a failure,
     // a cancel) drops the changes still waiting, which the journal's replay then finds unmade.
     CmdInterface& commands = *work.cmdInterface;
     commands.setGroupedChanges(true);
     commands.setPatchesMadeAhead(&patches);
+    commands.setHeldFilesWrittenAhead(&heldFiles);
     struct DropWaiting {
         CmdInterface& commands;
         ~DropWaiting() {
             commands.dropGroup();
             commands.setPatchesMadeAhead(nullptr);
+            commands.setHeldFilesWrittenAhead(nullptr);
         }
     } dropWaiting{commands};
     int index = 0;
     for (const XmlNode& node : work.workingNodesArray) {
         prefetcher.entryStarting(static_cast<size_t>(index));
         patches.entryStarting(static_cast<size_t>(index));
+        heldFiles.entryStarting(static_cast<size_t>(index));
         ++index;
         // The entry's lines are written at its end, however it ends.
         const FlushLogAtEnd flushAtEnd;
@@ -569,6 +573,30 @@ ProcessManifest::patchesToMakeAhead(const WorkDictionary& work) {
             patch = PatchPrefetcher::Patch{std::move(*oldFile), JoinPath(payloadDir, *objectName)};
     }
     return patches;
+}
+
+std::vector<std::optional<HeldFileWriter::Copy>>
+ProcessManifest::heldCopiesToWriteAhead(const WorkDictionary& work) {
+    // A guess too: an entry takes a file written ahead only when it copies the same payload
+    // file into the same folder.
+    std::vector<std::optional<HeldFileWriter::Copy>> copies;
+    copies.reserve(work.workingNodesArray.size());
+    const std::string payloadDir = work.cmdInterface->payloadDir();
+    for (const XmlNode& node : work.workingNodesArray) {
+        auto& copy = copies.emplace_back();
+        const std::string operation = SingleValue(node, "./Operation").value_or("");
+        if (!EqualsIgnoringCase(operation, "ADD") && !EqualsIgnoringCase(operation, "OVERWRITE"))
+            continue;
+        const auto objectName = SingleValue(node, "./ObjectName");
+        const auto destination =
+            defaultPathOf(node, "./DestinationPath", *work.dirToken, work.appPath);
+        if (!objectName || !destination)
+            continue;
+        std::string source = JoinPath(payloadDir, *objectName);
+        if (PayloadFiles::find(source))
+            copy = HeldFileWriter::Copy{std::move(source), ParentPath(*destination)};
+    }
+    return copies;
 }
 
 std::string ProcessManifest::processBundleSet(WorkDictionary& work, ThreadWorker* worker) {

@@ -5,6 +5,7 @@
 #include "system/ServicesHandler.h"
 #include "target/OrvelCodeFileHandler.h"
 #include "update/CmdInterface.h"
+#include "update/HeldFileWriter.h"
 #include "update/PatchPrefetcher.h"
 #include "update/PatcherState.h"
 
@@ -117,6 +118,9 @@ public:
     // For each file entry, the patch it is likely to apply (from its default name).
     static std::vector<std::optional<PatchPrefetcher::Patch>>
     patchesToMakeAhead(const WorkDictionary& work);
+    // For each file entry, the payload file held in memory it is likely to copy, and where.
+    static std::vector<std::optional<HeldFileWriter::Copy>>
+    heldCopiesToWriteAhead(const WorkDictionary& work);
     std::string processBundleSet(WorkDictionary& work, ThreadWorker* worker);
     std::string processDirectorySet(WorkDictionary& work, ThreadWorker* worker);
     // Replays the journal in the backup folder.

@@ -98,17 +98,18 @@ bool RollBackHandler::keep(const std::string& destination, const struct stat& en
     // rename), so a second name for the installed file keeps its content as it is now,
     // without copying it, where both are on one file system. Its checksum is the file's.
     bool kept = false;
+    // The new name changes the file's change time, not its content: a checksum known from
+    // before the link holds for both names afterwards, so that neither is read again for it.
+    // One being read ahead is waited for first: a read across the link is dropped for that
+    // change, and its entry would read the file again.
+    const std::optional<std::string> known =
+        S_ISREG(entry.st_mode) ? MD5cksum::awaitedChecksumOfFile(destination, entry) : std::nullopt;
     if (S_ISREG(entry.st_mode) && _fs.link(destination, backup)) {
         kept = true;
-        // The new name changes the file's change time, not its content: a checksum known
-        // from before the link holds for both names afterwards, so that neither is read
-        // again for it.
         struct stat linked {};
-        if (::lstat(backup.c_str(), &linked) == 0) {
-            if (const auto known = MD5cksum::rememberedChecksumOfFile(destination, entry)) {
-                MD5cksum::rememberChecksumOfFile(backup, linked, *known);
-                MD5cksum::rememberChecksumOfFile(destination, linked, *known);
-            }
+        if (known && ::lstat(backup.c_str(), &linked) == 0) {
+            MD5cksum::rememberChecksumOfFile(backup, linked, *known);
+            MD5cksum::rememberChecksumOfFile(destination, linked, *known);
         }
     } else {
         // A copy, synced, with its checksum taken on the way. It gets the installed file's
