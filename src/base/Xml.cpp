@@ -10,7 +10,10 @@
 #include <libxml/xpathInternals.h>
 
 #include <algorithm>
+#include <cctype>
 #include <mutex>
+#include <optional>
+#include <string_view>
 #include <unordered_map>
 
 namespace {
@@ -187,6 +190,50 @@ XPathObject Evaluate(const XmlDocumentHandle& doc, xmlNodePtr node, const std::s
     return result;
 }
 
+// The names of an expression made only of child steps with plain names ("./A", "./A/B"),
+// the kind each manifest entry is read with many times; nothing for any other expression.
+std::optional<std::vector<std::string_view>> PlainChildSteps(std::string_view expression) {
+    if (expression.size() < 3 || expression.substr(0, 2) != "./")
+        return std::nullopt;
+    std::vector<std::string_view> steps;
+    size_t start = 2;
+    for (;;) {
+        const size_t slash = expression.find('/', start);
+        const std::string_view name = expression.substr(start, slash - start);
+        const bool plain =
+            !name.empty() &&
+            (std::isalpha(static_cast<unsigned char>(name.front())) || name.front() == '_') &&
+            std::all_of(name.begin(), name.end(), [](char c) {
+                return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-' ||
+                       c == '.';
+            });
+        if (!plain)
+            return std::nullopt;
+        steps.push_back(name);
+        if (slash == std::string_view::npos)
+            return steps;
+        start = slash + 1;
+    }
+}
+
+// What XPath selects for such steps from node: the element children so named (without a
+// namespace, as an unprefixed name test wants), step after step, in document order.
+std::vector<xmlNodePtr> ChildrenAlong(xmlNodePtr node, const std::vector<std::string_view>& steps) {
+    std::vector<xmlNodePtr> nodes{node};
+    for (const std::string_view step : steps) {
+        std::vector<xmlNodePtr> next;
+        for (xmlNodePtr parent : nodes) {
+            for (xmlNodePtr child = parent->children; child; child = child->next) {
+                if (child->type == XML_ELEMENT_NODE && !child->ns && child->name &&
+                    step == reinterpret_cast<const char*>(child->name))
+                    next.push_back(child);
+            }
+        }
+        nodes = std::move(next);
+    }
+    return nodes;
+}
+
 std::string TakeXmlChars(xmlChar* chars) {
     if (!chars)
         return {};
@@ -223,6 +270,13 @@ std::optional<std::string> XmlNode::attribute(const std::string& name) const {
 std::vector<XmlNode> XmlNode::select(const std::string& expression, const XPathVariables& variables,
                                      std::vector<XmlError>* errors) const {
     std::vector<XmlNode> nodes;
+    if (_doc && _node && variables.empty()) {
+        if (const auto steps = PlainChildSteps(expression)) {
+            for (xmlNodePtr found : ChildrenAlong(_node, *steps))
+                nodes.emplace_back(_doc, found);
+            return nodes;
+        }
+    }
     XPathObject result = Evaluate(_doc, _node, expression, variables, errors);
     if (!result || result->type != XPATH_NODESET || !result->nodesetval)
         return nodes;

@@ -154,6 +154,34 @@ TEST(XmlTest, AnExpressionKeptCompiledAnswersForEachDocumentAndNode) {
     }
 }
 
+// Child steps with plain names are answered without XPath: the same nodes, in the same order,
+// as XPath selects.
+TEST(XmlTest, PlainChildStepsSelectWhatXPathSelects) {
+    auto parsed = XmlDocument::parseMemory(
+        "<r xmlns:x='urn:x'><File><Operation>ADD</Operation><!-- c --><Path dir='a'>"
+        "<FileName lang='en'>one</FileName><FileName>two</FileName></Path>text"
+        "<x:Operation>namespaced</x:Operation><Path><FileName>three</FileName></Path>"
+        "<Operation-2>dash</Operation-2></File><File/></r>");
+    const XmlNode root = XmlDocument::root(parsed.document);
+    auto texts = [](const std::vector<XmlNode>& nodes) {
+        std::vector<std::string> values;
+        for (const XmlNode& node : nodes)
+            values.push_back(node.name() + "=" + node.stringValue());
+        return values;
+    };
+    for (const char* steps : {"File", "File/Operation", "File/Path/FileName", "File/Path",
+                              "File/Operation-2", "File/Missing", "File/File", "x:Operation"}) {
+        const auto fast = root.select(std::string("./") + steps);
+        const auto xpath = root.select(std::string("self::node()/") + steps);
+        EXPECT_EQ(texts(fast), texts(xpath)) << steps;
+    }
+    const auto names = root.select("./File/Path/FileName");
+    ASSERT_EQ(names.size(), 3u);
+    EXPECT_EQ(names[0].stringValue(), "one");
+    EXPECT_EQ(names[2].stringValue(), "three");
+    EXPECT_TRUE(root.select("./File/x:Operation").empty()) << "no prefix bound here";
+}
+
 TEST(XmlTest, NodesKeepTheirDocumentAlive) {
     XmlNode kept;
     {

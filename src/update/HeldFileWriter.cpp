@@ -27,6 +27,7 @@ HeldFileWriter::~HeldFileWriter() {
 }
 
 void HeldFileWriter::entryStarting(size_t index) {
+    bool wake = false;
     {
         const std::lock_guard lock(_mutex);
         _current = index;
@@ -40,8 +41,22 @@ void HeldFileWriter::entryStarting(size_t index) {
             _bytesHeld -= it->second.size;
             it = _entries.erase(it);
         }
+        wake = wakeWanted();
     }
-    _moved.notify_all();
+    if (wake)
+        _moved.notify_all();
+}
+
+bool HeldFileWriter::wakeWanted() const {
+    if (!_threadWaiting)
+        return false;
+    if (_started && _current >= _threadIndex)
+        return true; // its entry came first
+    // Waiting for entries to pass, it is woken once several have, to write several files on
+    // each wake-up.
+    const size_t room = _waitsForEntries ? std::min(kEntriesPerWakeUp, _entriesAhead) : 1;
+    return _threadIndex + room <= _current + _entriesAhead &&
+           _bytesHeld + _roomNeeded <= _bytesAhead;
 }
 
 UniqueFd HeldFileWriter::take(const std::string& source, const std::string& folder) {
@@ -62,6 +77,8 @@ UniqueFd HeldFileWriter::take(const std::string& source, const std::string& fold
         file = std::move(it->second.file);
         _bytesHeld -= it->second.size;
         _entries.erase(it);
+        if (!wakeWanted())
+            return file;
     }
     _moved.notify_all();
     return file;
@@ -89,10 +106,18 @@ void HeldFileWriter::run() {
             // Within the entries allowed ahead and the bytes allowed, unless its entry comes
             // first.
             std::unique_lock lock(_mutex);
-            _moved.wait(lock, [&] {
+            const auto canGo = [&] {
                 return _stop || (_started && _current >= index) ||
                        (index < _current + _entriesAhead && _bytesHeld + held->size <= _bytesAhead);
-            });
+            };
+            if (!canGo()) {
+                _threadWaiting = true;
+                _waitsForEntries = index >= _current + _entriesAhead;
+                _threadIndex = index;
+                _roomNeeded = held->size;
+                _moved.wait(lock, canGo);
+                _threadWaiting = false;
+            }
             if (_stop)
                 return;
             if (_started && _current >= index)

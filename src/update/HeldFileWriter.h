@@ -59,6 +59,8 @@ public:
     size_t written() const { return _written.load(); }
 
     static constexpr size_t kEntriesAhead = 64;
+    // The thread, waiting for room, is woken when this many entries have room.
+    static constexpr size_t kEntriesPerWakeUp = 8;
     static constexpr size_t kBytesAhead = size_t{64} << 20;
 
 private:
@@ -70,6 +72,8 @@ private:
     };
 
     void run();
+    // Whether the waiting thread should be woken now (under the lock).
+    bool wakeWanted() const;
     // The held file written into an unnamed file in folder; invalid when it cannot be.
     UniqueFd write(const PayloadFiles::File& held, const std::string& folder);
 
@@ -84,6 +88,10 @@ private:
     bool _started = false;            // an entry runs
     size_t _bytesHeld = 0;            // written or being written, not yet taken
     bool _stop = false;
+    bool _threadWaiting = false;   // and for these:
+    bool _waitsForEntries = false; // (else for bytes)
+    size_t _threadIndex = 0;       // the entry it would write next
+    size_t _roomNeeded = 0;        // that entry's bytes
     std::atomic<size_t> _written{0};
     std::thread _thread;
 };

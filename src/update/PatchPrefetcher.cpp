@@ -63,6 +63,7 @@ PatchPrefetcher::~PatchPrefetcher() {
 }
 
 void PatchPrefetcher::entryStarting(size_t index) {
+    bool wake = false;
     {
         const std::lock_guard lock(_mutex);
         _current = index;
@@ -75,9 +76,13 @@ void PatchPrefetcher::entryStarting(size_t index) {
             }
             drop(it->second);
             it = _entries.erase(it);
+            wake = true; // room for the next
         }
+        // The thread waits for room, or for the entry it would make to come.
+        wake = _threadWaitsFor != kNotWaiting && (wake || index >= _threadWaitsFor);
     }
-    _moved.notify_all();
+    if (wake)
+        _moved.notify_all();
 }
 
 void PatchPrefetcher::drop(Entry& entry) {
@@ -184,10 +189,12 @@ void PatchPrefetcher::run() {
         {
             // Room for it among the new files not yet taken, unless its entry comes first.
             std::unique_lock lock(_mutex);
+            _threadWaitsFor = index;
             _moved.wait(lock, [&] {
                 return _stop || (_started && _current >= index) ||
                        _bytesHeld + *newSize <= _bytesAhead;
             });
+            _threadWaitsFor = kNotWaiting;
             if (_stop)
                 break;
             if (_started && _current >= index)

@@ -100,6 +100,8 @@ private:
     size_t _current = 0;              // the entry running now
     bool _started = false;            // an entry runs
     size_t _bytesHeld = 0;            // new files made or being made, not yet taken
+    static constexpr size_t kNotWaiting = SIZE_MAX;
+    size_t _threadWaitsFor = kNotWaiting; // the entry the thread would make, while it waits
     std::atomic<bool> _stop{false};
     std::atomic<int> _waiting{0}; // entries waiting for a new file being made
     std::atomic<size_t> _made{0};
