@@ -215,7 +215,8 @@ int32_t CmdInterface::performEntry(const FileOperationInfo& info) {
     const std::string& operation = info.Operation;
     const bool touchWanted = EqualsIgnoringCase(info.Touch, "TRUE");
     _undoWritten = false;
-    _destinationExisted = PathExistsNoFollow(info.DestinationPath);
+    struct stat installed {};
+    _destinationExisted = ::lstat(info.DestinationPath.c_str(), &installed) == 0;
     _files.noteChangeAt(info.DestinationPath);
     if (!IsAbsentField(info.RenamePath))
         _files.noteChangeAt(info.RenamePath);
@@ -226,7 +227,8 @@ int32_t CmdInterface::performEntry(const FileOperationInfo& info) {
         _backupName = nextBackupName(info.DestinationPath, info.ObjectName);
         FileOperationInfo kept = info;
         kept.ObjectName = _backupName;
-        if (_rollBackHandler->backupFileOperation(kept) != 0) {
+        if (_rollBackHandler->backupFileOperation(kept, _destinationExisted ? &installed
+                                                                            : nullptr) != 0) {
             NSLevelledLog(3, "Failed to perform \"%@\" file Operation", operation);
             return 1;
         }

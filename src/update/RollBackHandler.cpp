@@ -63,10 +63,17 @@ RollBackHandler::RollBackHandler(std::string backupDir, FileSystem& fileSystem)
 // Backup copies
 
 int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info) {
+    struct stat installed {};
+    return backupFileOperation(
+        info, ::lstat(info.DestinationPath.c_str(), &installed) == 0 ? &installed : nullptr);
+}
+
+int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info,
+                                             const struct stat* installed) {
     const std::string& destination = info.DestinationPath;
-    struct stat entry {};
-    if (::lstat(destination.c_str(), &entry) != 0)
+    if (!installed)
         return 0; // nothing installed, nothing to keep
+    const struct stat& entry = *installed;
     // A link is kept as a link, whatever it points to, so that the replay can put it back
     // as it was; a real folder is not a file entry's business.
     if (!S_ISLNK(entry.st_mode) && S_ISDIR(entry.st_mode))
@@ -76,15 +83,14 @@ int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info) {
     const std::string folder = ParentPath(backup);
     if (!folder.empty() && folder != _backupDir)
         (void)_files.createDirectoryAtPath(folder); // a failure shows in the copy
-    if (PathExistsNoFollow(backup)) {
-        NSLevelledLog(3, "File copy operation failed.");
-        NSLevelledLog(0, "Cannot keep \"%@\": the backup \"%@\" exists already", destination,
-                      backup);
-        return 1;
-    }
     if (!keep(destination, entry, backup)) {
         const int error = errno;
         NSLevelledLog(3, "File copy operation failed.");
+        if (error == EEXIST) {
+            NSLevelledLog(0, "Cannot keep \"%@\": the backup \"%@\" exists already", destination,
+                          backup);
+            return 1;
+        }
         NSLevelledLog(0, "Cannot keep \"%@\" as \"%@\": %@", destination, backup,
                       std::string(std::strerror(error)));
         return 1;
@@ -104,12 +110,16 @@ bool RollBackHandler::keep(const std::string& destination, const struct stat& en
     // change, and its entry would read the file again.
     const std::optional<std::string> known =
         S_ISREG(entry.st_mode) ? MD5cksum::awaitedChecksumOfFile(destination, entry) : std::nullopt;
-    if (S_ISREG(entry.st_mode) && _fs.link(destination, backup)) {
+    // Never over a backup of that name (a second name fails then with EEXIST, as a copy does).
+    const bool linked = S_ISREG(entry.st_mode) && _fs.link(destination, backup);
+    if (!linked && S_ISREG(entry.st_mode) && errno == EEXIST)
+        return false;
+    if (linked) {
         kept = true;
-        struct stat linked {};
-        if (known && ::lstat(backup.c_str(), &linked) == 0) {
-            MD5cksum::rememberChecksumOfFile(backup, linked, *known);
-            MD5cksum::rememberChecksumOfFile(destination, linked, *known);
+        struct stat both {};
+        if (known && ::lstat(backup.c_str(), &both) == 0) {
+            MD5cksum::rememberChecksumOfFile(backup, both, *known);
+            MD5cksum::rememberChecksumOfFile(destination, both, *known);
         }
     } else {
         // A copy, synced, with its checksum taken on the way. It gets the installed file's

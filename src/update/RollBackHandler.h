@@ -47,6 +47,10 @@ public:
     // Symbolic links are kept as links. The backup (its name, a copy's bytes) is synced to
     // disk, unless syncs are deferred.
     [[nodiscard]] int32_t backupFileOperation(const FileOperationInfo& info);
+    // The same with the destination's lstat taken by the caller just before (nullptr: it does
+    // not exist).
+    [[nodiscard]] int32_t backupFileOperation(const FileOperationInfo& info,
+                                              const struct stat* installed);
 
     // Journals the inverse of a file change that is about to be made, from the backup
     // ObjectName names (or its absence): the file's content, owner, group and mode before the

@@ -336,6 +336,14 @@ TEST_F(RollBackHandlerTest, BackupCopies) {
              return t.file("app/file.txt");
          },
          1, "first state\n", true},
+        {"OlderBackupOfALinkIsKept", "link",
+         [](TempDir& t) {
+             EXPECT_TRUE(FileManager().createDirectoryAtPath(t.file("app")));
+             EXPECT_EQ(::symlink("Versions/B", t.file("app/link").c_str()), 0);
+             EXPECT_EQ(::symlink("Versions/A", t.file("backup/link").c_str()), 0);
+             return t.file("app/link");
+         },
+         1, "L:Versions/A", true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -364,6 +372,10 @@ TEST_F(RollBackHandlerTest, BackupCopies) {
                                      "\" to \"" + backup + "\" "));
         }
         EXPECT_EQ(log.contains("File copy operation failed."), c.copyFailedLogged);
+        if (c.name.rfind("Older", 0) == 0) {
+            EXPECT_TRUE(log.contains("Cannot keep \"" + info.DestinationPath + "\": the backup \"" +
+                                     backup + "\" exists already"));
+        }
     }
 }
 
