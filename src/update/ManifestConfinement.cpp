@@ -62,6 +62,22 @@ std::optional<std::string> ManifestConfinement::useProblem(const std::string& pa
     return std::nullopt;
 }
 
+std::optional<std::string>
+ManifestConfinement::useProblem(const std::string& path,
+                                std::unordered_set<std::string>& linkFree) const {
+    std::string expanded;
+    std::string base;
+    if (auto problem = pathProblem(path, &expanded, &base))
+        return problem;
+    const std::string folder = ParentPath(expanded);
+    if (linkFree.count(folder))
+        return std::nullopt;
+    if (auto link = linkOnTheWay(base, expanded))
+        return ThroughLink(path, *link);
+    linkFree.insert(folder);
+    return std::nullopt;
+}
+
 std::vector<std::string> ManifestConfinement::folders() const {
     std::vector<std::string> folders;
     auto add = [&](std::string folder) {

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 class DirTokenResolver;
@@ -31,6 +32,11 @@ public:
     // Why the manifest path may not be used now: pathProblem's reason, or the symbolic link
     // on its way below the token's folder (linkOnTheWay); nothing when it may.
     [[nodiscard]] std::optional<std::string> useProblem(const std::string& path) const;
+    // The same, skipping the look for links in a folder found free of them since the caller
+    // last emptied linkFree (it adds each folder it finds so). The caller empties it whenever
+    // something may have put a link among those folders.
+    [[nodiscard]] std::optional<std::string>
+    useProblem(const std::string& path, std::unordered_set<std::string>& linkFree) const;
 
     // The folders the tokens name (the installed application's among them), where the file
     // system is to reach paths without following links (RealFileSystem::confineBelow).

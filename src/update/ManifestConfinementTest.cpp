@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <unistd.h>
+#include <unordered_set>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -87,6 +88,30 @@ TEST_F(ManifestConfinementTest, ALinkOnTheWayIsFoundButNotTheLastComponent) {
     // The token's own folder may be reached through links of the system's.
     ASSERT_EQ(::symlink(_app.c_str(), _dir.file("SuiteLink").c_str()), 0);
     EXPECT_FALSE(C::linkOnTheWay(_dir.file("SuiteLink"), _dir.file("SuiteLink/Editor.app/x")));
+}
+
+// Folders found free of links are not looked at again until the caller forgets them.
+TEST_F(ManifestConfinementTest, AFolderFoundFreeOfLinksIsLookedAtAgainOnlyOnceForgotten) {
+    fs::create_directories(_app + "/Editor.app/Contents/Resources");
+    fs::create_directories(_dir.file("elsewhere"));
+    const ManifestConfinement confinement(_resolver, _app);
+    std::unordered_set<std::string> linkFree;
+    const std::string path = "[INSTALLDIR]/Editor.app/Contents/Resources/file.txt";
+    EXPECT_FALSE(confinement.useProblem(path, linkFree));
+    EXPECT_EQ(linkFree.count(_app + "/Editor.app/Contents/Resources"), 1u);
+
+    // A link put in place of the folder since: not seen while the folder is remembered...
+    fs::rename(_app + "/Editor.app/Contents/Resources", _dir.file("moved"));
+    ASSERT_EQ(::symlink(_dir.file("elsewhere").c_str(),
+                        (_app + "/Editor.app/Contents/Resources").c_str()),
+              0);
+    EXPECT_FALSE(confinement.useProblem(path, linkFree));
+    // ...found once it is forgotten, and as without remembering.
+    linkFree.clear();
+    const auto problem = confinement.useProblem(path, linkFree);
+    ASSERT_TRUE(problem);
+    EXPECT_EQ(problem, confinement.useProblem(path));
+    EXPECT_TRUE(linkFree.empty());
 }
 
 TEST_F(ManifestConfinementTest, EveryPathOfEverySetIsCheckedBeforeAnythingIsTouched) {

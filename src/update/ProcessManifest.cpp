@@ -384,6 +384,7 @@ bool ProcessManifest::progressStep(ProgressWindowController* progress,
 
 std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* /*worker*/) {
     _earlyPrefetcher.reset();
+    _linkFreeFolders.clear();
     ChecksumPrefetcher prefetcher(filesToChecksumAhead(work));
     PatchPrefetcher patches(patchesToMakeAhead(work));
     HeldFileWriter heldFiles(heldCopiesToWriteAhead(work));
@@ -467,6 +468,8 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
             return kUserCancelled;
 
         const int32_t status = commands.performFileUpdationWithInfo(info);
+        if (mayPutALink(info, commands.payloadDir()))
+            _linkFreeFolders.clear();
         recordOperation(info.Operation, info.DestinationPath, status);
         if (status == 1)
             return kPermanentError;
@@ -476,13 +479,26 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
     return commands.finishGroup() == 0 ? kSuccessful : kPermanentError;
 }
 
-bool ProcessManifest::pathStaysConfined(const WorkDictionary& work, const std::string& path) const {
+bool ProcessManifest::mayPutALink(const FileOperationInfo& info, const std::string& payloadDir) {
+    // A patch, a removal, and a copy of a payload file held in memory (a regular file) put
+    // none; a copy of an unpacked payload file may copy a link, and the rest may make or move
+    // one.
+    const std::string& operation = info.Operation;
+    if (EqualsIgnoringCase(operation, "PATCH") || EqualsIgnoringCase(operation, "REMOVE"))
+        return false;
+    if (EqualsIgnoringCase(operation, "ADD") || EqualsIgnoringCase(operation, "OVERWRITE"))
+        return !PayloadFiles::find(JoinPath(payloadDir, info.ObjectName));
+    return true;
+}
+
+bool ProcessManifest::pathStaysConfined(const WorkDictionary& work, const std::string& path) {
     // The journal names the paths the update itself reached, without tokens.
     if (_isProcessingRollback)
         return true;
-    // Checked again as each entry runs: an earlier entry may have put a link on the way.
+    // Checked again as each entry runs: an earlier entry may have put a link on the way (the
+    // folders found free of links are forgotten after each entry that may have).
     const std::optional<std::string> problem =
-        ManifestConfinement(*work.dirToken, work.appPath).useProblem(path);
+        ManifestConfinement(*work.dirToken, work.appPath).useProblem(path, _linkFreeFolders);
     if (problem)
         NSLevelledLog(0, "The entry is refused: %@", *problem);
     return !problem;

@@ -128,7 +128,9 @@ public:
     // True when the manifest path (tokens not expanded) is confined and reached through
     // real folders only (ManifestConfinement), or when replaying the journal; otherwise
     // false after a log line.
-    bool pathStaysConfined(const WorkDictionary& work, const std::string& path) const;
+    bool pathStaysConfined(const WorkDictionary& work, const std::string& path);
+    // Whether the entry may have put a symbolic link into the installation.
+    static bool mayPutALink(const FileOperationInfo& info, const std::string& payloadDir);
     // The journal's whole entries as a document (a torn last entry cut off, with a log
     // line); nothing when it cannot be read as a journal.
     XmlNode readJournal(const std::string& journal);
@@ -191,6 +193,8 @@ private:
     // stop; the file set's own prefetcher takes over.
     std::unique_ptr<ChecksumPrefetcher> _earlyPrefetcher;
     std::unordered_set<std::string> _payloadFilesToHold;
+    // Folders of the installation found free of symbolic links by the entries run so far.
+    std::unordered_set<std::string> _linkFreeFolders;
     bool _isProcessingRollback = false;
     bool _isSilentInstall = false;
     int totalNodesCount = 0;
