@@ -477,10 +477,11 @@ int32_t CmdInterface::removeFileOperation(const FileOperationInfo& info) {
 int32_t CmdInterface::overwriteFileOperation(const FileOperationInfo& info) {
     const std::string& destination = info.DestinationPath;
     NSLevelledLog(3, "Overwriting file \"%@\" ", destination);
-    if (!PathExists(destination)) {
+    struct stat installed {};
+    if (::stat(destination.c_str(), &installed) != 0) {
         NSLevelledLog(3, "Destination file does not exist. Simply adding the new file...");
     } else {
-        const auto checksum = MD5cksum::getMD5cksumOfFile(destination, *_fs);
+        const auto checksum = MD5cksum::getMD5cksumOfFile(destination, *_fs, installed);
         if (!ChecksumMatches(checksum, info.BeforePatch)) {
             if (ChecksumMatches(checksum, info.AfterPatch)) {
                 LogNoNeed(info);

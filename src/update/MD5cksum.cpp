@@ -197,19 +197,25 @@ std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::optional<std::
         NSLevelledLog(3, "File does not exist");
         return std::nullopt;
     }
-    if (auto remembered = awaitedChecksumOfFile(*path, info))
-        return logChecksumOfFile(*path, remembered);
-    const UniqueFd fd = fileSystem.openForReading(*path);
+    return getMD5cksumOfFile(*path, fileSystem, info);
+}
+
+std::optional<std::string> MD5cksum::getMD5cksumOfFile(const std::string& path,
+                                                       FileSystem& fileSystem,
+                                                       const struct stat& info) {
+    if (auto remembered = awaitedChecksumOfFile(path, info))
+        return logChecksumOfFile(path, remembered);
+    const UniqueFd fd = fileSystem.openForReading(path);
     if (!fd.valid())
-        return logChecksumOfFile(*path, std::nullopt);
+        return logChecksumOfFile(path, std::nullopt);
     ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     const auto digest = Md5OfDescriptor(fd.get());
     // Read once: asked again (for its backup's name too) while it stays as it was, the file
     // is answered from memory.
     struct stat before {
     }, after{};
-    if (digest && ::fstat(fd.get(), &after) == 0 && ::stat(path->c_str(), &before) == 0 &&
+    if (digest && ::fstat(fd.get(), &after) == 0 && ::stat(path.c_str(), &before) == 0 &&
         sameFileState(info, after) && sameFileState(before, after))
-        rememberChecksumOfFile(*path, after, *digest);
-    return logChecksumOfFile(*path, digest);
+        rememberChecksumOfFile(path, after, *digest);
+    return logChecksumOfFile(path, digest);
 }

@@ -25,6 +25,9 @@ public:
     // As above, the file opened through fileSystem.
     [[nodiscard]] static std::optional<std::string>
     getMD5cksumOfFile(const std::optional<std::string>& path, FileSystem& fileSystem);
+    // The same for a file whose stat the caller took just before (info).
+    [[nodiscard]] static std::optional<std::string>
+    getMD5cksumOfFile(const std::string& path, FileSystem& fileSystem, const struct stat& info);
 
     // Remembers the checksum of a regular file whose bytes this process has just read or
     // written whole (a copy, a patch output); identity is the file's fstat taken after the

@@ -137,16 +137,18 @@ bool RollBackHandler::keep(const std::string& destination, const struct stat& en
 
 bool RollBackHandler::addUndoFileCommand(const FileOperationInfo& info) {
     const std::string backup = JoinPath(_backupDir, info.ObjectName);
-    struct stat linkInfo {};
-    const bool backupIsLink = ::lstat(backup.c_str(), &linkInfo) == 0 && S_ISLNK(linkInfo.st_mode);
+    // The backup is what the backup folder holds under that name: a file, or a link kept as
+    // a link (never followed).
+    struct stat backupInfo {};
+    const bool backupFound = ::lstat(backup.c_str(), &backupInfo) == 0;
+    const bool backupIsLink = backupFound && S_ISLNK(backupInfo.st_mode);
     std::string linkTarget;
     if (backupIsLink)
         linkTarget = _fs.readLink(backup).value_or("");
-    struct stat backupInfo {};
-    const bool backupExists = !backupIsLink && ::stat(backup.c_str(), &backupInfo) == 0;
-    const bool backupPresent = backupExists || backupIsLink;
+    const bool backupExists = backupFound && !backupIsLink;
+    const bool backupPresent = backupFound;
     const std::optional<std::string> backupChecksum =
-        backupExists ? MD5cksum::getMD5cksumOfFile(backup, _fs) : std::nullopt;
+        backupExists ? MD5cksum::getMD5cksumOfFile(backup, _fs, backupInfo) : std::nullopt;
 
     const std::string& operation = info.Operation;
     std::optional<std::string> inverse;
