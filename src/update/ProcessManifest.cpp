@@ -28,6 +28,8 @@
 
 #include <chrono>
 #include <cstring>
+#include <future>
+#include <system_error>
 #include <sys/stat.h>
 #include <thread>
 
@@ -385,9 +387,23 @@ bool ProcessManifest::progressStep(ProgressWindowController* progress,
 std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* /*worker*/) {
     _earlyPrefetcher.reset();
     _linkFreeFolders.clear();
+    // The work ahead of the entries is listed on two processors: the patches and the copies
+    // on another thread while this one lists the checksums (the manifest is only read).
+    std::future<std::pair<std::vector<std::optional<PatchPrefetcher::Patch>>,
+                          std::vector<std::optional<HeldFileWriter::Copy>>>>
+        listed;
+    const auto listPatchesAndCopies = [&work] {
+        return std::make_pair(patchesToMakeAhead(work), heldCopiesToWriteAhead(work));
+    };
+    try {
+        listed = std::async(std::launch::async, listPatchesAndCopies);
+    } catch (const std::system_error&) {
+        listed = std::async(std::launch::deferred, listPatchesAndCopies); // no thread to spare
+    }
     ChecksumPrefetcher prefetcher(filesToChecksumAhead(work));
-    PatchPrefetcher patches(patchesToMakeAhead(work));
-    HeldFileWriter heldFiles(heldCopiesToWriteAhead(work));
+    auto [patchesAhead, copiesAhead] = listed.get();
+    PatchPrefetcher patches(std::move(patchesAhead));
+    HeldFileWriter heldFiles(std::move(copiesAhead));
     // Entries are prepared in groups that one sync makes durable; a set left early (a failure,
     // a cancel) drops the changes still waiting, which the journal's replay then finds unmade.
     CmdInterface& commands = *work.cmdInterface;
