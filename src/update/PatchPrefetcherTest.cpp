@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <sys/stat.h>
 #include <thread>
+#include <unordered_set>
 
 namespace {
 
@@ -223,4 +224,23 @@ TEST(PatchPrefetcherManifest, EachPatchEntryNamesItsInstalledFileAndItsPatch) {
     EXPECT_EQ(patches[2]->oldFile, "/opt/App.app/lib.so");
     EXPECT_EQ(patches[2]->patchFile, "/payload/p3.patch");
     EXPECT_FALSE(patches[3]) << "no file named";
+}
+
+// The payload files kept in memory are those that only ADD and OVERWRITE entries name, in the
+// file set or in a bundle, and only by a plain name.
+TEST(PatchPrefetcherManifest, OnlyFilesThatAreOnlyCopiedAreHeld) {
+    const std::string manifest =
+        "<Manifest><FileSet>" + FileEntryXml({"ADD", "a1", "[INSTALLDIR]/Resources", "a1"}) +
+        FileEntryXml({"overwrite", "o1", "[INSTALLDIR]/Resources", "o1"}) +
+        FileEntryXml({"PATCH", "p1.patch", "[INSTALLDIR]/MacOS", "Tool"}) +
+        FileEntryXml({"ADD", "shared", "[INSTALLDIR]/Resources", "shared"}) +
+        FileEntryXml({"ADD", "sub/x", "[INSTALLDIR]/Resources", "x"}) + "</FileSet>" +
+        BundleSetXml("[INSTALLDIR]/PlugIns/B.bundle/Contents/Info.plist", "2.0",
+                     {{"ADD", "b1", "[INSTALLDIR]/PlugIns/B.bundle/Contents", "b1"},
+                      {"BLINDOVERWRITE", "shared", "[INSTALLDIR]/PlugIns", "shared"}}) +
+        "</Manifest>";
+    const auto document = XmlDocument::parseMemory(manifest, XmlParseMode::Strict);
+    ASSERT_TRUE(document.document);
+    const auto held = ProcessManifest::payloadFilesToHold(XmlDocument::root(document.document));
+    EXPECT_EQ(held, (std::unordered_set<std::string>{"a1", "o1", "b1"}));
 }

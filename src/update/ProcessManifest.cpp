@@ -26,11 +26,12 @@
 #include "update/PayloadHandler.h"
 #include "update/RollBackHandler.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <future>
-#include <system_error>
 #include <sys/stat.h>
+#include <system_error>
 #include <thread>
 
 namespace {
@@ -572,7 +573,21 @@ std::unordered_set<std::string> ProcessManifest::payloadFilesToHold(const XmlNod
     // Only plain names: a name with folders in it could name the same file in two ways.
     std::unordered_set<std::string> copied;
     std::unordered_set<std::string> otherwiseUsed;
-    for (const XmlNode& node : Select(root, "//*[ObjectName]")) {
+    // Every element with an ObjectName ("//*[ObjectName]"), walked without XPath: its
+    // predicate on each of the manifest's tens of thousands of elements cost more than the
+    // rest of the start.
+    std::vector<XmlNode> pending{root};
+    std::vector<XmlNode> naming;
+    while (!pending.empty()) {
+        const XmlNode node = std::move(pending.back());
+        pending.pop_back();
+        const std::vector<XmlNode> children = node.childElements();
+        if (std::any_of(children.begin(), children.end(),
+                        [](const XmlNode& child) { return child.name() == "ObjectName"; }))
+            naming.push_back(node);
+        pending.insert(pending.end(), children.begin(), children.end());
+    }
+    for (const XmlNode& node : naming) {
         const auto name = SingleValue(node, "./ObjectName");
         if (!name)
             continue;
