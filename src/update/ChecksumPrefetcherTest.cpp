@@ -29,13 +29,7 @@ std::optional<std::string> Remembered(const std::string& path) {
 }
 
 bool WaitForEntries(const ChecksumPrefetcher& prefetcher, size_t entries) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (prefetcher.entriesDone() < entries) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+    return WaitUntil([&] { return prefetcher.entriesDone() >= entries; });
 }
 
 class ChecksumPrefetcherTest : public ::testing::Test {

@@ -16,13 +16,7 @@
 namespace {
 
 bool WaitForWritten(const HeldFileWriter& writer, size_t count) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (writer.written() < count) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+    return WaitUntil([&] { return writer.written() >= count; });
 }
 
 // The bytes of an unnamed file open for writing only, read back through /proc.

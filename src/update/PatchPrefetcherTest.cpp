@@ -7,6 +7,7 @@
 #include "runtime/PlatformPaths.h"
 #include "target/DirTokenResolver.h"
 #include "update/CmdInterface.h"
+#include "update/PayloadFiles.h"
 #include "update/ProcessManifest.h"
 
 #include <gtest/gtest.h>
@@ -20,13 +21,7 @@
 namespace {
 
 bool WaitForMade(const PatchPrefetcher& patches, size_t count) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (patches.made() < count) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+    return WaitUntil([&] { return patches.made() >= count; });
 }
 
 // The bytes of a new file, in memory or written ahead (read back through /proc: the unnamed
@@ -214,7 +209,7 @@ TEST(PatchPrefetcherManifest, EachPatchEntryNamesItsInstalledFileAndItsPatch) {
     work.cmdInterface = &cmd;
     work.dirToken = &tokens;
     work.workingNodesArray = XmlDocument::root(document.document).select("/Manifest/FileSet/File");
-    const auto patches = ProcessManifest::patchesToMakeAhead(work);
+    const auto patches = ProcessManifest::workAhead(work).patches;
     ASSERT_EQ(patches.size(), 4u);
     ASSERT_TRUE(patches[0]);
     EXPECT_EQ(patches[0]->oldFile, "/opt/App.app/MacOS/Tool");
@@ -224,6 +219,19 @@ TEST(PatchPrefetcherManifest, EachPatchEntryNamesItsInstalledFileAndItsPatch) {
     EXPECT_EQ(patches[2]->oldFile, "/opt/App.app/lib.so");
     EXPECT_EQ(patches[2]->patchFile, "/payload/p3.patch");
     EXPECT_FALSE(patches[3]) << "no file named";
+
+    // A copy is written ahead only from a payload file held in memory.
+    EXPECT_FALSE(ProcessManifest::workAhead(work).copies[1]);
+    PayloadFiles::File held;
+    held.bytes = std::make_shared<uint8_t[]>(1);
+    PayloadFiles::hold("/payload/a2", std::move(held));
+    const auto copies = ProcessManifest::workAhead(work).copies;
+    PayloadFiles::forget("/payload/a2");
+    ASSERT_EQ(copies.size(), 4u);
+    ASSERT_TRUE(copies[1]);
+    EXPECT_EQ(copies[1]->source, "/payload/a2");
+    EXPECT_EQ(copies[1]->folder, "/opt/App.app/Resources");
+    EXPECT_FALSE(copies[0]) << "a patch";
 }
 
 // The payload files kept in memory are those that only ADD and OVERWRITE entries name, in the

@@ -390,21 +390,16 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
     _linkFreeFolders.clear();
     // The work ahead of the entries is listed on two processors: the patches and the copies
     // on another thread while this one lists the checksums (the manifest is only read).
-    std::future<std::pair<std::vector<std::optional<PatchPrefetcher::Patch>>,
-                          std::vector<std::optional<HeldFileWriter::Copy>>>>
-        listed;
-    const auto listPatchesAndCopies = [&work] {
-        return std::make_pair(patchesToMakeAhead(work), heldCopiesToWriteAhead(work));
-    };
+    std::future<WorkAhead> listed;
     try {
-        listed = std::async(std::launch::async, listPatchesAndCopies);
+        listed = std::async(std::launch::async, [&work] { return workAhead(work); });
     } catch (const std::system_error&) {
-        listed = std::async(std::launch::deferred, listPatchesAndCopies); // no thread to spare
+        listed = std::async(std::launch::deferred, [&work] { return workAhead(work); });
     }
     ChecksumPrefetcher prefetcher(filesToChecksumAhead(work));
-    auto [patchesAhead, copiesAhead] = listed.get();
-    PatchPrefetcher patches(std::move(patchesAhead));
-    HeldFileWriter heldFiles(std::move(copiesAhead));
+    WorkAhead ahead = listed.get();
+    PatchPrefetcher patches(std::move(ahead.patches));
+    HeldFileWriter heldFiles(std::move(ahead.copies));
     // Entries are prepared in groups that one sync makes durable; a set left early (a failure,
     // a cancel) drops the changes still waiting, which the journal's replay then finds unmade.
     CmdInterface& commands = *work.cmdInterface;
@@ -603,47 +598,34 @@ std::unordered_set<std::string> ProcessManifest::payloadFilesToHold(const XmlNod
     return copied;
 }
 
-std::vector<std::optional<PatchPrefetcher::Patch>>
-ProcessManifest::patchesToMakeAhead(const WorkDictionary& work) {
-    // A guess like the checksums': an entry takes a new file made ahead only when it patches
-    // the same files.
-    std::vector<std::optional<PatchPrefetcher::Patch>> patches;
-    patches.reserve(work.workingNodesArray.size());
+ProcessManifest::WorkAhead ProcessManifest::workAhead(const WorkDictionary& work) {
+    // Guesses like the checksums': an entry takes a new file made ahead only when it patches
+    // the same files, a file written ahead only when it copies the same payload file into
+    // the same folder.
+    WorkAhead ahead;
+    ahead.patches.reserve(work.workingNodesArray.size());
+    ahead.copies.reserve(work.workingNodesArray.size());
     const std::string payloadDir = work.cmdInterface->payloadDir();
     for (const XmlNode& node : work.workingNodesArray) {
-        auto& patch = patches.emplace_back();
-        if (!EqualsIgnoringCase(SingleValue(node, "./Operation").value_or(""), "PATCH"))
-            continue;
-        const auto objectName = SingleValue(node, "./ObjectName");
-        auto oldFile = defaultPathOf(node, "./DestinationPath", *work.dirToken, work.appPath);
-        if (objectName && oldFile)
-            patch = PatchPrefetcher::Patch{std::move(*oldFile), JoinPath(payloadDir, *objectName)};
-    }
-    return patches;
-}
-
-std::vector<std::optional<HeldFileWriter::Copy>>
-ProcessManifest::heldCopiesToWriteAhead(const WorkDictionary& work) {
-    // A guess too: an entry takes a file written ahead only when it copies the same payload
-    // file into the same folder.
-    std::vector<std::optional<HeldFileWriter::Copy>> copies;
-    copies.reserve(work.workingNodesArray.size());
-    const std::string payloadDir = work.cmdInterface->payloadDir();
-    for (const XmlNode& node : work.workingNodesArray) {
-        auto& copy = copies.emplace_back();
+        auto& patch = ahead.patches.emplace_back();
+        auto& copy = ahead.copies.emplace_back();
         const std::string operation = SingleValue(node, "./Operation").value_or("");
-        if (!EqualsIgnoringCase(operation, "ADD") && !EqualsIgnoringCase(operation, "OVERWRITE"))
+        const bool patches = EqualsIgnoringCase(operation, "PATCH");
+        const bool copies =
+            EqualsIgnoringCase(operation, "ADD") || EqualsIgnoringCase(operation, "OVERWRITE");
+        if (!patches && !copies)
             continue;
         const auto objectName = SingleValue(node, "./ObjectName");
-        const auto destination =
-            defaultPathOf(node, "./DestinationPath", *work.dirToken, work.appPath);
+        auto destination = defaultPathOf(node, "./DestinationPath", *work.dirToken, work.appPath);
         if (!objectName || !destination)
             continue;
         std::string source = JoinPath(payloadDir, *objectName);
-        if (PayloadFiles::find(source))
+        if (patches)
+            patch = PatchPrefetcher::Patch{std::move(*destination), std::move(source)};
+        else if (PayloadFiles::find(source))
             copy = HeldFileWriter::Copy{std::move(source), ParentPath(*destination)};
     }
-    return copies;
+    return ahead;
 }
 
 std::string ProcessManifest::processBundleSet(WorkDictionary& work, ThreadWorker* worker) {

@@ -115,12 +115,14 @@ public:
     // Starts making the new patch history (OrvelCodeFileHandler::preparePatcherEntry) on
     // another thread, when this run will record the patch.
     void prepareHistoryAhead();
-    // For each file entry, the patch it is likely to apply (from its default name).
-    static std::vector<std::optional<PatchPrefetcher::Patch>>
-    patchesToMakeAhead(const WorkDictionary& work);
-    // For each file entry, the payload file held in memory it is likely to copy, and where.
-    static std::vector<std::optional<HeldFileWriter::Copy>>
-    heldCopiesToWriteAhead(const WorkDictionary& work);
+    // For each file entry, the work that may be done ahead of it (from its default names):
+    // the patch it is likely to apply, and the payload file held in memory it is likely to
+    // copy, and into which folder.
+    struct WorkAhead {
+        std::vector<std::optional<PatchPrefetcher::Patch>> patches;
+        std::vector<std::optional<HeldFileWriter::Copy>> copies;
+    };
+    static WorkAhead workAhead(const WorkDictionary& work);
     std::string processBundleSet(WorkDictionary& work, ThreadWorker* worker);
     std::string processDirectorySet(WorkDictionary& work, ThreadWorker* worker);
     // Replays the journal in the backup folder.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <unistd.h>
@@ -29,6 +30,9 @@ std::string ReadTextFile(const std::string& path);
 // size bytes of every value, the same for the same seed.
 std::string RandomText(size_t size, unsigned seed);
 bool FileExists(const std::string& path);
+// Polls done every 2 ms until it is true (true) or 20 seconds have passed (false): for work
+// that another thread does.
+bool WaitUntil(const std::function<bool()>& done);
 void RemoveTree(const std::string& path);
 
 // Every entry below root (links not followed): relative path -> "file:<md5>", "link:<target>"
