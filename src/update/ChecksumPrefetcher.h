@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "update/MD5cksum.h"
+
 // Works out, on a thread of its own, the checksums the file set is about to ask for: those
 // of the installed files its entries back up and replace, and of the payload files they
 // copy in. The file operations run one after the other on one thread, and most of their
@@ -46,10 +48,11 @@ public:
     // The thread is woken when this many entries have started since (fewer when it reads
     // only a few entries ahead).
     static constexpr size_t kEntriesPerWakeUp = 16;
-    // Before the file set starts (while the payload is unpacked) the installed files are
-    // read this far: as many as MD5cksum remembers, with room for those of the running
-    // entries.
-    static constexpr size_t kEntriesBeforeStart = 1024;
+    // Before the file set starts (while the payload is unpacked, with a processor to spare)
+    // the installed files are read this far: an entry names one or two of them, so they take
+    // at most what MD5cksum remembers, and leave room for the payload files and those of the
+    // running entries.
+    static constexpr size_t kEntriesBeforeStart = MD5cksum::kRememberedFiles / 2;
 
 private:
     void run();

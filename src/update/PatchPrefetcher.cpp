@@ -8,6 +8,7 @@
 #include "system/FileSystem.h"
 #include "update/MD5cksum.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -38,8 +39,9 @@ struct PatchFd {
 } // namespace
 
 PatchPrefetcher::PatchPrefetcher(std::vector<std::optional<Patch>> patchPerEntry, size_t bytesAhead,
-                                 FileSystem& files)
-    : _patches(std::move(patchPerEntry)), _bytesAhead(bytesAhead), _files(files) {
+                                 FileSystem& files, bool writingAhead)
+    : _patches(std::move(patchPerEntry)), _bytesAhead(bytesAhead), _files(files),
+      _writingAhead(writingAhead) {
     bool any = false;
     for (const auto& patch : _patches)
         any = any || patch.has_value();
@@ -60,6 +62,52 @@ PatchPrefetcher::~PatchPrefetcher() {
     _moved.notify_all();
     if (_thread.joinable())
         _thread.join();
+}
+
+void PatchPrefetcher::startWritingAhead() {
+    {
+        const std::lock_guard lock(_mutex);
+        if (_writingAhead)
+            return;
+        _writingAhead = true;
+        _writeOutWanted = true;
+    }
+    _moved.notify_all();
+}
+
+void PatchPrefetcher::writeOutMade() {
+    // In the entries' order, each once (one that cannot be written stays in memory).
+    for (size_t from = 0;;) {
+        size_t index = 0;
+        Entry entry;
+        {
+            const std::lock_guard lock(_mutex);
+            const auto it =
+                std::find_if(_entries.lower_bound(from), _entries.end(), [](const auto& held) {
+                    return held.second.state == State::Made && held.second.newFile.bytes;
+                });
+            if (_stop || it == _entries.end())
+                return;
+            index = it->first;
+            from = index + 1;
+            entry = std::move(it->second);
+            it->second = Entry{};
+            it->second.state = State::Making; // an entry that wants it waits meanwhile
+        }
+        writeAhead(entry.newFile, _patches[index]->oldFile);
+        {
+            const std::lock_guard lock(_mutex);
+            const auto it = _entries.find(index);
+            if (it != _entries.end() && it->second.state == State::Making) {
+                it->second = std::move(entry);
+            } else {
+                drop(entry); // passed meanwhile
+                if (it != _entries.end())
+                    _entries.erase(it);
+            }
+        }
+        _moved.notify_all();
+    }
 }
 
 void PatchPrefetcher::entryStarting(size_t index) {
@@ -149,20 +197,36 @@ void PatchPrefetcher::run() {
             bytes.emplace_back(reinterpret_cast<const char*>(made.newFile.bytes.get()),
                                made.newFile.size);
         const std::vector<std::string> checksums = Md5OfAll(bytes);
+        bool writing = false;
+        {
+            const std::lock_guard lock(_mutex);
+            writing = _writingAhead;
+        }
         for (size_t i = 0; i < unchecked.size(); ++i) {
             auto& [index, made] = unchecked[i];
             made.newFile.checksum = checksums[i];
-            writeAhead(made.newFile, _patches[index]->oldFile);
+            if (writing)
+                writeAhead(made.newFile, _patches[index]->oldFile);
             publish(index, &made, made.newFile.size);
         }
         unchecked.clear();
         _moved.notify_all();
     };
+    // Writes out what was made in memory, once that is wanted.
+    auto writeOutWhenWanted = [&](std::unique_lock<std::mutex>& lock) {
+        if (!_writeOutWanted)
+            return;
+        _writeOutWanted = false;
+        lock.unlock();
+        writeOutMade();
+        lock.lock();
+    };
     size_t next = 0;
     for (;;) {
         size_t index = 0;
         {
-            const std::lock_guard lock(_mutex);
+            std::unique_lock lock(_mutex);
+            writeOutWhenWanted(lock);
             if (_stop)
                 break;
             if (_started)
@@ -190,10 +254,15 @@ void PatchPrefetcher::run() {
             // Room for it among the new files not yet taken, unless its entry comes first.
             std::unique_lock lock(_mutex);
             _threadWaitsFor = index;
-            _moved.wait(lock, [&] {
-                return _stop || (_started && _current >= index) ||
-                       _bytesHeld + *newSize <= _bytesAhead;
-            });
+            for (;;) {
+                _moved.wait(lock, [&] {
+                    return _stop || _writeOutWanted || (_started && _current >= index) ||
+                           _bytesHeld + *newSize <= _bytesAhead;
+                });
+                if (_stop || !_writeOutWanted)
+                    break;
+                writeOutWhenWanted(lock); // which makes no room: the memory is counted alike
+            }
             _threadWaitsFor = kNotWaiting;
             if (_stop)
                 break;
@@ -213,6 +282,12 @@ void PatchPrefetcher::run() {
             checkAndPublish();
     }
     checkAndPublish();
+    {
+        // What was made in memory while writing ahead was not allowed is written once it is.
+        std::unique_lock lock(_mutex);
+        _moved.wait(lock, [&] { return _stop || _writingAhead; });
+        writeOutWhenWanted(lock);
+    }
     // Whoever waits for an entry finds it not made.
     {
         const std::lock_guard lock(_mutex);

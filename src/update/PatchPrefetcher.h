@@ -40,6 +40,7 @@ public:
     struct Patch {
         std::string oldFile;
         std::string patchFile;
+        bool operator==(const Patch&) const = default;
     };
     using NewFile = PatchedFile;
 
@@ -49,13 +50,20 @@ public:
     // The files written ahead go through files: by default the machine's, not the seam the
     // entries use, so that a run's own calls stay the same however far ahead this thread is.
     // Any call that fails here only leaves the entry to write its file itself.
+    // Started before the installation's folders are confined (while the payload is
+    // unpacked), it keeps its new files in memory (writingAhead false) until
+    // startWritingAhead().
     explicit PatchPrefetcher(std::vector<std::optional<Patch>> patchPerEntry,
                              size_t bytesAhead = kBytesAhead,
-                             FileSystem& files = RealFileSystem::instance());
+                             FileSystem& files = RealFileSystem::instance(),
+                             bool writingAhead = true);
     // Stops the thread, dropping the patch being made.
     ~PatchPrefetcher();
     PatchPrefetcher(const PatchPrefetcher&) = delete;
     PatchPrefetcher& operator=(const PatchPrefetcher&) = delete;
+
+    // From now on new files are written ahead, those made and waiting in memory first.
+    void startWritingAhead();
 
     // Called by the file set before it runs entry `index` (counted from 0): new files of the
     // entries before it are dropped, and this entry is no longer started here.
@@ -66,6 +74,9 @@ public:
     // the ones it was made from.
     [[nodiscard]] std::optional<NewFile> take(const std::string& oldFile,
                                               const std::string& patchFile);
+
+    // The patch of each entry, as given.
+    const std::vector<std::optional<Patch>>& patches() const { return _patches; }
 
     // New files made so far, for the tests.
     size_t made() const { return _made.load(); }
@@ -87,6 +98,8 @@ private:
     // Makes the new file of a patch, outside the lock; false when it cannot be made.
     bool make(const Patch& patch, size_t newSize, BspatchOldFile& old, Entry& made);
     void drop(Entry& entry);
+    // Writes ahead the new files made while writing ahead was not allowed yet.
+    void writeOutMade();
     // Writes a new file ahead into an unnamed file beside oldFile; left in memory when it
     // cannot be.
     void writeAhead(NewFile& made, const std::string& oldFile);
@@ -102,6 +115,8 @@ private:
     size_t _bytesHeld = 0;            // new files made or being made, not yet taken
     static constexpr size_t kNotWaiting = SIZE_MAX;
     size_t _threadWaitsFor = kNotWaiting; // the entry the thread would make, while it waits
+    bool _writingAhead;                   // new files go to unnamed files once made
+    bool _writeOutWanted = false;         // new files made in memory are to be written ahead
     std::atomic<bool> _stop{false};
     std::atomic<int> _waiting{0}; // entries waiting for a new file being made
     std::atomic<size_t> _made{0};

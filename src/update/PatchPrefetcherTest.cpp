@@ -162,6 +162,35 @@ TEST_F(PatchPrefetcherTest, ANewFileThatCannotBeWrittenAheadStaysInMemory) {
     EXPECT_EQ(ReadTextFile(output), "new contents of a");
 }
 
+TEST_F(PatchPrefetcherTest, NewFilesStayInMemoryUntilWritingAheadStarts) {
+    const auto a = patch("a", RandomText(50000, 11), RandomText(50000, 12));
+    const auto b = patch("b", "old contents of b", "new contents of b");
+    const auto c = patch("c", "old contents of c", "new contents of c");
+    FaultInjectingFileSystem counting;
+    PatchPrefetcher patches({a, b, c}, PatchPrefetcher::kBytesAhead, counting, false);
+    ASSERT_TRUE(WaitForMade(patches, 3));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(counting.calls(), 0u) << "nothing written while the folders are not confined";
+
+    // Passed before writing starts, a's new file goes without ever being written; b's and
+    // c's are written ahead (an unnamed file and one write each).
+    patches.entryStarting(1);
+    patches.startWritingAhead();
+    ASSERT_TRUE(WaitUntil([&] { return counting.calls() >= 4; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(counting.calls(), 4u);
+    const auto madeB = patches.take(b.oldFile, b.patchFile);
+    ASSERT_TRUE(madeB);
+    EXPECT_TRUE(madeB->written.valid());
+    EXPECT_EQ(Text(*madeB), "new contents of b");
+    patches.entryStarting(2);
+    const auto madeC = patches.take(c.oldFile, c.patchFile);
+    ASSERT_TRUE(madeC);
+    EXPECT_TRUE(madeC->written.valid());
+    EXPECT_FALSE(madeC->bytes) << "its memory let go once written";
+    EXPECT_EQ(Text(*madeC), "new contents of c");
+}
+
 TEST_F(PatchPrefetcherTest, ADamagedPatchIsLeftToItsEntry) {
     const auto a = patch("a", "old contents of a", "new contents of a");
     const auto b = patch("b", "old contents of b", "new contents of b");

@@ -266,6 +266,7 @@ public:
     // Writes one entry, its data read from in; false with a reason when it cannot be
     // written safely and whole.
     [[nodiscard]] bool write(archive* in, archive_entry* entry, std::string& reason) {
+        _fileWritten.clear();
         const char* name = archive_entry_pathname(entry);
         _entryName = name ? name : "";
         std::string relative;
@@ -278,7 +279,7 @@ public:
             return false;
         const std::string path = _folder + "/" + relative;
         if (const char* hardlink = archive_entry_hardlink(entry))
-            return writeHardLink(in, entry, hardlink, path, reason);
+            return writeHardLink(in, entry, hardlink, path, reason) && wrote(relative);
         switch (archive_entry_filetype(entry)) {
         case AE_IFDIR:
             return writeFolder(entry, path, reason);
@@ -289,9 +290,13 @@ public:
                 archive_entry_size(entry) >= 0 &&
                 static_cast<uint64_t>(archive_entry_size(entry)) <= roomToHold())
                 return holdFile(in, entry, path, reason);
-            return writeFile(in, entry, path, reason);
+            return writeFile(in, entry, path, reason) && wrote(relative);
         }
     }
+
+    // The regular file the last write() put on disk whole (its name relative to the
+    // folder), or nothing.
+    const std::string& fileWritten() const { return _fileWritten; }
 
     // Gives the folders their modes and times, deepest first, when nothing more goes into
     // them.
@@ -312,6 +317,11 @@ private:
         mode_t mode;
         timespec times[2];
     };
+
+    bool wrote(const std::string& relative) {
+        _fileWritten = relative;
+        return true;
+    }
 
     // The name made relative to the folder with "." and empty components dropped.
     static bool confine(const std::string& name, std::string& relative, std::string& reason) {
@@ -590,6 +600,7 @@ private:
     std::map<std::string, PayloadFiles::File> _held; // read, held once the payload is whole
     uint64_t _heldBytes = 0;
     std::string _entryName;
+    std::string _fileWritten;
     std::vector<Fixup> _folders;
     const uid_t _user = ::geteuid(); // the patcher's, whose files these become
     const gid_t _group = ::getegid();
@@ -599,7 +610,8 @@ private:
 // entry that cannot be extracted safely and whole.
 bool ExtractArchive(const std::string& archivePath, const std::string& targetFolder,
                     FileSystem& fileSystem, const PayloadLimits& limits,
-                    const std::unordered_set<std::string>* heldNames, std::string& reason) {
+                    const std::unordered_set<std::string>* heldNames,
+                    const PayloadHandler::FileUnpacked& fileUnpacked, std::string& reason) {
     ArchiveReader in(archive_read_new());
     if (!in) {
         reason = "out of memory";
@@ -665,6 +677,8 @@ bool ExtractArchive(const std::string& archivePath, const std::string& targetFol
         }
         if (!writer.write(in.get(), entry, reason))
             return false;
+        if (fileUnpacked && !writer.fileWritten().empty())
+            fileUnpacked(writer.fileWritten());
     }
     if (!gzip.finish()) {
         reason = gzip.reason();
@@ -678,7 +692,8 @@ bool ExtractArchive(const std::string& archivePath, const std::string& targetFol
 int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
                                     const std::string& targetFolder, FileSystem& fileSystem,
                                     const PayloadLimits& limits,
-                                    const std::unordered_set<std::string>* heldNames) {
+                                    const std::unordered_set<std::string>* heldNames,
+                                    const FileUnpacked& fileUnpacked) {
     PayloadFiles::forgetBelow(targetFolder);
     NSFormatLogWithHeading(3, "SETUP for Update");
     const std::string archivePath = JoinPath(archiveFolder, kPayloadArchiveName);
@@ -696,7 +711,8 @@ int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
             NSLevelledLog(0, "Cannot make the working folder %@: %@", targetFolder,
                           std::string(std::strerror(errno)));
         std::string reason;
-        if (!ExtractArchive(archivePath, targetFolder, fileSystem, limits, heldNames, reason)) {
+        if (!ExtractArchive(archivePath, targetFolder, fileSystem, limits, heldNames, fileUnpacked,
+                            reason)) {
             // Half a payload is worse than none: the manifest would mix new and missing
             // files. An empty folder makes every source show up as missing.
             NSLevelledLog(0, "Failed to extract \"%@\": %@", archivePath, reason);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <unordered_set>
 
@@ -41,10 +42,18 @@ public:
     // The regular files whose names (relative to targetFolder) are in heldNames are held in
     // memory instead (PayloadFiles), with their checksums, within PayloadFiles::kHeldBytes;
     // they are held only once the whole payload is unpacked.
+    //
+    // fileUnpacked, when given, is called with the name (relative to targetFolder) of each
+    // regular file written to targetFolder, as soon as it is there whole, while the rest is
+    // unpacked: a file of the archive's beginning can be used before its end is read. (A later
+    // entry of the same name or linked to it, or a failure further on, can still change or
+    // remove it.)
+    using FileUnpacked = std::function<void(const std::string& relative)>;
     static int32_t extractFile(const std::string& archiveFolder, const std::string& targetFolder,
                                FileSystem& fileSystem,
                                const PayloadLimits& limits = PayloadLimits(),
-                               const std::unordered_set<std::string>* heldNames = nullptr);
+                               const std::unordered_set<std::string>* heldNames = nullptr,
+                               const FileUnpacked& fileUnpacked = {});
 
     // Lets go of the files held for folder, and removes folder and everything in it through
     // fileSystem (symbolic links are removed,

@@ -200,6 +200,42 @@ TEST_F(PayloadHandlerTest, FilesNamedToBeHeldStayInMemoryAndCopyAsFromDisk) {
     EXPECT_EQ(PayloadFiles::heldBytes(), 0u);
 }
 
+TEST_F(PayloadHandlerTest, EachFileWrittenIsAnnouncedWholeWhileTheRestIsUnpacked) {
+    MakeSampleTree();
+    // The archive's order: two files first, then everything (again) in find's order.
+    MakePayload(_stage, "{ echo private; echo App.app/Contents/MacOS/tool; find .; }");
+    const std::unordered_set<std::string> held = {"empty"};
+    std::vector<std::string> announced;
+    std::map<std::string, std::string> contents;
+    const auto fileUnpacked = [&](const std::string& relative) {
+        announced.push_back(relative);
+        contents[relative] = ReadTextFile(_payload + "/" + relative);
+        // The first is announced before the entries after it are unpacked.
+        if (announced.size() == 1) {
+            EXPECT_FALSE(fs::exists(_payload + "/hard1"));
+        }
+    };
+    ASSERT_EQ(PayloadHandler::extractFile(_resources, _payload, RealFileSystem::instance(),
+                                          PayloadLimits(), &held, fileUnpacked),
+              0);
+    ASSERT_GE(announced.size(), 2u);
+    EXPECT_EQ(announced[0], "private");
+    EXPECT_EQ(announced[1], "App.app/Contents/MacOS/tool");
+    // Whole when announced (but for hard links: cpio carries their data with the last name);
+    // folders, symbolic links and files held in memory are not announced.
+    for (const auto& [relative, content] : contents) {
+        if (relative != "hard1" && relative != "hard2") {
+            EXPECT_EQ(content, ReadTextFile(_stage + "/" + relative)) << relative;
+        }
+    }
+    for (const std::string name : {"readonly/inner.txt", "hard1", "hard2",
+                                   "dir with space/file name with space.txt", "private"})
+        EXPECT_EQ(contents.count(name), 1u) << name;
+    for (const std::string name :
+         {"empty", "App.app/Contents/Resources/current", "readonly", "App.app"})
+        EXPECT_EQ(contents.count(name), 0u) << name;
+}
+
 // A payload refused part way holds nothing, as it leaves nothing on disk.
 TEST_F(PayloadHandlerTest, ARefusedPayloadHoldsNothing) {
     WriteTextFile(_stage + "/good", "good\n");

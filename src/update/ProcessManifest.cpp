@@ -97,13 +97,22 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
       _appPath(std::move(appPath)), _resourceDir(std::move(resourceDir)), _dataLoader(dataLoader),
       _environment(std::move(environment)), _isSilentInstall(_environment.silent) {
     totalNodesCount = 0;
-    // The installed files are read on another processor while this one unpacks the payload.
-    // (Read quietly: a manifest that cannot be read is reported when the update starts.)
+    // The installed files are read on another processor while this one unpacks the payload,
+    // and the patches are made there as soon as their files are unpacked (mkpatcher puts them
+    // first). (Read quietly: a manifest that cannot be read is reported when the update
+    // starts.)
+    std::vector<std::optional<PatchPrefetcher::Patch>> patches;
+    std::unordered_set<std::string> patchFilesToCome;
     const auto parsed = XmlDocument::parseFile(_manifestFile);
     if (parsed.errors.empty() && parsed.document) {
         const XmlNode root = XmlDocument::root(parsed.document);
         const DirTokenResolver dirToken(_environment.paths);
         std::vector<XmlNode> entries = Select(root, "/Manifest/FileSet/File");
+        patches = workAhead(entries, dirToken, _appPath, _payloadDir).patches;
+        for (const auto& patch : patches) {
+            if (patch)
+                patchFilesToCome.insert(patch->patchFile);
+        }
         for (const XmlNode& file : Select(root, "/Manifest/BundleSet/Bundle/File"))
             entries.push_back(file);
         _earlyPrefetcher = std::make_unique<ChecksumPrefetcher>(
@@ -111,11 +120,19 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
             ChecksumPrefetcher::kEntriesBeforeStart, true);
         _payloadFilesToHold = payloadFilesToHold(root);
     }
+    const auto patchFileUnpacked = [&](const std::string& relative) {
+        if (patchFilesToCome.erase(JoinPath(_payloadDir, relative)) != 0 &&
+            patchFilesToCome.empty())
+            _earlyPatches =
+                std::make_unique<PatchPrefetcher>(std::move(patches), PatchPrefetcher::kBytesAhead,
+                                                  RealFileSystem::instance(), false);
+    };
     if (_environment.recorder)
         _environment.recorder->progress("extracting", 0, 0,
                                         JoinPath(_resourceDir, "Payload.cpio.gz"));
-    (void)PayloadHandler::extractFile(_resourceDir, _payloadDir, fileSystem(), PayloadLimits(),
-                                      &_payloadFilesToHold);
+    (void)PayloadHandler::extractFile(
+        _resourceDir, _payloadDir, fileSystem(), PayloadLimits(), &_payloadFilesToHold,
+        patchFilesToCome.empty() ? PayloadHandler::FileUnpacked{} : patchFileUnpacked);
     if (_environment.state) {
         _backupDir = _environment.record.backupFolder;
     } else {
@@ -398,7 +415,14 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
     }
     ChecksumPrefetcher prefetcher(filesToChecksumAhead(work));
     WorkAhead ahead = listed.get();
-    PatchPrefetcher patches(std::move(ahead.patches));
+    // The patches started while the payload was unpacked go on when they are this set's,
+    // and write their new files ahead from now on: the manifest's paths have been checked and
+    // the installation's folders are reached only through the confinement.
+    std::unique_ptr<PatchPrefetcher> madeAhead = std::move(_earlyPatches);
+    if (!madeAhead || madeAhead->patches() != ahead.patches)
+        madeAhead = std::make_unique<PatchPrefetcher>(std::move(ahead.patches));
+    PatchPrefetcher& patches = *madeAhead;
+    patches.startWritingAhead();
     HeldFileWriter heldFiles(std::move(ahead.copies));
     // Entries are prepared in groups that one sync makes durable; a set left early (a failure,
     // a cancel) drops the changes still waiting, which the journal's replay then finds unmade.
@@ -599,14 +623,21 @@ std::unordered_set<std::string> ProcessManifest::payloadFilesToHold(const XmlNod
 }
 
 ProcessManifest::WorkAhead ProcessManifest::workAhead(const WorkDictionary& work) {
+    return workAhead(work.workingNodesArray, *work.dirToken, work.appPath,
+                     work.cmdInterface->payloadDir());
+}
+
+ProcessManifest::WorkAhead ProcessManifest::workAhead(const std::vector<XmlNode>& entries,
+                                                      const DirTokenResolver& dirToken,
+                                                      const std::string& appPath,
+                                                      const std::string& payloadDir) {
     // Guesses like the checksums': an entry takes a new file made ahead only when it patches
     // the same files, a file written ahead only when it copies the same payload file into
     // the same folder.
     WorkAhead ahead;
-    ahead.patches.reserve(work.workingNodesArray.size());
-    ahead.copies.reserve(work.workingNodesArray.size());
-    const std::string payloadDir = work.cmdInterface->payloadDir();
-    for (const XmlNode& node : work.workingNodesArray) {
+    ahead.patches.reserve(entries.size());
+    ahead.copies.reserve(entries.size());
+    for (const XmlNode& node : entries) {
         auto& patch = ahead.patches.emplace_back();
         auto& copy = ahead.copies.emplace_back();
         const std::string operation = SingleValue(node, "./Operation").value_or("");
@@ -616,7 +647,7 @@ ProcessManifest::WorkAhead ProcessManifest::workAhead(const WorkDictionary& work
         if (!patches && !copies)
             continue;
         const auto objectName = SingleValue(node, "./ObjectName");
-        auto destination = defaultPathOf(node, "./DestinationPath", *work.dirToken, work.appPath);
+        auto destination = defaultPathOf(node, "./DestinationPath", dirToken, appPath);
         if (!objectName || !destination)
             continue;
         std::string source = JoinPath(payloadDir, *objectName);

@@ -123,6 +123,10 @@ public:
         std::vector<std::optional<HeldFileWriter::Copy>> copies;
     };
     static WorkAhead workAhead(const WorkDictionary& work);
+    // The same for any file entries (a payload file not held yet is copied by its entry).
+    static WorkAhead workAhead(const std::vector<XmlNode>& entries,
+                               const DirTokenResolver& dirToken, const std::string& appPath,
+                               const std::string& payloadDir);
     std::string processBundleSet(WorkDictionary& work, ThreadWorker* worker);
     std::string processDirectorySet(WorkDictionary& work, ThreadWorker* worker);
     // Replays the journal in the backup folder.
@@ -157,6 +161,9 @@ public:
     int getTotalNodesCount() const { return totalNodesCount; }
     int getCurrentNodesCount() const { return currentNodesCount; }
     const std::string& backupDir() const { return _backupDir; }
+    // New files made so far by the patches started while the payload was unpacked, until the
+    // file set takes them over; for the tests.
+    size_t patchesMadeWhileUnpacking() const { return _earlyPatches ? _earlyPatches->made() : 0; }
 
 private:
     struct ReplayOnly {};
@@ -194,6 +201,9 @@ private:
     // Reads the installed files' checksums while the payload is unpacked and the services
     // stop; the file set's own prefetcher takes over.
     std::unique_ptr<ChecksumPrefetcher> _earlyPrefetcher;
+    // The file set's patches, started as soon as their files were unpacked; taken over by
+    // the file set when its entries are the ones these were listed from.
+    std::unique_ptr<PatchPrefetcher> _earlyPatches;
     std::unordered_set<std::string> _payloadFilesToHold;
     // Folders of the installation found free of symbolic links by the entries run so far.
     std::unordered_set<std::string> _linkFreeFolders;

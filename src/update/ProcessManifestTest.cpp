@@ -244,6 +244,38 @@ TEST_F(ProcessManifestTest, AppliesEveryKindOfEntry) {
     EXPECT_TRUE(log.contains("There's nothing to rollback.") == false);
 }
 
+TEST_F(ProcessManifestTest, APatchPackedFirstIsMadeWhileThePayloadIsUnpacked) {
+    // The patch first in the archive, as mkpatcher packs it.
+    ASSERT_EQ(RunProgram({"bash", "-c",
+                          "cd '" + staging +
+                              "' && { echo ./Editor.patch; find . -mindepth 1 ! -name "
+                              "Editor.patch; } | cpio -o -H newc 2>/dev/null | gzip > '" +
+                              resources + "/Payload.cpio.gz'"}),
+              0);
+    WriteTextFile(resources + "/manifest.xml", Manifest(entries));
+    HeadlessMainLoop loop;
+    ManifestRunEnvironment environment;
+    environment.loop = &loop;
+    environment.paths = paths;
+    environment.history = OrvelCodeFileHandler::getInstance();
+    environment.silent = true;
+    environment.reporter = &reporter;
+    environment.cmdOptions.protectedFolders = paths.protectedFolders;
+    const auto installed = SnapshotTree(app, TreeDetail::ContentsAndModes);
+    auto processor = std::make_unique<ProcessManifest>(resources + "/manifest.xml", payload, app,
+                                                       resources, &config, std::move(environment));
+    // Made before the update starts, and nothing in the installation touched for it.
+    EXPECT_TRUE(WaitUntil([&] { return processor->patchesMadeWhileUnpacking() == 1; }));
+    EXPECT_EQ(SnapshotTree(app, TreeDetail::ContentsAndModes), installed);
+
+    ASSERT_TRUE(processor->performAction(nullptr));
+    loop.run();
+    EXPECT_EQ(processor->exitCode(), 0);
+    processor.reset();
+    EXPECT_EQ(Md5(app + "/Contents/MacOS/Editor"), newMd5["editor2"]);
+    EXPECT_EQ(ReadTextFile(app + "/Contents/Resources/keep.txt"), "version two\n");
+}
+
 TEST_F(ProcessManifestTest, FailureAtEveryPositionRestoresTheTreeExactly) {
     const auto original = SnapshotTree(app);
     const size_t count = entries.size();

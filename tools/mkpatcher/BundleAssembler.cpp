@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <spawn.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -213,6 +214,30 @@ std::optional<std::string> BundleAssembler::checkXmlRoot(const std::string& path
     return std::nullopt;
 }
 
+std::set<std::string> BundleAssembler::patchFilesOf(const std::string& manifestPath) {
+    std::set<std::string> names;
+    const auto parsed = XmlDocument::parseFile(manifestPath, XmlParseMode::Strict);
+    if (!parsed.document)
+        return names;
+    for (const XmlNode& entry : XmlDocument::root(parsed.document).childElements()) {
+        if (entry.name() != "FileSet")
+            continue;
+        for (const XmlNode& file : entry.childElements()) {
+            std::optional<std::string> operation;
+            std::optional<std::string> objectName;
+            for (const XmlNode& field : file.childElements()) {
+                if (field.name() == "Operation")
+                    operation = field.stringValue();
+                else if (field.name() == "ObjectName")
+                    objectName = field.stringValue();
+            }
+            if (operation && objectName && ::strcasecmp(operation->c_str(), "PATCH") == 0)
+                names.insert(fs::path(*objectName).lexically_normal().string());
+        }
+    }
+    return names;
+}
+
 int BundleAssembler::assemble(const Options& options, Result* result, std::string* error) {
     const fs::path out = fs::path(options.outPath).lexically_normal();
     std::string outName = out.filename().string();
@@ -281,7 +306,8 @@ int BundleAssembler::assemble(const Options& options, Result* result, std::strin
 
     PayloadArchive::Summary summary;
     const std::string archivePath = resources + "/Payload.cpio.gz";
-    if (!PayloadArchive::write(options.payloadDir.value_or(""), archivePath, &summary, &message))
+    if (!PayloadArchive::write(options.payloadDir.value_or(""), archivePath, &summary, &message,
+                               patchFilesOf(options.manifestPath)))
         return Fail(error, message);
 
     if (outputTaken(outPath) || fs::exists(fs::symlink_status(outPath, ec))) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 
 // Makes a runnable patcher bundle from a configuration, a manifest and a payload folder:
@@ -35,6 +36,10 @@ public:
     // the end, so a failure never leaves a half-made bundle. 0 on success, 1 with a message
     // in error otherwise.
     [[nodiscard]] static int assemble(const Options& options, Result* result, std::string* error);
+
+    // The payload files the manifest's file set patches with (ObjectName of its PATCH
+    // entries), which the payload archive carries first; none when it cannot be read.
+    static std::set<std::string> patchFilesOf(const std::string& manifestPath);
 
     // The built patcher bundle that ships with this program: the nearest "PatcherApp.app"
     // in the folder of the executable or one of the folders above it (a build tree), else

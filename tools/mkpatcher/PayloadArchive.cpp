@@ -126,12 +126,17 @@ bool WriteEntry(archive* writer, const std::string& folder, const std::string& r
 } // namespace
 
 bool PayloadArchive::write(const std::string& folder, const std::string& archivePath,
-                           Summary* summary, std::string* error) {
+                           Summary* summary, std::string* error,
+                           const std::set<std::string>& first) {
     if (summary)
         *summary = Summary{};
     std::vector<std::string> entries;
     if (!folder.empty() && !ListTree(folder, &entries, error))
         return false;
+    // A file put first has its folders made as it is unpacked; they come again, with their
+    // modes, in their own places.
+    std::stable_partition(entries.begin(), entries.end(),
+                          [&](const std::string& relative) { return first.count(relative) != 0; });
 
     ArchiveWriter writer(archive_write_new());
     if (!writer)

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <set>
 #include <sys/stat.h>
 
 namespace fs = std::filesystem;
@@ -99,6 +100,31 @@ TEST_F(AssembleTest, MakesTheBundleLayout) {
               SnapshotTree(payload, TreeDetail::ContentsAndModes));
     // Nothing is left beside the bundle: config, manifest, payload, bundle, unpacked.
     EXPECT_EQ(std::distance(fs::directory_iterator(temp.path()), fs::directory_iterator()), 5);
+}
+
+TEST_F(AssembleTest, ThePatchFilesComeFirstInThePayload) {
+    WriteTextFile(temp.file("manifest.xml"),
+                  "<?xml version=\"1.0\"?>\n<Manifest><FileSet>"
+                  "<File><Operation>ADD</Operation><ObjectName>new.txt</ObjectName></File>"
+                  "<File><Operation>patch</Operation><ObjectName>MacOS/Editor.patch</ObjectName>"
+                  "</File></FileSet></Manifest>\n");
+    EXPECT_EQ(BundleAssembler::patchFilesOf(temp.file("manifest.xml")),
+              std::set<std::string>{"MacOS/Editor.patch"});
+    std::string error;
+    ASSERT_EQ(BundleAssembler::assemble(Options(), nullptr, &error), 0) << error;
+
+    // Unpacked by the patcher, it gives the patch first (its folder made for it) and the same
+    // tree as ever.
+    const std::string unpacked = temp.file("unpacked");
+    std::vector<std::string> order;
+    EXPECT_EQ(PayloadHandler::extractFile(
+                  out + "/Contents/Resources", unpacked, RealFileSystem::instance(),
+                  PayloadLimits(), nullptr,
+                  [&](const std::string& relative) { order.push_back(relative); }),
+              0);
+    EXPECT_EQ(order, (std::vector<std::string>{"MacOS/Editor.patch", "new.txt", "tool.sh"}));
+    EXPECT_EQ(SnapshotTree(unpacked, TreeDetail::ContentsAndModes),
+              SnapshotTree(payload, TreeDetail::ContentsAndModes));
 }
 
 TEST_F(AssembleTest, WithoutPayloadTheArchiveIsEmpty) {
