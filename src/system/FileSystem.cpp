@@ -49,35 +49,63 @@ RealFileSystem& RealFileSystem::instance() {
 
 void RealFileSystem::confineBelow(std::vector<std::string> folders) {
     const std::lock_guard<std::mutex> lock(_confinementMutex);
-    _confined = std::move(folders);
+    _confined.clear();
+    for (std::string& folder : folders)
+        _confined.push_back(Base{std::move(folder), nullptr});
 }
 
-std::optional<std::string> RealFileSystem::confiningFolder(const std::string& path) {
+std::optional<RealFileSystem::Base> RealFileSystem::confiningFolder(const std::string& path) {
     const std::lock_guard<std::mutex> lock(_confinementMutex);
-    const std::string* deepest = nullptr;
-    for (const std::string& folder : _confined) {
+    Base* deepest = nullptr;
+    for (Base& base : _confined) {
+        const std::string& folder = base.folder;
         if (path.size() > folder.size() + 1 && path.compare(0, folder.size(), folder) == 0 &&
-            path[folder.size()] == '/' && (!deepest || folder.size() > deepest->size()))
-            deepest = &folder;
+            path[folder.size()] == '/' && (!deepest || folder.size() > deepest->folder.size()))
+            deepest = &base;
     }
-    return deepest ? std::optional<std::string>(*deepest) : std::nullopt;
+    if (!deepest)
+        return std::nullopt;
+    // One handle on the folder serves every call below it, rather than one opened and closed
+    // per call (three for an entry that replaces a file): it is opened again when the folder
+    // was removed since (by anyone: a removed folder has no links left), or removed or renamed
+    // through this object.
+    struct stat info {};
+    if (deepest->handle &&
+        (::fstat(deepest->handle->get(), &info) != 0 || info.st_nlink == 0))
+        deepest->handle.reset();
+    if (!deepest->handle) {
+        auto handle = std::make_shared<const UniqueFd>(
+            ::open(deepest->folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (!handle->valid())
+            return Base{deepest->folder, std::move(handle)}; // errno tells why; not kept
+        deepest->handle = std::move(handle);
+    }
+    return *deepest;
+}
+
+void RealFileSystem::forgetHandlesAt(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(_confinementMutex);
+    for (Base& base : _confined) {
+        if (base.folder.compare(0, path.size(), path) == 0 &&
+            (base.folder.size() == path.size() || base.folder[path.size()] == '/'))
+            base.handle.reset();
+    }
 }
 
 RealFileSystem::Place RealFileSystem::place(const std::string& path) {
     Place place;
-    const auto folder = confiningFolder(path);
-    if (!folder) {
+    auto base = confiningFolder(path);
+    if (!base) {
         place.name = path;
         return place;
     }
     place.confined = true;
     place.at = -1;
-    // Opened afresh for every call, so that a folder made again during the run is the one
-    // reached.
-    place.base.reset(::open(folder->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!place.base.valid())
+    place.base = std::move(base->handle);
+    if (!place.base->valid())
         return place;
-    std::string relative = path.substr(folder->size() + 1);
+    const std::string& folder = base->folder;
+    std::string relative = path.substr(folder.size() + 1);
     while (!relative.empty() && relative.back() == '/')
         relative.pop_back();
     const size_t slash = relative.rfind('/');
@@ -88,10 +116,10 @@ RealFileSystem::Place RealFileSystem::place(const std::string& path) {
         return place;
     }
     if (slash == std::string::npos) {
-        place.at = place.base.get();
+        place.at = place.base->get();
         return place;
     }
-    place.folder = OpenBeneath(place.base.get(), relative.substr(0, slash),
+    place.folder = OpenBeneath(place.base->get(), relative.substr(0, slash),
                                O_PATH | O_DIRECTORY | O_CLOEXEC, true);
     place.at = place.folder.valid() ? place.folder.get() : -1;
     return place;
@@ -149,7 +177,7 @@ UniqueFd RealFileSystem::openForReading(const std::string& path) {
     if (!fd.valid() && at.confined && errno == ELOOP) {
         // The last name is a link: read what it leads to, as long as that lies below the
         // same confined folder.
-        fd = OpenBeneath(at.base.get(), at.relative, flags, false);
+        fd = OpenBeneath(at.base->get(), at.relative, flags, false);
     }
     if (!fd.valid())
         return fd;
@@ -230,7 +258,10 @@ bool RealFileSystem::makeFolder(const std::string& path, mode_t mode) {
 
 bool RealFileSystem::removeFolder(const std::string& path) {
     const Place at = place(path);
-    return at.at != -1 && ::unlinkat(at.at, at.name.c_str(), AT_REMOVEDIR) == 0;
+    if (at.at == -1 || ::unlinkat(at.at, at.name.c_str(), AT_REMOVEDIR) != 0)
+        return false;
+    forgetHandlesAt(path);
+    return true;
 }
 
 bool RealFileSystem::removeFile(const std::string& path) {
@@ -264,11 +295,19 @@ bool RealFileSystem::rename(const std::string& from, const std::string& to) {
     const Place source = place(from);
     if (source.at == -1)
         return false;
-    if (const auto name = source.confined ? NameInSameFolder(from, to) : std::nullopt)
-        return ::renameat(source.at, source.name.c_str(), source.at, name->c_str()) == 0;
-    const Place target = place(to);
-    return target.at != -1 &&
-           ::renameat(source.at, source.name.c_str(), target.at, target.name.c_str()) == 0;
+    bool renamed = false;
+    if (const auto name = source.confined ? NameInSameFolder(from, to) : std::nullopt) {
+        renamed = ::renameat(source.at, source.name.c_str(), source.at, name->c_str()) == 0;
+    } else {
+        const Place target = place(to);
+        renamed = target.at != -1 &&
+                  ::renameat(source.at, source.name.c_str(), target.at, target.name.c_str()) == 0;
+    }
+    if (renamed) {
+        forgetHandlesAt(from);
+        forgetHandlesAt(to);
+    }
+    return renamed;
 }
 
 bool RealFileSystem::link(const std::string& existing, const std::string& newPath) {

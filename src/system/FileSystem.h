@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -148,19 +149,26 @@ private:
     // is confined (an invalid handle, errno set, when it cannot be reached so); AT_FDCWD
     // with the whole path otherwise.
     struct Place {
-        UniqueFd base;        // the confined folder
-        std::string relative; // path below it
+        std::shared_ptr<const UniqueFd> base; // the confined folder
+        std::string relative;                 // path below it
         UniqueFd folder;      // the folder of the last name, when not base itself
         int at = AT_FDCWD;
         std::string name;
         bool confined = false;
     };
     Place place(const std::string& path);
-    // The deepest confined folder that path lies below.
-    std::optional<std::string> confiningFolder(const std::string& path);
+    // The deepest confined folder that path lies below, and a handle on it.
+    struct Base {
+        std::string folder;
+        std::shared_ptr<const UniqueFd> handle; // opened at first use
+    };
+    std::optional<Base> confiningFolder(const std::string& path);
+    // Forgets the handles on the confined folders at or below path, which a removal or a
+    // rename through this object has just changed.
+    void forgetHandlesAt(const std::string& path);
 
     std::mutex _confinementMutex;
-    std::vector<std::string> _confined;
+    std::vector<Base> _confined;
 };
 
 // Confines RealFileSystem::instance() below folders for the life of this object.

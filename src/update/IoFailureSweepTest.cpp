@@ -287,10 +287,13 @@ TEST_F(IoFailureSweep, EveryFailedCallLeavesTheOldOrTheNewVersion) {
     std::cout << "I/O-failure sweep over " << entryCount << " entries, " << counting.calls()
               << " seam calls a run: tried N = 1.." << triedNoSpace << " with ENOSPC and N = 1.."
               << triedIo << " with EIO" << std::endl;
-    // The sweep went on until a run had fewer calls than N. A checksum read ahead on
-    // another thread is not read through the seam, so runs differ by a few reads.
-    EXPECT_NEAR(triedNoSpace, static_cast<int>(counting.calls()) + 1, 8);
-    EXPECT_NEAR(triedIo, static_cast<int>(counting.calls()) + 1, 8);
+    // The sweep went on until a run had fewer calls than N. Runs differ by the work the
+    // threads ahead got done in time: a checksum read ahead is not read through the seam, and
+    // an entry whose new file was not written ahead yet writes it itself, a few calls more (on
+    // a loaded machine, for several entries).
+    const int slack = 8 + static_cast<int>(counting.calls()) / 10;
+    EXPECT_NEAR(triedNoSpace, static_cast<int>(counting.calls()) + 1, slack);
+    EXPECT_NEAR(triedIo, static_cast<int>(counting.calls()) + 1, slack);
 }
 
 // The order in which a run's changes reach the disk, read from the seam's call log: new
