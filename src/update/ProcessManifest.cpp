@@ -106,6 +106,7 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
     const auto parsed = XmlDocument::parseFile(_manifestFile);
     if (parsed.errors.empty() && parsed.document) {
         const XmlNode root = XmlDocument::root(parsed.document);
+        _manifestRoot = root;
         const DirTokenResolver dirToken(_environment.paths);
         std::vector<XmlNode> entries = Select(root, "/Manifest/FileSet/File");
         patches = workAhead(entries, dirToken, _appPath, _payloadDir).patches;
@@ -208,7 +209,9 @@ ProcessManifest::getLocalizedNameGivenArray(const std::vector<XmlNode>& nodes) {
 }
 
 bool ProcessManifest::performAction(ProgressWindowController* progress) {
-    XmlNode root = getRootNodeOfXMLGivenPath(_manifestFile);
+    // The manifest as read when the payload was unpacked (a bundle's files stay as they were
+    // checked); read again, with its errors logged, when it could not be read then.
+    XmlNode root = _manifestRoot ? _manifestRoot : getRootNodeOfXMLGivenPath(_manifestFile);
     if (!root) {
         NSLevelledLog(3, "Improper Manifest file");
         return false;

@@ -200,6 +200,8 @@ private:
     std::shared_ptr<ThreadWorker> _tw;
     // Reads the installed files' checksums while the payload is unpacked and the services
     // stop; the file set's own prefetcher takes over.
+    // The manifest, read once before the payload is unpacked; null when it could not be.
+    XmlNode _manifestRoot;
     std::unique_ptr<ChecksumPrefetcher> _earlyPrefetcher;
     // The file set's patches, started as soon as their files were unpacked; taken over by
     // the file set when its entries are the ones these were listed from.
