@@ -70,8 +70,7 @@ std::optional<RealFileSystem::Base> RealFileSystem::confiningFolder(const std::s
     // was removed since (by anyone: a removed folder has no links left), or removed or renamed
     // through this object.
     struct stat info {};
-    if (deepest->handle &&
-        (::fstat(deepest->handle->get(), &info) != 0 || info.st_nlink == 0))
+    if (deepest->handle && (::fstat(deepest->handle->get(), &info) != 0 || info.st_nlink == 0))
         deepest->handle.reset();
     if (!deepest->handle) {
         auto handle = std::make_shared<const UniqueFd>(

@@ -151,7 +151,7 @@ private:
     struct Place {
         std::shared_ptr<const UniqueFd> base; // the confined folder
         std::string relative;                 // path below it
-        UniqueFd folder;      // the folder of the last name, when not base itself
+        UniqueFd folder;                      // the folder of the last name, when not base itself
         int at = AT_FDCWD;
         std::string name;
         bool confined = false;

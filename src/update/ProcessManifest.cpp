@@ -114,6 +114,12 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
             if (patch)
                 patchFilesToCome.insert(patch->patchFile);
         }
+        // The new files of the patches are written ahead into the installation's folders only
+        // below the confinement, once the manifest's paths are found confined; they are
+        // checked again, as ever, before anything is touched.
+        if (const ManifestConfinement confined(dirToken, _appPath);
+            !patchFilesToCome.empty() && !confined.manifestProblem(root))
+            _confinement = std::make_unique<FileSystemConfinement>(confined.folders());
         for (const XmlNode& file : Select(root, "/Manifest/BundleSet/Bundle/File"))
             entries.push_back(file);
         _earlyPrefetcher = std::make_unique<ChecksumPrefetcher>(
@@ -124,9 +130,9 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
     const auto patchFileUnpacked = [&](const std::string& relative) {
         if (patchFilesToCome.erase(JoinPath(_payloadDir, relative)) != 0 &&
             patchFilesToCome.empty())
-            _earlyPatches =
-                std::make_unique<PatchPrefetcher>(std::move(patches), PatchPrefetcher::kBytesAhead,
-                                                  RealFileSystem::instance(), false);
+            _earlyPatches = std::make_unique<PatchPrefetcher>(
+                std::move(patches), PatchPrefetcher::kBytesAhead, RealFileSystem::instance(),
+                _confinement != nullptr);
     };
     if (_environment.recorder)
         _environment.recorder->progress("extracting", 0, 0,
@@ -256,8 +262,9 @@ std::string ProcessManifest::performUpdate(WorkDictionary& work, ThreadWorker* w
     }
     // Until the run ends (its rollback included), every path below those folders is reached
     // without following a link, whatever a local user swaps in meanwhile.
-    _confinement =
-        std::make_unique<FileSystemConfinement>(ManifestConfinement(resolver, appPath).folders());
+    if (!_confinement)
+        _confinement = std::make_unique<FileSystemConfinement>(
+            ManifestConfinement(resolver, appPath).folders());
     _serviceHandler = std::make_unique<ServicesHandler>(
         work.rootNode, work.payloadDir,
         [resolver](const std::string& path) {
