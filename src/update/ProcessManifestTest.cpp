@@ -163,12 +163,9 @@ protected:
         return xml + "</Manifest>\n";
     }
 
-    // Runs the processor as the engine does and returns the silent return code ("" if none).
-    std::string Run(const std::string& manifest, ProgressWindowController* progress = nullptr,
-                    HeadlessMainLoop* givenLoop = nullptr) {
-        WriteTextFile(resources + "/manifest.xml", manifest);
-        HeadlessMainLoop ownLoop;
-        HeadlessMainLoop& loop = givenLoop ? *givenLoop : ownLoop;
+    // The processor as the engine makes it, for the manifest in resources; it unpacks the
+    // payload.
+    std::unique_ptr<ProcessManifest> MakeProcessor(HeadlessMainLoop& loop) {
         ManifestRunEnvironment environment;
         environment.loop = &loop;
         environment.paths = paths;
@@ -176,8 +173,17 @@ protected:
         environment.silent = GetENVsilentFlag();
         environment.reporter = &reporter;
         environment.cmdOptions.protectedFolders = paths.protectedFolders;
-        auto processor = std::make_unique<ProcessManifest>(
-            resources + "/manifest.xml", payload, app, resources, &config, std::move(environment));
+        return std::make_unique<ProcessManifest>(resources + "/manifest.xml", payload, app,
+                                                 resources, &config, std::move(environment));
+    }
+
+    // Runs the processor as the engine does and returns the silent return code ("" if none).
+    std::string Run(const std::string& manifest, ProgressWindowController* progress = nullptr,
+                    HeadlessMainLoop* givenLoop = nullptr) {
+        WriteTextFile(resources + "/manifest.xml", manifest);
+        HeadlessMainLoop ownLoop;
+        HeadlessMainLoop& loop = givenLoop ? *givenLoop : ownLoop;
+        auto processor = MakeProcessor(loop);
         lastBackupDir = processor->backupDir();
         if (!processor->performAction(progress))
             return "not started";
@@ -254,16 +260,8 @@ TEST_F(ProcessManifestTest, APatchPackedFirstIsMadeWhileThePayloadIsUnpacked) {
               0);
     WriteTextFile(resources + "/manifest.xml", Manifest(entries));
     HeadlessMainLoop loop;
-    ManifestRunEnvironment environment;
-    environment.loop = &loop;
-    environment.paths = paths;
-    environment.history = OrvelCodeFileHandler::getInstance();
-    environment.silent = true;
-    environment.reporter = &reporter;
-    environment.cmdOptions.protectedFolders = paths.protectedFolders;
     const auto installed = SnapshotTree(app, TreeDetail::ContentsAndModes);
-    auto processor = std::make_unique<ProcessManifest>(resources + "/manifest.xml", payload, app,
-                                                       resources, &config, std::move(environment));
+    auto processor = MakeProcessor(loop); // silent, as SetUp makes every run
     // Made before the update starts, and nothing in the installation touched for it.
     EXPECT_TRUE(WaitUntil([&] { return processor->patchesMadeWhileUnpacking() == 1; }));
     EXPECT_EQ(SnapshotTree(app, TreeDetail::ContentsAndModes), installed);
