@@ -68,7 +68,9 @@ std::optional<RealFileSystem::Base> RealFileSystem::confiningFolder(const std::s
     // One handle on the folder serves every call below it, rather than one opened and closed
     // per call (three for an entry that replaces a file): it is opened again when the folder
     // was removed since (by anyone: a removed folder has no links left), or removed or renamed
-    // through this object.
+    // through this object. (One renamed away by someone else stays the one reached: only who
+    // may change the folder's parent can do that, and the paths below it are still reached
+    // without following a link.)
     struct stat info {};
     if (deepest->handle && (::fstat(deepest->handle->get(), &info) != 0 || info.st_nlink == 0))
         deepest->handle.reset();

@@ -146,6 +146,30 @@ TEST_F(ConfinedFileSystemTest, ARenameOrLinkWithinOneFolderGoesThroughOneHandleO
     EXPECT_EQ(ReadTextFile(folder + "/inside.txt"), "new inside");
 }
 
+TEST_F(ConfinedFileSystemTest, AConfinedFolderMadeAgainIsTheOneReached) {
+    const std::string inner = app + "/Contents";
+    const FileSystemConfinement confinement({app, inner});
+    ASSERT_TRUE(files.makeFolder(inner + "/First", 0755));
+    // Removed and made again by someone else: the calls reach the new folder.
+    fs::remove_all(inner);
+    fs::create_directories(inner);
+    ASSERT_TRUE(files.makeFolder(inner + "/Second", 0755));
+    EXPECT_TRUE(fs::is_directory(inner + "/Second"));
+    // Moved aside through the file system and made again: the same.
+    ASSERT_TRUE(files.rename(inner, app + "/Old Contents"));
+    fs::create_directories(inner);
+    ASSERT_TRUE(files.makeFolder(inner + "/Third", 0755));
+    EXPECT_TRUE(fs::is_directory(inner + "/Third"));
+    EXPECT_FALSE(fs::exists(app + "/Old Contents/Third"));
+    // Removed through it and made again: the same.
+    ASSERT_TRUE(files.removeFolder(inner + "/Third"));
+    fs::rename(inner, app + "/Older Contents");
+    fs::create_directories(inner);
+    ASSERT_TRUE(files.removeFolder(app + "/Older Contents"));
+    ASSERT_TRUE(files.makeFolder(inner + "/Fourth", 0755));
+    EXPECT_TRUE(fs::is_directory(inner + "/Fourth"));
+}
+
 TEST_F(ConfinedFileSystemTest, AnUnnamedFileGetsItsNameOnlyWhenLinked) {
     const FileSystemConfinement confinement({app});
     const std::string folder = app + "/Contents/Resources";
