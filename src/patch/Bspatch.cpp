@@ -592,11 +592,14 @@ BspatchResult ApplyBsdiffPatchToSink(std::span<const uint8_t> oldData, int patch
 
 bool BspatchOldFile::read(const std::string& path) {
     _size = 0;
-    Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd.valid())
-        return false;
+    const Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd.valid() && read(fd.get());
+}
+
+bool BspatchOldFile::read(int fd) {
+    _size = 0;
     struct stat info {};
-    if (::fstat(fd.get(), &info) != 0)
+    if (::fstat(fd, &info) != 0)
         return false;
     // A regular file is read into memory of its size (plus a little, to see that it ended);
     // whatever has no size (a device, a pipe) or grows meanwhile is read on to its end.
@@ -609,7 +612,7 @@ bool BspatchOldFile::read(const std::string& path) {
             _buffer = std::move(larger);
             _capacity = wanted;
         }
-        const ssize_t got = ::read(fd.get(), _buffer.get() + _size, _capacity - _size);
+        const ssize_t got = ::read(fd, _buffer.get() + _size, _capacity - _size);
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0) {

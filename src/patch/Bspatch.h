@@ -44,6 +44,8 @@ class BspatchOldFile {
 public:
     // Reads the file to its end; false with errno set when it cannot be read.
     [[nodiscard]] bool read(const std::string& path);
+    // The same from a file open for reading, from where it stands to its end.
+    [[nodiscard]] bool read(int fd);
     std::span<const uint8_t> bytes() const { return {_buffer.get(), _size}; }
     // Gives the memory back.
     void release();

@@ -46,6 +46,7 @@ std::unordered_map<FileKey, RememberedEntry, FileKeyHash> gRememberedByFile;
 // The paths being read ahead now, and the signal that one of those reads ended.
 std::unordered_set<std::string> gReadingAhead;
 std::condition_variable gReadAheadEnded;
+std::atomic<size_t> gReadsAwaited{0};
 
 FileKey KeyOf(const struct stat& info) {
     return {info.st_dev, info.st_ino};
@@ -85,9 +86,15 @@ std::optional<std::string> MD5cksum::awaitedChecksumOfFile(const std::string& pa
         std::unique_lock lock(gRememberedMutex);
         if (!gReadingAhead.count(path))
             return std::nullopt;
+        ++gReadsAwaited;
         gReadAheadEnded.wait(lock, [&] { return !gReadingAhead.count(path); });
+        --gReadsAwaited;
     }
     return rememberedChecksumOfFile(path, identity);
+}
+
+size_t MD5cksum::readsAwaited() {
+    return gReadsAwaited.load();
 }
 
 MD5cksum::ReadingAhead::ReadingAhead(ReadingAhead&& other) noexcept

@@ -85,6 +85,9 @@ public:
     // checksum once that read ends (nothing if the file changed meanwhile).
     [[nodiscard]] static std::optional<std::string>
     awaitedChecksumOfFile(const std::string& path, const struct stat& identity);
+    // How many threads wait in awaitedChecksumOfFile now: whoever holds files read ahead
+    // without their checksums yet works those out first.
+    [[nodiscard]] static size_t readsAwaited();
 
     // True when two fstat/stat results show the same file with the same contents as far as
     // the file system tells: device, inode, size, modification and change times.

@@ -96,14 +96,15 @@ void PatchPrefetcher::writeOutMade() {
         }
         writeAhead(entry.newFile, _patches[index]->oldFile);
         {
+            // Counted as memory until here; as what it is now from here.
             const std::lock_guard lock(_mutex);
+            _bytesHeld -= entry.newFile.size;
             const auto it = _entries.find(index);
             if (it != _entries.end() && it->second.state == State::Making) {
+                countIn(entry.newFile);
                 it->second = std::move(entry);
-            } else {
-                drop(entry); // passed meanwhile
-                if (it != _entries.end())
-                    _entries.erase(it);
+            } else if (it != _entries.end()) {
+                _entries.erase(it); // passed meanwhile
             }
         }
         _moved.notify_all();
@@ -133,8 +134,33 @@ void PatchPrefetcher::entryStarting(size_t index) {
         _moved.notify_all();
 }
 
+void PatchPrefetcher::countIn(const NewFile& file) {
+    if (file.bytes) {
+        _bytesHeld += file.size;
+    } else if (file.written.valid()) {
+        ++_filesWritten;
+        _bytesWritten += file.size;
+    }
+}
+
+void PatchPrefetcher::countOut(const NewFile& file) {
+    if (file.bytes) {
+        _bytesHeld -= file.size;
+    } else if (file.written.valid()) {
+        --_filesWritten;
+        _bytesWritten -= file.size;
+    }
+}
+
+bool PatchPrefetcher::roomFor(size_t newSize) const {
+    // Made in memory first; written ahead, it then holds a file instead.
+    return _bytesHeld + newSize <= _bytesAhead &&
+           (!_writingAhead ||
+            (_filesWritten < kFilesWrittenAhead && _bytesWritten + newSize <= kBytesWrittenAhead));
+}
+
 void PatchPrefetcher::drop(Entry& entry) {
-    _bytesHeld -= entry.newFile.size;
+    countOut(entry.newFile);
     entry.newFile = NewFile{};
 }
 
@@ -157,7 +183,7 @@ std::optional<PatchPrefetcher::NewFile> PatchPrefetcher::take(const std::string&
         if (it == _entries.end() || it->second.state != State::Made)
             return std::nullopt;
         entry = std::move(it->second);
-        _bytesHeld -= entry.newFile.size;
+        countOut(entry.newFile);
         _entries.erase(it);
     }
     _moved.notify_all();
@@ -172,17 +198,19 @@ std::optional<PatchPrefetcher::NewFile> PatchPrefetcher::take(const std::string&
 }
 
 void PatchPrefetcher::run() {
-    BspatchOldFile old; // one buffer for every old file
-    // New files made and not yet checksummed: checksummed together, in SIMD lanes (Md5Lanes),
-    // a few at a time, when an entry waits for one of them, or before this thread waits.
-    std::vector<std::pair<size_t, Entry>> unchecked;
+    // Patches made and not yet checksummed: their new files and the old files read for them
+    // are checksummed together, in SIMD lanes (Md5Lanes), a few patches at a time, when an
+    // entry waits for one of them, or before this thread waits.
+    std::vector<Made> unchecked;
+    size_t oldBytesUnchecked = 0;
+    std::vector<std::unique_ptr<BspatchOldFile>> spareOld; // buffers for the old files
     auto publish = [&](size_t index, Entry* made, size_t reserved) {
         const std::lock_guard lock(_mutex);
         _bytesHeld -= reserved;
         const auto it = _entries.find(index);
         if (made && it != _entries.end() && it->second.state == State::Making) {
             made->state = State::Made;
-            _bytesHeld += made->newFile.size;
+            countIn(made->newFile);
             it->second = std::move(*made);
             ++_made;
         } else if (it != _entries.end()) {
@@ -193,21 +221,37 @@ void PatchPrefetcher::run() {
         if (unchecked.empty())
             return;
         std::vector<std::string_view> bytes;
-        for (const auto& [index, made] : unchecked)
-            bytes.emplace_back(reinterpret_cast<const char*>(made.newFile.bytes.get()),
-                               made.newFile.size);
+        for (const Made& made : unchecked)
+            bytes.emplace_back(reinterpret_cast<const char*>(made.entry.newFile.bytes.get()),
+                               made.entry.newFile.size);
+        for (const Made& made : unchecked) {
+            if (made.oldAhead)
+                bytes.emplace_back(reinterpret_cast<const char*>(made.old->bytes().data()),
+                                   made.old->bytes().size());
+        }
         const std::vector<std::string> checksums = Md5OfAll(bytes);
+        // The old files first: their entries check them before anything else.
+        size_t next = unchecked.size();
+        for (Made& made : unchecked) {
+            if (made.oldAhead) {
+                (void)MD5cksum::rememberChecksumOfFileAhead(*made.oldAhead, checksums[next++]);
+                made.oldAhead.reset(); // whoever waits for it reads it from memory now
+            }
+            spareOld.push_back(std::move(made.old));
+        }
+        oldBytesUnchecked = 0;
         bool writing = false;
         {
             const std::lock_guard lock(_mutex);
             writing = _writingAhead;
         }
         for (size_t i = 0; i < unchecked.size(); ++i) {
-            auto& [index, made] = unchecked[i];
-            made.newFile.checksum = checksums[i];
+            Made& made = unchecked[i];
+            const size_t reserved = made.entry.newFile.size;
+            made.entry.newFile.checksum = checksums[i];
             if (writing)
-                writeAhead(made.newFile, _patches[index]->oldFile);
-            publish(index, &made, made.newFile.size);
+                writeAhead(made.entry.newFile, _patches[made.index]->oldFile);
+            publish(made.index, &made.entry, reserved);
         }
         unchecked.clear();
         _moved.notify_all();
@@ -246,7 +290,7 @@ void PatchPrefetcher::run() {
         bool room = false;
         {
             const std::lock_guard lock(_mutex);
-            room = _bytesHeld + *newSize <= _bytesAhead;
+            room = roomFor(*newSize);
         }
         if (!room)
             checkAndPublish(); // nothing held back while this thread waits
@@ -257,11 +301,11 @@ void PatchPrefetcher::run() {
             for (;;) {
                 _moved.wait(lock, [&] {
                     return _stop || _writeOutWanted || (_started && _current >= index) ||
-                           _bytesHeld + *newSize <= _bytesAhead;
+                           roomFor(*newSize);
                 });
                 if (_stop || !_writeOutWanted)
                     break;
-                writeOutWhenWanted(lock); // which makes no room: the memory is counted alike
+                writeOutWhenWanted(lock);
             }
             _threadWaitsFor = kNotWaiting;
             if (_stop)
@@ -271,17 +315,30 @@ void PatchPrefetcher::run() {
             _entries[index].state = State::Making;
             _bytesHeld += *newSize;
         }
-        Entry made;
-        if (!make(patch, *newSize, old, made)) {
+        Made made;
+        made.index = index;
+        if (spareOld.empty()) {
+            made.old = std::make_unique<BspatchOldFile>();
+        } else {
+            made.old = std::move(spareOld.back());
+            spareOld.pop_back();
+        }
+        if (!make(patch, *newSize, made)) {
+            spareOld.push_back(std::move(made.old));
             publish(index, nullptr, *newSize);
             _moved.notify_all();
             continue;
         }
-        unchecked.emplace_back(index, std::move(made));
-        if (unchecked.size() >= kCheckedTogether || _waiting.load() > 0)
+        oldBytesUnchecked += made.old->bytes().size();
+        unchecked.push_back(std::move(made));
+        // An entry waiting for a new file, or for the checksum of an old file read here, gets
+        // it as soon as the patch under way is made.
+        if (unchecked.size() >= kCheckedTogether || oldBytesUnchecked >= _bytesAhead ||
+            _waiting.load() > 0 || MD5cksum::readsAwaited() > 0)
             checkAndPublish();
     }
     checkAndPublish();
+    spareOld.clear();
     {
         // What was made in memory while writing ahead was not allowed is written once it is.
         std::unique_lock lock(_mutex);
@@ -310,24 +367,28 @@ void PatchPrefetcher::writeAhead(NewFile& made, const std::string& oldFile) {
     made.bytes.reset();
 }
 
-bool PatchPrefetcher::make(const Patch& patch, size_t newSize, BspatchOldFile& old, Entry& made) {
+bool PatchPrefetcher::make(const Patch& patch, size_t newSize, Made& made) {
     try {
         // An old file larger than the memory allowed for new files is its entry's to read.
         struct stat before {};
         if (::stat(patch.oldFile.c_str(), &before) != 0 || !S_ISREG(before.st_mode) ||
             static_cast<uint64_t>(before.st_size) > _bytesAhead)
             return false;
-        if (!old.read(patch.oldFile) || old.bytes().size() != static_cast<size_t>(before.st_size))
+        // Read for its checksum as well, unless that is known or being worked out already.
+        made.oldAhead = MD5cksum::openFileAhead(patch.oldFile);
+        BspatchOldFile& old = *made.old;
+        if (!(made.oldAhead ? old.read(made.oldAhead->fd.get()) : old.read(patch.oldFile)) ||
+            old.bytes().size() != static_cast<size_t>(before.st_size))
             return false;
         const PatchFd patchFd{::open(patch.patchFile.c_str(), O_RDONLY | O_CLOEXEC)};
-        if (patchFd.fd < 0 || ::fstat(patchFd.fd, &made.patchIdentity) != 0)
+        if (patchFd.fd < 0 || ::fstat(patchFd.fd, &made.entry.patchIdentity) != 0)
             return false;
 
         // The old file read is the file as it was before the reading, and still is.
-        return PatchIntoMemory(old.bytes(), patchFd.fd, newSize, made.newFile, nullptr, &_stop,
-                               false) == BspatchResult::Success &&
-               ::stat(patch.oldFile.c_str(), &made.oldIdentity) == 0 &&
-               MD5cksum::sameFileState(before, made.oldIdentity);
+        return PatchIntoMemory(old.bytes(), patchFd.fd, newSize, made.entry.newFile, nullptr,
+                               &_stop, false) == BspatchResult::Success &&
+               ::stat(patch.oldFile.c_str(), &made.entry.oldIdentity) == 0 &&
+               MD5cksum::sameFileState(before, made.entry.oldIdentity);
     } catch (const std::bad_alloc&) {
         return false;
     }

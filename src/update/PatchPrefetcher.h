@@ -13,10 +13,10 @@
 #include <thread>
 #include <vector>
 
+#include "patch/Bspatch.h"
 #include "system/FileSystem.h"
+#include "update/MD5cksum.h"
 #include "update/PatchApplication.h"
-
-class BspatchOldFile;
 
 // Applies, on a thread of its own, the patches of the entries ahead of the one running, into
 // memory, with the checksum of each new file. A patched file costs the file set most of its
@@ -28,6 +28,11 @@ class BspatchOldFile;
 // folder (FileSystem::createUnnamedFile) and its memory let go: its entry only gives it its
 // temporary name, and the writing, the longest part of a patched file's entry, is done on this
 // thread too. Such a file has no name until then, so a run killed meanwhile leaves nothing.
+//
+// The old file's checksum, which its entry checks first, is worked out here as well, from the
+// bytes read for the patch, together with the new files' (MD5cksum remembers it); unless it is
+// known already or being read by another thread (MD5cksum::openFileAhead). So each old file
+// is read once, and its bytes go through the SIMD lanes beside the new files instead of alone.
 //
 // Nothing here decides anything. The file set takes a new file made ahead only while the old
 // file and the patch are still the files it was made from (same device, inode, size and
@@ -46,7 +51,8 @@ public:
 
     // The patch of each entry (nothing for an entry that patches nothing), in the order the
     // entries run. The thread starts at once and works on the entries after the one running,
-    // holding at most bytesAhead bytes of new files that no entry has taken yet.
+    // holding at most bytesAhead bytes of new files in memory that no entry has taken yet,
+    // and at most kFilesWrittenAhead written ahead.
     // The files written ahead go through files: by default the machine's, not the seam the
     // entries use, so that a run's own calls stay the same however far ahead this thread is.
     // Any call that fails here only leaves the entry to write its file itself.
@@ -82,7 +88,12 @@ public:
     size_t made() const { return _made.load(); }
 
     static constexpr size_t kBytesAhead = kPatchedInMemoryLimit;
-    // New files checksummed together at most (one per SIMD lane of Md5Lanes).
+    // New files written ahead and not yet taken, at most: each holds a descriptor, and its
+    // bytes on the file system (a new file once written ahead holds no memory here).
+    static constexpr size_t kFilesWrittenAhead = 32;
+    static constexpr size_t kBytesWrittenAhead = 16 * kBytesAhead;
+    // Patches whose new and old files are checksummed together at most (one file per SIMD
+    // lane of Md5Lanes).
     static constexpr size_t kCheckedTogether = 8;
 
 private:
@@ -94,9 +105,22 @@ private:
         struct stat patchIdentity {};
     };
 
+    // A patch made and not yet checksummed, with the old file it was made from.
+    struct Made {
+        size_t index = 0;
+        Entry entry;
+        std::unique_ptr<BspatchOldFile> old;
+        std::optional<MD5cksum::FileAhead> oldAhead; // when its checksum is worked out here
+    };
+
     void run();
     // Makes the new file of a patch, outside the lock; false when it cannot be made.
-    bool make(const Patch& patch, size_t newSize, BspatchOldFile& old, Entry& made);
+    bool make(const Patch& patch, size_t newSize, Made& made);
+    // Counts a new file held (memory, or a file written ahead) in or out, under the lock.
+    void countIn(const NewFile& file);
+    void countOut(const NewFile& file);
+    // Whether a new file of newSize may be made now, under the lock.
+    bool roomFor(size_t newSize) const;
     void drop(Entry& entry);
     // Writes ahead the new files made while writing ahead was not allowed yet.
     void writeOutMade();
@@ -112,7 +136,9 @@ private:
     std::map<size_t, Entry> _entries; // the entries started here and not yet passed
     size_t _current = 0;              // the entry running now
     bool _started = false;            // an entry runs
-    size_t _bytesHeld = 0;            // new files made or being made, not yet taken
+    size_t _bytesHeld = 0;            // memory of new files made or being made, not yet taken
+    size_t _filesWritten = 0;         // new files written ahead, not yet taken
+    size_t _bytesWritten = 0;         // and their bytes
     static constexpr size_t kNotWaiting = SIZE_MAX;
     size_t _threadWaitsFor = kNotWaiting; // the entry the thread would make, while it waits
     bool _writingAhead;                   // new files go to unnamed files once made

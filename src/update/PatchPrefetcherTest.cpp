@@ -7,6 +7,7 @@
 #include "runtime/PlatformPaths.h"
 #include "target/DirTokenResolver.h"
 #include "update/CmdInterface.h"
+#include "update/MD5cksum.h"
 #include "update/PayloadFiles.h"
 #include "update/ProcessManifest.h"
 
@@ -98,8 +99,9 @@ TEST_F(PatchPrefetcherTest, NewFilesWaitingStayWithinTheMemoryAllowed) {
     const auto b = patch("b", RandomText(4000, 6), RandomText(4000, 7));
     const auto big = patch("big", RandomText(6000, 8), RandomText(6000, 9));
     const auto c = patch("c", "small old c", "small new c");
-    // Room for one new file of 4,000 bytes at a time; none for the one of 6,000.
-    PatchPrefetcher patches({a, b, big, c}, 5000);
+    // Room for one new file of 4,000 bytes at a time; none for the one of 6,000. (Kept in
+    // memory: a file written ahead holds none.)
+    PatchPrefetcher patches({a, b, big, c}, 5000, RealFileSystem::instance(), false);
     ASSERT_TRUE(WaitForMade(patches, 1));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(patches.made(), 1u) << "b waits until a is taken";
@@ -144,6 +146,62 @@ TEST_F(PatchPrefetcherTest, ANewFileIsWrittenAheadBesideItsOldFileWithoutAName) 
     struct stat info {};
     ASSERT_EQ(::stat(output.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777, 0751u);
+}
+
+TEST_F(PatchPrefetcherTest, NewFilesWrittenAheadLeaveTheMemoryToTheNext) {
+    // Room in memory for one new file at a time: each goes to its unnamed file once made.
+    const auto a = patch("a", RandomText(4000, 4), RandomText(4000, 5));
+    const auto b = patch("b", RandomText(4000, 6), RandomText(4000, 7));
+    const auto c = patch("c", RandomText(4000, 8), RandomText(4000, 9));
+    PatchPrefetcher patches({a, b, c}, 5000);
+    ASSERT_TRUE(WaitForMade(patches, 3)) << "none waits for an entry to take one";
+    for (size_t i = 0; i < 3; ++i) {
+        patches.entryStarting(i);
+        const auto& entry = i == 0 ? a : i == 1 ? b : c;
+        const auto made = patches.take(entry.oldFile, entry.patchFile);
+        ASSERT_TRUE(made);
+        EXPECT_TRUE(made->written.valid());
+        EXPECT_EQ(Text(*made), ReadTextFile(_dir.file(std::string(1, "abc"[i]) + ".new")));
+    }
+}
+
+TEST_F(PatchPrefetcherTest, AtMostSoManyNewFilesWaitWrittenAhead) {
+    std::vector<std::optional<PatchPrefetcher::Patch>> entries;
+    const size_t count = PatchPrefetcher::kFilesWrittenAhead + 2;
+    for (size_t i = 0; i < count; ++i) {
+        const std::string name = "p" + std::to_string(i);
+        entries.push_back(patch(name, "old " + name, "new contents of " + name));
+    }
+    PatchPrefetcher patches(entries);
+    ASSERT_TRUE(WaitForMade(patches, PatchPrefetcher::kFilesWrittenAhead));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(patches.made(), PatchPrefetcher::kFilesWrittenAhead) << "each holds a descriptor";
+
+    // Taking one makes room for one more.
+    patches.entryStarting(0);
+    const auto first = patches.take(entries[0]->oldFile, entries[0]->patchFile);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(Text(*first), "new contents of p0");
+    ASSERT_TRUE(WaitForMade(patches, PatchPrefetcher::kFilesWrittenAhead + 1));
+}
+
+TEST_F(PatchPrefetcherTest, TheOldFileIsChecksummedFromTheBytesReadForItsPatch) {
+    const auto a = patch("a", RandomText(300000, 21), RandomText(300000, 22));
+    const auto b = patch("b", "old contents of b", "new contents of b");
+    PatchPrefetcher patches({a, b});
+    ASSERT_TRUE(WaitForMade(patches, 2));
+    for (const auto& entry : {a, b}) {
+        struct stat info {};
+        ASSERT_EQ(::stat(entry.oldFile.c_str(), &info), 0);
+        EXPECT_EQ(MD5cksum::rememberedChecksumOfFile(entry.oldFile, info), Md5OfFile(entry.oldFile))
+            << entry.oldFile;
+    }
+
+    // Changed since it was read: the checksum remembered is given up.
+    WriteTextFile(b.oldFile, "old contents of b, changed");
+    struct stat changed {};
+    ASSERT_EQ(::stat(b.oldFile.c_str(), &changed), 0);
+    EXPECT_EQ(MD5cksum::rememberedChecksumOfFile(b.oldFile, changed), std::nullopt);
 }
 
 TEST_F(PatchPrefetcherTest, ANewFileThatCannotBeWrittenAheadStaysInMemory) {
@@ -212,7 +270,7 @@ TEST_F(PatchPrefetcherTest, StoppingEndsAThreadThatWaitsForRoom) {
             patch("p" + std::to_string(i), RandomText(100000, i), RandomText(100000, i + 100)));
     {
         // Room for one: the thread waits for an entry that never comes to take it.
-        PatchPrefetcher patches(entries, 150000);
+        PatchPrefetcher patches(entries, 150000, RealFileSystem::instance(), false);
         ASSERT_TRUE(WaitForMade(patches, 1));
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         EXPECT_EQ(patches.made(), 1u);

@@ -30,6 +30,7 @@
 #include <chrono>
 #include <cstring>
 #include <future>
+#include <string_view>
 #include <sys/stat.h>
 #include <system_error>
 #include <thread>
@@ -562,21 +563,29 @@ ProcessManifest::filesToChecksumAhead(const std::vector<XmlNode>& entries,
                                       const std::string& payloadDir) {
     // A guess, read without a log line: the installed file, the file a rename or an
     // overwrite of a renamed file starts from, and the payload file copied in. A wrong
-    // guess costs a read, never a result.
+    // guess costs a read, never a result. The file a patch starts from is read, and
+    // checksummed, by the patch made ahead (PatchPrefetcher), unless it is too large for it.
     std::vector<std::vector<std::string>> files;
     files.reserve(entries.size());
     for (const XmlNode& node : entries) {
         std::vector<std::string>& entry = files.emplace_back();
+        const auto operation = SingleValue(node, "./Operation").value_or("");
+        const bool patches = EqualsIgnoringCase(operation, "PATCH");
         for (const char* field : {"./DestinationPath", "./RenamePath"}) {
-            if (auto path = defaultPathOf(node, field, dirToken, appPath))
+            auto path = defaultPathOf(node, field, dirToken, appPath);
+            struct stat info {};
+            if (path && patches && std::string_view(field) == "./DestinationPath" &&
+                (::stat(path->c_str(), &info) != 0 ||
+                 static_cast<uint64_t>(info.st_size) <= PatchPrefetcher::kBytesAhead))
+                continue;
+            if (path)
                 entry.push_back(std::move(*path));
         }
         if (payloadDir.empty())
             continue;
-        const auto operation = SingleValue(node, "./Operation").value_or("");
         const auto objectName = SingleValue(node, "./ObjectName");
         // A payload file held in memory has its checksum already.
-        if (objectName && !EqualsIgnoringCase(operation, "PATCH")) {
+        if (objectName && !patches) {
             std::string source = JoinPath(payloadDir, *objectName);
             if (!PayloadFiles::find(source))
                 entry.push_back(std::move(source));
