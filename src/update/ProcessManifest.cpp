@@ -30,7 +30,6 @@
 #include <chrono>
 #include <cstring>
 #include <future>
-#include <string_view>
 #include <sys/stat.h>
 #include <system_error>
 #include <thread>
@@ -109,8 +108,9 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
         const XmlNode root = XmlDocument::root(parsed.document);
         _manifestRoot = root;
         const DirTokenResolver dirToken(_environment.paths);
-        std::vector<XmlNode> entries = Select(root, "/Manifest/FileSet/File");
-        patches = workAhead(entries, dirToken, _appPath, _payloadDir).patches;
+        _plannedEntries = Select(root, "/Manifest/FileSet/File");
+        _plannedPaths = entryPathsOf(_plannedEntries, dirToken, _appPath);
+        patches = workAhead(_plannedPaths, _payloadDir).patches;
         for (const auto& patch : patches) {
             if (patch)
                 patchFilesToCome.insert(patch->patchFile);
@@ -121,11 +121,12 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
         if (const ManifestConfinement confined(dirToken, _appPath);
             !patchFilesToCome.empty() && !confined.manifestProblem(root))
             _confinement = std::make_unique<FileSystemConfinement>(confined.folders());
-        for (const XmlNode& file : Select(root, "/Manifest/BundleSet/Bundle/File"))
-            entries.push_back(file);
+        std::vector<std::vector<std::string>> toChecksum = filesToChecksumAhead(_plannedPaths, {});
+        for (auto& files : filesToChecksumAhead(Select(root, "/Manifest/BundleSet/Bundle/File"),
+                                                dirToken, _appPath, {}))
+            toChecksum.push_back(std::move(files));
         _earlyPrefetcher = std::make_unique<ChecksumPrefetcher>(
-            filesToChecksumAhead(entries, dirToken, _appPath, {}),
-            ChecksumPrefetcher::kEntriesBeforeStart, true);
+            std::move(toChecksum), ChecksumPrefetcher::kEntriesBeforeStart, true);
         _payloadFilesToHold = payloadFilesToHold(root);
     }
     const auto patchFileUnpacked = [&](const std::string& relative) {
@@ -416,16 +417,17 @@ bool ProcessManifest::progressStep(ProgressWindowController* progress,
 std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* /*worker*/) {
     _earlyPrefetcher.reset();
     _linkFreeFolders.clear();
-    // The work ahead of the entries is listed on two processors: the patches and the copies
-    // on another thread while this one lists the checksums (the manifest is only read).
-    std::future<WorkAhead> listed;
-    try {
-        listed = std::async(std::launch::async, [&work] { return workAhead(work); });
-    } catch (const std::system_error&) {
-        listed = std::async(std::launch::deferred, [&work] { return workAhead(work); });
+    // The work ahead of the entries, from their paths as read before the payload was
+    // unpacked (or read now, for other entries: a rollback's).
+    std::vector<EntryPaths> readNow;
+    const std::vector<EntryPaths>* paths = plannedPathsFor(work);
+    if (!paths) {
+        readNow = entryPathsOf(work.workingNodesArray, *work.dirToken, work.appPath);
+        paths = &readNow;
     }
-    ChecksumPrefetcher prefetcher(filesToChecksumAhead(work));
-    WorkAhead ahead = listed.get();
+    const std::string& payloadDir = work.cmdInterface->payloadDir();
+    ChecksumPrefetcher prefetcher(filesToChecksumAhead(*paths, payloadDir));
+    WorkAhead ahead = workAhead(*paths, payloadDir);
     // The patches started while the payload was unpacked go on when they are this set's,
     // and write their new files ahead from now on: the manifest's paths have been checked and
     // the installation's folders are reached only through the confinement.
@@ -561,37 +563,65 @@ std::vector<std::vector<std::string>>
 ProcessManifest::filesToChecksumAhead(const std::vector<XmlNode>& entries,
                                       const DirTokenResolver& dirToken, const std::string& appPath,
                                       const std::string& payloadDir) {
+    return filesToChecksumAhead(entryPathsOf(entries, dirToken, appPath), payloadDir);
+}
+
+std::vector<std::vector<std::string>>
+ProcessManifest::filesToChecksumAhead(const std::vector<EntryPaths>& entries,
+                                      const std::string& payloadDir) {
     // A guess, read without a log line: the installed file, the file a rename or an
     // overwrite of a renamed file starts from, and the payload file copied in. A wrong
     // guess costs a read, never a result. The file a patch starts from is read, and
     // checksummed, by the patch made ahead (PatchPrefetcher), unless it is too large for it.
     std::vector<std::vector<std::string>> files;
     files.reserve(entries.size());
-    for (const XmlNode& node : entries) {
+    for (const EntryPaths& paths : entries) {
         std::vector<std::string>& entry = files.emplace_back();
-        const auto operation = SingleValue(node, "./Operation").value_or("");
-        const bool patches = EqualsIgnoringCase(operation, "PATCH");
-        for (const char* field : {"./DestinationPath", "./RenamePath"}) {
-            auto path = defaultPathOf(node, field, dirToken, appPath);
-            struct stat info {};
-            if (path && patches && std::string_view(field) == "./DestinationPath" &&
-                (::stat(path->c_str(), &info) != 0 ||
-                 static_cast<uint64_t>(info.st_size) <= PatchPrefetcher::kBytesAhead))
-                continue;
-            if (path)
-                entry.push_back(std::move(*path));
-        }
-        if (payloadDir.empty())
+        struct stat info {};
+        if (paths.destination &&
+            (!paths.patches ||
+             (::stat(paths.destination->c_str(), &info) == 0 &&
+              static_cast<uint64_t>(info.st_size) > PatchPrefetcher::kBytesAhead)))
+            entry.push_back(*paths.destination);
+        if (paths.renamePath)
+            entry.push_back(*paths.renamePath);
+        if (payloadDir.empty() || !paths.objectName || paths.patches)
             continue;
-        const auto objectName = SingleValue(node, "./ObjectName");
         // A payload file held in memory has its checksum already.
-        if (objectName && !patches) {
-            std::string source = JoinPath(payloadDir, *objectName);
-            if (!PayloadFiles::find(source))
-                entry.push_back(std::move(source));
-        }
+        std::string source = JoinPath(payloadDir, *paths.objectName);
+        if (!PayloadFiles::find(source))
+            entry.push_back(std::move(source));
     }
     return files;
+}
+
+std::vector<ProcessManifest::EntryPaths>
+ProcessManifest::entryPathsOf(const std::vector<XmlNode>& entries, const DirTokenResolver& dirToken,
+                              const std::string& appPath) {
+    std::vector<EntryPaths> paths;
+    paths.reserve(entries.size());
+    for (const XmlNode& node : entries) {
+        EntryPaths& entry = paths.emplace_back();
+        const std::string operation = SingleValue(node, "./Operation").value_or("");
+        entry.patches = EqualsIgnoringCase(operation, "PATCH");
+        entry.copies =
+            EqualsIgnoringCase(operation, "ADD") || EqualsIgnoringCase(operation, "OVERWRITE");
+        entry.objectName = SingleValue(node, "./ObjectName");
+        entry.destination = defaultPathOf(node, "./DestinationPath", dirToken, appPath);
+        entry.renamePath = defaultPathOf(node, "./RenamePath", dirToken, appPath);
+    }
+    return paths;
+}
+
+const std::vector<ProcessManifest::EntryPaths>*
+ProcessManifest::plannedPathsFor(const WorkDictionary& work) const {
+    const bool same =
+        !_plannedEntries.empty() && work.appPath == _appPath && work.cmdInterface &&
+        work.cmdInterface->payloadDir() == _payloadDir &&
+        std::equal(work.workingNodesArray.begin(), work.workingNodesArray.end(),
+                   _plannedEntries.begin(), _plannedEntries.end(),
+                   [](const XmlNode& a, const XmlNode& b) { return a.raw() == b.raw(); });
+    return same ? &_plannedPaths : nullptr;
 }
 
 std::optional<std::string> ProcessManifest::defaultPathOf(const XmlNode& entry, const char* field,
@@ -650,30 +680,27 @@ ProcessManifest::WorkAhead ProcessManifest::workAhead(const std::vector<XmlNode>
                                                       const DirTokenResolver& dirToken,
                                                       const std::string& appPath,
                                                       const std::string& payloadDir) {
+    return workAhead(entryPathsOf(entries, dirToken, appPath), payloadDir);
+}
+
+ProcessManifest::WorkAhead ProcessManifest::workAhead(const std::vector<EntryPaths>& entries,
+                                                      const std::string& payloadDir) {
     // Guesses like the checksums': an entry takes a new file made ahead only when it patches
     // the same files, a file written ahead only when it copies the same payload file into
     // the same folder.
     WorkAhead ahead;
     ahead.patches.reserve(entries.size());
     ahead.copies.reserve(entries.size());
-    for (const XmlNode& node : entries) {
+    for (const EntryPaths& paths : entries) {
         auto& patch = ahead.patches.emplace_back();
         auto& copy = ahead.copies.emplace_back();
-        const std::string operation = SingleValue(node, "./Operation").value_or("");
-        const bool patches = EqualsIgnoringCase(operation, "PATCH");
-        const bool copies =
-            EqualsIgnoringCase(operation, "ADD") || EqualsIgnoringCase(operation, "OVERWRITE");
-        if (!patches && !copies)
+        if ((!paths.patches && !paths.copies) || !paths.objectName || !paths.destination)
             continue;
-        const auto objectName = SingleValue(node, "./ObjectName");
-        auto destination = defaultPathOf(node, "./DestinationPath", dirToken, appPath);
-        if (!objectName || !destination)
-            continue;
-        std::string source = JoinPath(payloadDir, *objectName);
-        if (patches)
-            patch = PatchPrefetcher::Patch{std::move(*destination), std::move(source)};
+        std::string source = JoinPath(payloadDir, *paths.objectName);
+        if (paths.patches)
+            patch = PatchPrefetcher::Patch{*paths.destination, std::move(source)};
         else if (PayloadFiles::find(source))
-            copy = HeldFileWriter::Copy{std::move(source), ParentPath(*destination)};
+            copy = HeldFileWriter::Copy{std::move(source), ParentPath(*paths.destination)};
     }
     return ahead;
 }

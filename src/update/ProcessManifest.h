@@ -98,6 +98,18 @@ public:
                              ProgressWindowController* progress, bool isRollback,
                              ThreadWorker* worker);
     std::string processFileSet(WorkDictionary& work, ThreadWorker* worker);
+    // What the work ahead of a file entry needs to know of it, from its default names: read
+    // once from the manifest, before the payload is unpacked, for every list below.
+    struct EntryPaths {
+        bool patches = false; // PATCH
+        bool copies = false;  // ADD or OVERWRITE
+        std::optional<std::string> objectName;
+        std::optional<std::string> destination; // tokens expanded
+        std::optional<std::string> renamePath;
+    };
+    static std::vector<EntryPaths> entryPathsOf(const std::vector<XmlNode>& entries,
+                                                const DirTokenResolver& dirToken,
+                                                const std::string& appPath);
     // For each file entry, the files whose checksums it is likely to ask for.
     static std::vector<std::vector<std::string>> filesToChecksumAhead(const WorkDictionary& work);
     // The same for every file entry of the manifest (file set, then bundles), without the
@@ -105,6 +117,8 @@ public:
     static std::vector<std::vector<std::string>>
     filesToChecksumAhead(const std::vector<XmlNode>& entries, const DirTokenResolver& dirToken,
                          const std::string& appPath, const std::string& payloadDir);
+    static std::vector<std::vector<std::string>>
+    filesToChecksumAhead(const std::vector<EntryPaths>& entries, const std::string& payloadDir);
     // The path of an entry's field (its default name, tokens expanded), when it has one.
     static std::optional<std::string> defaultPathOf(const XmlNode& entry, const char* field,
                                                     const DirTokenResolver& dirToken,
@@ -127,6 +141,10 @@ public:
     static WorkAhead workAhead(const std::vector<XmlNode>& entries,
                                const DirTokenResolver& dirToken, const std::string& appPath,
                                const std::string& payloadDir);
+    static WorkAhead workAhead(const std::vector<EntryPaths>& entries,
+                               const std::string& payloadDir);
+    // The file set's entries as read before the payload was unpacked, when work's are those.
+    const std::vector<EntryPaths>* plannedPathsFor(const WorkDictionary& work) const;
     std::string processBundleSet(WorkDictionary& work, ThreadWorker* worker);
     std::string processDirectorySet(WorkDictionary& work, ThreadWorker* worker);
     // Replays the journal in the backup folder.
@@ -198,10 +216,13 @@ private:
     ProgressWindowController* _progressController = nullptr;
     std::unique_ptr<ServicesHandler> _serviceHandler;
     std::shared_ptr<ThreadWorker> _tw;
-    // Reads the installed files' checksums while the payload is unpacked and the services
-    // stop; the file set's own prefetcher takes over.
     // The manifest, read once before the payload is unpacked; null when it could not be.
     XmlNode _manifestRoot;
+    // Its file set's entries, and what the work ahead of them needs to know of each.
+    std::vector<XmlNode> _plannedEntries;
+    std::vector<EntryPaths> _plannedPaths;
+    // Reads the installed files' checksums while the payload is unpacked and the services
+    // stop; the file set's own prefetcher takes over.
     std::unique_ptr<ChecksumPrefetcher> _earlyPrefetcher;
     // The file set's patches, started as soon as their files were unpacked; taken over by
     // the file set when its entries are the ones these were listed from.
