@@ -9,7 +9,6 @@
 #include "target/DirTokenResolver.h"
 #include "update/CmdInterface.h"
 #include "update/MD5cksum.h"
-#include "update/PatchPrefetcher.h"
 #include "update/ProcessManifest.h"
 
 #include <gtest/gtest.h>
@@ -17,7 +16,6 @@
 #include <chrono>
 #include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -151,31 +149,12 @@ TEST_F(ChecksumPrefetcherTest, TheManifestNamesTheInstalledAndThePayloadFiles) {
     LogCapture log;
     const auto files = ProcessManifest::filesToChecksumAhead(work);
     EXPECT_EQ(files, (std::vector<std::vector<std::string>>{
-                         {}, // read, and checksummed, by the patch made ahead
+                         {"/opt/App.app/MacOS/Tool"}, // a patch is read by the patch itself
                          {"/opt/App.app/Resources/new.txt", "/payload/a2"},
                          {"/opt/App.app/old.txt", "/opt/App.app/Moved/new.txt", "/payload/r3"},
                          {"/opt/App.app/gone.txt"},
                          {}}));
     EXPECT_TRUE(log.lines().empty()) << "worked out without a log line";
-}
-
-TEST_F(ChecksumPrefetcherTest, APatchedFileTooLargeToBePatchedAheadIsReadAhead) {
-    // Sparse: the size is what counts.
-    const std::string large = _dir.file("Large");
-    WriteTextFile(large, "");
-    ASSERT_EQ(::truncate(large.c_str(), PatchPrefetcher::kBytesAhead + 1), 0);
-    WriteTextFile(_dir.file("Small"), "a small file");
-    const std::string manifest =
-        "<Manifest><FileSet>" + FileEntryXml({"PATCH", "p1.patch", "[INSTALLDIR]", "Large"}) +
-        FileEntryXml({"PATCH", "p2.patch", "[INSTALLDIR]", "Small"}) + "</FileSet></Manifest>";
-    const auto document = XmlDocument::parseMemory(manifest, XmlParseMode::Strict);
-    ASSERT_TRUE(document.document);
-    const PlatformPaths paths;
-    const DirTokenResolver tokens(paths);
-    const auto files = ProcessManifest::filesToChecksumAhead(
-        XmlDocument::root(document.document).select("/Manifest/FileSet/File"), tokens, _dir.path(),
-        "/payload");
-    EXPECT_EQ(files, (std::vector<std::vector<std::string>>{{large}, {}}));
 }
 
 } // namespace

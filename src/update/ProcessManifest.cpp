@@ -571,17 +571,13 @@ ProcessManifest::filesToChecksumAhead(const std::vector<EntryPaths>& entries,
                                       const std::string& payloadDir) {
     // A guess, read without a log line: the installed file, the file a rename or an
     // overwrite of a renamed file starts from, and the payload file copied in. A wrong
-    // guess costs a read, never a result. The file a patch starts from is read, and
-    // checksummed, by the patch made ahead (PatchPrefetcher), unless it is too large for it.
+    // guess costs a read, never a result. (The file a patch starts from is checksummed here
+    // or by the patch made ahead, whichever reads it first: PatchPrefetcher.)
     std::vector<std::vector<std::string>> files;
     files.reserve(entries.size());
     for (const EntryPaths& paths : entries) {
         std::vector<std::string>& entry = files.emplace_back();
-        struct stat info {};
-        if (paths.destination &&
-            (!paths.patches ||
-             (::stat(paths.destination->c_str(), &info) == 0 &&
-              static_cast<uint64_t>(info.st_size) > PatchPrefetcher::kBytesAhead)))
+        if (paths.destination)
             entry.push_back(*paths.destination);
         if (paths.renamePath)
             entry.push_back(*paths.renamePath);
