@@ -88,7 +88,9 @@ public:
             inflateWhole();
         }
         if (_whole) {
-            const size_t piece = std::min<size_t>(kReadSize, _wholeSize - _wholeOffset);
+            // In one piece: each file's data then comes from libarchive as one block of this
+            // memory, which a file held in memory keeps instead of a copy (share()).
+            const size_t piece = _wholeSize - _wholeOffset;
             *data = _whole.get() + _wholeOffset;
             _wholeOffset += piece;
             _unpacked += piece;
@@ -142,6 +144,17 @@ public:
     }
 
     const std::string& reason() const { return _reason; }
+
+    // The bytes [data, data + size) as a share of the archive inflated whole in memory, when
+    // they lie in it; nothing otherwise. That memory (at most kWholeInflateLimit) then lasts
+    // until the last share of it is let go.
+    std::shared_ptr<const uint8_t[]> share(const void* data, size_t size) const {
+        const auto* begin = static_cast<const uint8_t*>(data);
+        if (!_whole || begin < _whole.get() || size > _wholeSize ||
+            begin > _whole.get() + (_wholeSize - size))
+            return nullptr;
+        return std::shared_ptr<const uint8_t[]>(_whole, begin);
+    }
 
     // The unpacked size the archive's last gzip member declares in its trailer: the whole
     // size (modulo 4 GiB) for the single member a payload is; nothing for a file too short
@@ -231,7 +244,7 @@ private:
     std::unique_ptr<unsigned char[]> _input;
     std::unique_ptr<unsigned char[]> _output;
     bool _wholeTried = false;
-    std::unique_ptr<uint8_t[]> _whole; // the whole archive, inflated at once
+    std::shared_ptr<uint8_t[]> _whole; // the whole archive, inflated at once
     size_t _wholeSize = 0;
     size_t _wholeOffset = 0;
     std::string _reason;
@@ -259,9 +272,11 @@ class PayloadWriter {
 public:
     // The regular files named in heldNames (names below the folder) are held in memory
     // (PayloadFiles) rather than written, as long as they fit in what may be held.
+    // A file's data that source has in memory whole is held there rather than copied.
     PayloadWriter(FileSystem& fileSystem, std::string folder,
-                  const std::unordered_set<std::string>* heldNames = nullptr)
-        : _fs(fileSystem), _folder(std::move(folder)), _heldNames(heldNames) {}
+                  const std::unordered_set<std::string>* heldNames = nullptr,
+                  const GzipSource* source = nullptr)
+        : _fs(fileSystem), _folder(std::move(folder)), _heldNames(heldNames), _source(source) {}
 
     // Writes one entry, its data read from in; false with a reason when it cannot be
     // written safely and whole.
@@ -508,14 +523,23 @@ private:
             return false;
         PayloadFiles::File file;
         file.size = static_cast<size_t>(archive_entry_size(entry));
-        auto bytes = std::make_shared_for_overwrite<uint8_t[]>(std::max<size_t>(file.size, 1));
+        std::shared_ptr<const uint8_t[]> shared; // the data, where the unpacked archive has it
+        std::shared_ptr<uint8_t[]> bytes;        // or a copy
         size_t end = 0;
         if (!readData(in, reason, [&](const void* data, size_t size, la_int64_t offset) {
                 if (offset < 0 || static_cast<uint64_t>(offset) > file.size ||
-                    size > file.size - static_cast<size_t>(offset)) {
+                    size > file.size - static_cast<size_t>(offset) || (shared && size > 0)) {
                     reason = "\"" + _entryName + "\": more data than the entry's size";
                     return false;
                 }
+                if (!bytes && offset == 0 && size == file.size && size > 0 && _source &&
+                    (shared = _source->share(data, size))) {
+                    end = size;
+                    return true;
+                }
+                if (!bytes)
+                    bytes =
+                        std::make_shared_for_overwrite<uint8_t[]>(std::max<size_t>(file.size, 1));
                 const auto at = static_cast<size_t>(offset);
                 if (at > end)
                     std::memset(bytes.get() + end, 0, at - end); // a hole
@@ -525,9 +549,15 @@ private:
                 return true;
             }))
             return false;
-        if (end < file.size)
-            std::memset(bytes.get() + end, 0, file.size - end);
-        file.bytes = std::move(bytes);
+        if (shared) {
+            file.bytes = std::move(shared);
+        } else {
+            if (!bytes)
+                bytes = std::make_shared_for_overwrite<uint8_t[]>(std::max<size_t>(file.size, 1));
+            if (end < file.size)
+                std::memset(bytes.get() + end, 0, file.size - end);
+            file.bytes = std::move(bytes);
+        }
         file.mode = modeOf(entry);
         timesOf(entry, file.times);
         _heldBytes += file.size;
@@ -597,6 +627,7 @@ private:
     FileSystem& _fs;
     const std::string _folder;
     const std::unordered_set<std::string>* _heldNames;
+    const GzipSource* _source;
     std::map<std::string, PayloadFiles::File> _held; // read, held once the payload is whole
     uint64_t _heldBytes = 0;
     std::string _entryName;
@@ -646,7 +677,7 @@ bool ExtractArchive(const std::string& archivePath, const std::string& targetFol
         return tooLarge(*declared);
     gzip.limitUnpackedSize(std::min(limits.bytes, *room));
 
-    PayloadWriter writer(fileSystem, WithoutTrailingSlashes(targetFolder), heldNames);
+    PayloadWriter writer(fileSystem, WithoutTrailingSlashes(targetFolder), heldNames, &gzip);
     uint64_t entries = 0;
     uint64_t declaredBytes = 0;
     for (;;) {

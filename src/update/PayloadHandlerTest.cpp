@@ -200,6 +200,30 @@ TEST_F(PayloadHandlerTest, FilesNamedToBeHeldStayInMemoryAndCopyAsFromDisk) {
     EXPECT_EQ(PayloadFiles::heldBytes(), 0u);
 }
 
+TEST_F(PayloadHandlerTest, HeldFilesAreKeptInTheUnpackedArchiveRatherThanCopied) {
+    MakeSampleTree();
+    MakePayload(_stage, "find .");
+    const std::string tool = "App.app/Contents/MacOS/tool";
+    const std::unordered_set<std::string> held = {"private", tool};
+    ASSERT_EQ(PayloadHandler::extractFile(_resources, _payload, RealFileSystem::instance(),
+                                          PayloadLimits(), &held),
+              0);
+    const auto first = PayloadFiles::find(_payload + "/private");
+    const auto second = PayloadFiles::find(_payload + "/" + tool);
+    ASSERT_TRUE(first && second);
+    // One memory, the archive inflated whole, owns both.
+    EXPECT_FALSE(first->bytes.owner_before(second->bytes) ||
+                 second->bytes.owner_before(first->bytes));
+    EXPECT_NE(first->bytes.get(), second->bytes.get());
+    for (const auto& [file, name] : {std::pair{first, std::string("private")}, {second, tool}}) {
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(file->bytes.get()), file->size),
+                  ReadTextFile(_stage + "/" + name))
+            << name;
+    }
+    ASSERT_EQ(PayloadHandler::cleanupDir(_payload, RealFileSystem::instance()), 0);
+    EXPECT_EQ(PayloadFiles::heldBytes(), 0u);
+}
+
 TEST_F(PayloadHandlerTest, EachFileWrittenIsAnnouncedWholeWhileTheRestIsUnpacked) {
     MakeSampleTree();
     // The archive's order: two files first, then everything (again) in find's order.
