@@ -455,8 +455,9 @@ private:
     std::string _path;
 };
 
+// into, when it has a place, receives the new file in place; else it is made a chunk at a time.
 BspatchResult Apply(std::span<const uint8_t> oldData, int patchFd, const BspatchSink& sink,
-                    std::string* detail) {
+                    std::string* detail, std::span<uint8_t> into) {
     struct stat info {};
     if (::fstat(patchFd, &info) != 0 || !S_ISREG(info.st_mode))
         return Fail(detail, BspatchResult::PatchUnreadable, "the patch is not a readable file");
@@ -487,9 +488,16 @@ BspatchResult Apply(std::span<const uint8_t> oldData, int patchFd, const Bspatch
     if (!control.init() || !diff.init() || !extra.init())
         return Fail(detail, BspatchResult::OutOfMemory, "no memory for the bzip2 decompressors");
 
-    const auto chunk = std::make_unique_for_overwrite<uint8_t[]>(kChunkSize);
     const auto oldSize = static_cast<int64_t>(oldData.size());
     const int64_t newSize = header->newSize;
+    if (into.data() && static_cast<uint64_t>(newSize) > into.size())
+        return Fail(detail, BspatchResult::OutputFailed,
+                    "the new file is larger than the memory given for it");
+    std::unique_ptr<uint8_t[]> chunk;
+    if (!into.data())
+        chunk = std::make_unique_for_overwrite<uint8_t[]>(kChunkSize);
+    // Where the bytes from newPos on are made.
+    const auto place = [&](int64_t at) { return into.data() ? into.data() + at : chunk.get(); };
     int64_t newPos = 0;
     int64_t oldPos = 0;
     uint64_t entry = 0;
@@ -514,16 +522,17 @@ BspatchResult Apply(std::span<const uint8_t> oldData, int patchFd, const Bspatch
 
         for (int64_t remaining = step.addLength; remaining > 0;) {
             const auto size = static_cast<size_t>(std::min<int64_t>(remaining, kChunkSize));
-            if (!diff.read(chunk.get(), size))
+            uint8_t* out = place(newPos);
+            if (!diff.read(out, size))
                 return Fail(detail, BspatchResult::CorruptPatch,
                             "the diff block is damaged or too short");
             // Old bytes outside the old file count as zero.
             const int64_t first = std::max<int64_t>(oldPos, 0);
             const int64_t last = std::min<int64_t>(oldPos + static_cast<int64_t>(size), oldSize);
             if (last > first)
-                AddBytes(chunk.get() + (first - oldPos), oldData.data() + first,
+                AddBytes(out + (first - oldPos), oldData.data() + first,
                          static_cast<size_t>(last - first));
-            if (!sink(chunk.get(), size))
+            if (!sink(out, size))
                 return Fail(detail, BspatchResult::OutputFailed, "the new file cannot be written");
             oldPos += static_cast<int64_t>(size);
             newPos += static_cast<int64_t>(size);
@@ -535,10 +544,11 @@ BspatchResult Apply(std::span<const uint8_t> oldData, int patchFd, const Bspatch
                         where() + " copies past the end of the new file");
         for (int64_t remaining = step.copyLength; remaining > 0;) {
             const auto size = static_cast<size_t>(std::min<int64_t>(remaining, kChunkSize));
-            if (!extra.read(chunk.get(), size))
+            uint8_t* out = place(newPos);
+            if (!extra.read(out, size))
                 return Fail(detail, BspatchResult::CorruptPatch,
                             "the extra block is damaged or too short");
-            if (!sink(chunk.get(), size))
+            if (!sink(out, size))
                 return Fail(detail, BspatchResult::OutputFailed, "the new file cannot be written");
             newPos += static_cast<int64_t>(size);
             remaining -= static_cast<int64_t>(size);
@@ -583,8 +593,14 @@ const char* DescribeBspatchResult(BspatchResult result) {
 
 BspatchResult ApplyBsdiffPatchToSink(std::span<const uint8_t> oldData, int patchFd,
                                      const BspatchSink& sink, std::string* detail) {
+    return ApplyBsdiffPatchInto(oldData, patchFd, {}, sink, detail);
+}
+
+BspatchResult ApplyBsdiffPatchInto(std::span<const uint8_t> oldData, int patchFd,
+                                   std::span<uint8_t> into, const BspatchSink& sink,
+                                   std::string* detail) {
     try {
-        return Apply(oldData, patchFd, sink, detail);
+        return Apply(oldData, patchFd, sink, detail, into);
     } catch (const std::bad_alloc&) {
         return Fail(detail, BspatchResult::OutOfMemory, "out of memory");
     }

@@ -36,6 +36,11 @@ using BspatchSink = std::function<bool(const uint8_t* data, size_t size)>;
 [[nodiscard]] BspatchResult ApplyBsdiffPatchToSink(std::span<const uint8_t> oldData, int patchFd,
                                                    const BspatchSink& sink,
                                                    std::string* detail = nullptr);
+// The same, the new file made in place in into, which sink then sees piece by piece: no copy
+// of it is made on the way. OutputFailed when the header's new size does not fit in into.
+[[nodiscard]] BspatchResult ApplyBsdiffPatchInto(std::span<const uint8_t> oldData, int patchFd,
+                                                 std::span<uint8_t> into, const BspatchSink& sink,
+                                                 std::string* detail = nullptr);
 
 // The whole old file in memory, in a buffer that is kept for the next file: patching many
 // files in turn touches fresh memory only for a file larger than all before it, and the

@@ -572,6 +572,42 @@ TEST(BspatchTest, PatchesIntoASinkAndStopsWhenItRefuses) {
     ::close(fd);
 }
 
+TEST(BspatchTest, PatchesInPlaceIntoTheMemoryGiven) {
+    const Bytes oldData = RandomBytes(200000, 52);
+    const Bytes extra = Text("inserted text");
+    const std::vector<BsdiffControl> controls = {{50000, 13, 10000}, {140000, 0, 0}};
+    const Bytes patch = MakePatch(controls, Bytes(190000, 0), extra, 190013);
+    Bytes expected(oldData.begin(), oldData.begin() + 50000);
+    expected.insert(expected.end(), extra.begin(), extra.end());
+    expected.insert(expected.end(), oldData.begin() + 60000, oldData.end());
+    const int fd = ::memfd_create("patch", MFD_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::write(fd, patch.data(), patch.size()), static_cast<ssize_t>(patch.size()));
+
+    // Every piece the sink sees is the next stretch of the memory given.
+    Bytes into(190013 + 7, 0xAA);
+    size_t at = 0;
+    EXPECT_EQ(ApplyBsdiffPatchInto(oldData, fd, into,
+                                   [&](const uint8_t* data, size_t size) {
+                                       EXPECT_EQ(data, into.data() + at);
+                                       at += size;
+                                       return true;
+                                   }),
+              BspatchResult::Success);
+    EXPECT_EQ(at, expected.size());
+    EXPECT_TRUE(Bytes(into.begin(), into.begin() + 190013) == expected);
+    EXPECT_EQ(into.back(), 0xAA) << "nothing written past the new file";
+
+    // Too little room: nothing made.
+    Bytes small(190012, 0);
+    std::string detail;
+    EXPECT_EQ(ApplyBsdiffPatchInto(
+                  oldData, fd, small, [](const uint8_t*, size_t) { return true; }, &detail),
+              BspatchResult::OutputFailed);
+    EXPECT_EQ(detail, "the new file is larger than the memory given for it");
+    ::close(fd);
+}
+
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kSanitized = true;
 #else

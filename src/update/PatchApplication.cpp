@@ -70,20 +70,25 @@ BspatchResult PatchIntoMemory(std::span<const uint8_t> oldData, int patchFd, siz
                               PatchedFile& made, std::string* detail, const std::atomic<bool>* stop,
                               bool withChecksum) {
     try {
-        made.bytes = std::make_unique_for_overwrite<uint8_t[]>(std::max<size_t>(newSize, 1));
+        if (!made.bytes || made.capacity < newSize) {
+            made.bytes.reset();
+            made.capacity = std::max<size_t>(newSize, 1);
+            made.bytes = std::make_unique_for_overwrite<uint8_t[]>(made.capacity);
+        }
     } catch (const std::bad_alloc&) {
+        made.capacity = 0;
         if (detail)
             *detail = "out of memory";
         return BspatchResult::OutOfMemory;
     }
     size_t filled = 0;
     Md5Stream digest;
-    BspatchResult result = ApplyBsdiffPatchToSink(
-        oldData, patchFd,
+    // Made in place: the pieces only pass by here for their checksum.
+    BspatchResult result = ApplyBsdiffPatchInto(
+        oldData, patchFd, {made.bytes.get(), newSize},
         [&](const uint8_t* data, size_t size) {
             if ((stop && stop->load()) || size > newSize - filled)
                 return false;
-            std::memcpy(made.bytes.get() + filled, data, size);
             if (withChecksum)
                 digest.update(data, size);
             filled += size;

@@ -24,6 +24,7 @@ inline constexpr size_t kPatchedInMemoryLimit = 64 << 20;
 struct PatchedFile {
     std::unique_ptr<uint8_t[]> bytes;
     size_t size = 0;
+    size_t capacity = 0; // the room in bytes, at least size
     std::string checksum;
     UniqueFd written;
 };
@@ -34,6 +35,8 @@ std::optional<size_t> PatchedSizeOf(int patchFd);
 
 // Applies the patch open on patchFd (making newSize bytes, as its header says) to oldData
 // into made, with its checksum unless the caller works it out itself (withChecksum false).
+// The new file is made in made's memory when it has room for it (a buffer used before),
+// else in new memory.
 // Stops with OutputFailed when stop (if given) is set.
 BspatchResult PatchIntoMemory(std::span<const uint8_t> oldData, int patchFd, size_t newSize,
                               PatchedFile& made, std::string* detail,

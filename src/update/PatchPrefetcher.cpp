@@ -317,6 +317,7 @@ void PatchPrefetcher::run() {
         }
         Made made;
         made.index = index;
+        reuseMemory(*newSize, made.entry.newFile);
         if (spareOld.empty()) {
             made.old = std::make_unique<BspatchOldFile>();
         } else {
@@ -339,6 +340,8 @@ void PatchPrefetcher::run() {
     }
     checkAndPublish();
     spareOld.clear();
+    _spareMemory.clear();
+    _spareBytes = 0;
     {
         // What was made in memory while writing ahead was not allowed is written once it is.
         std::unique_lock lock(_mutex);
@@ -364,7 +367,30 @@ void PatchPrefetcher::writeAhead(NewFile& made, const std::string& oldFile) {
     if (!out.valid() || (made.size > 0 && !_files.write(out.get(), made.bytes.get(), made.size)))
         return; // a full disk, a folder gone: the entry writes the bytes itself
     made.written = std::move(out);
+    if (made.bytes && _spareBytes + made.capacity <= _bytesAhead) {
+        NewFile spare;
+        spare.bytes = std::move(made.bytes);
+        spare.capacity = made.capacity;
+        _spareBytes += spare.capacity;
+        _spareMemory.push_back(std::move(spare));
+    }
     made.bytes.reset();
+    made.capacity = 0;
+}
+
+void PatchPrefetcher::reuseMemory(size_t size, NewFile& made) {
+    // The smallest that has room.
+    auto best = _spareMemory.end();
+    for (auto it = _spareMemory.begin(); it != _spareMemory.end(); ++it) {
+        if (it->capacity >= size && (best == _spareMemory.end() || it->capacity < best->capacity))
+            best = it;
+    }
+    if (best == _spareMemory.end())
+        return;
+    _spareBytes -= best->capacity;
+    made.bytes = std::move(best->bytes);
+    made.capacity = best->capacity;
+    _spareMemory.erase(best);
 }
 
 bool PatchPrefetcher::make(const Patch& patch, size_t newSize, Made& made) {

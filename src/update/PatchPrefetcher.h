@@ -125,8 +125,11 @@ private:
     // Writes ahead the new files made while writing ahead was not allowed yet.
     void writeOutMade();
     // Writes a new file ahead into an unnamed file beside oldFile; left in memory when it
-    // cannot be.
+    // cannot be. Its memory is kept for the next new files.
     void writeAhead(NewFile& made, const std::string& oldFile);
+    // Gives made the memory of a new file written ahead before, when one has room for size
+    // bytes: so the new files' bytes go to memory already touched, not fresh pages.
+    void reuseMemory(size_t size, NewFile& made);
 
     const std::vector<std::optional<Patch>> _patches;
     const size_t _bytesAhead;
@@ -146,5 +149,9 @@ private:
     std::atomic<bool> _stop{false};
     std::atomic<int> _waiting{0}; // entries waiting for a new file being made
     std::atomic<size_t> _made{0};
+    // Memory of new files written ahead, for the next ones (the thread's own), and its size:
+    // at most bytesAhead.
+    std::vector<NewFile> _spareMemory;
+    size_t _spareBytes = 0;
     std::thread _thread;
 };

@@ -4,6 +4,7 @@
 #include "TestSupport.h"
 #include "base/Md5.h"
 #include "base/Xml.h"
+#include "patch/Bspatch.h"
 #include "runtime/PlatformPaths.h"
 #include "target/DirTokenResolver.h"
 #include "update/CmdInterface.h"
@@ -15,6 +16,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unordered_set>
@@ -202,6 +204,35 @@ TEST_F(PatchPrefetcherTest, TheOldFileIsChecksummedFromTheBytesReadForItsPatch) 
     struct stat changed {};
     ASSERT_EQ(::stat(b.oldFile.c_str(), &changed), 0);
     EXPECT_EQ(MD5cksum::rememberedChecksumOfFile(b.oldFile, changed), std::nullopt);
+}
+
+TEST_F(PatchPrefetcherTest, APatchIsMadeInTheMemoryGivenWhenItHasRoom) {
+    const std::string newText = RandomText(30000, 31);
+    const auto a = patch("a", RandomText(30000, 30), newText);
+    BspatchOldFile old;
+    ASSERT_TRUE(old.read(a.oldFile));
+    const int fd = ::open(a.patchFile.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    const auto size = PatchedSizeOf(fd);
+    ASSERT_EQ(size, newText.size());
+
+    PatchedFile made;
+    made.capacity = newText.size() + 100;
+    made.bytes = std::make_unique<uint8_t[]>(made.capacity);
+    const uint8_t* given = made.bytes.get();
+    ASSERT_EQ(PatchIntoMemory(old.bytes(), fd, *size, made, nullptr), BspatchResult::Success);
+    EXPECT_EQ(made.bytes.get(), given);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(made.bytes.get()), made.size), newText);
+    EXPECT_EQ(made.checksum, Md5OfFile(_dir.file("a.new")));
+
+    // Too small: new memory.
+    PatchedFile small;
+    small.capacity = 10;
+    small.bytes = std::make_unique<uint8_t[]>(small.capacity);
+    ASSERT_EQ(PatchIntoMemory(old.bytes(), fd, *size, small, nullptr), BspatchResult::Success);
+    EXPECT_GE(small.capacity, newText.size());
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(small.bytes.get()), small.size), newText);
+    ::close(fd);
 }
 
 TEST_F(PatchPrefetcherTest, ANewFileThatCannotBeWrittenAheadStaysInMemory) {
