@@ -533,34 +533,50 @@ TEST(BspatchTest, AFailedWriteLeavesNoPartialFile) {
     EXPECT_TRUE(ReadBytes(f.outPath) == expected);
 }
 
-TEST(BspatchTest, PatchesIntoASinkAndStopsWhenItRefuses) {
-    const Bytes oldData = RandomBytes(200000, 51);
-    Bytes newData = oldData;
-    newData.erase(newData.begin() + 50000, newData.begin() + 60000);
-    const Bytes extra = Text("inserted text");
-    const std::vector<BsdiffControl> controls = {{50000, 13, 10000}, {140000, 0, 0}};
-    Bytes diff(190000, 0);
-    const Bytes patch = MakePatch(controls, diff, extra, 190013);
-    Bytes expected(oldData.begin(), oldData.begin() + 50000);
-    expected.insert(expected.end(), extra.begin(), extra.end());
-    expected.insert(expected.end(), oldData.begin() + 60000, oldData.end());
+// A patch that cuts 10,000 bytes out of 200,000 random ones and inserts a short text there,
+// in a memory file: the old bytes, and the new file it makes.
+struct CutAndInsert {
+    Bytes oldData;
+    Bytes expected;
+    int fd = -1;
+    explicit CutAndInsert(uint32_t seed) : oldData(RandomBytes(200000, seed)) {
+        const Bytes extra = Text("inserted text");
+        const std::vector<BsdiffControl> controls = {{50000, 13, 10000}, {140000, 0, 0}};
+        const Bytes patch = MakePatch(controls, Bytes(190000, 0), extra, 190013);
+        expected.assign(oldData.begin(), oldData.begin() + 50000);
+        expected.insert(expected.end(), extra.begin(), extra.end());
+        expected.insert(expected.end(), oldData.begin() + 60000, oldData.end());
+        fd = ::memfd_create("patch", MFD_CLOEXEC);
+        if (fd >= 0 &&
+            ::write(fd, patch.data(), patch.size()) != static_cast<ssize_t>(patch.size())) {
+            ::close(fd);
+            fd = -1;
+        }
+    }
+    ~CutAndInsert() {
+        if (fd >= 0)
+            ::close(fd);
+    }
+    CutAndInsert(const CutAndInsert&) = delete;
+    CutAndInsert& operator=(const CutAndInsert&) = delete;
+};
 
-    const int fd = ::memfd_create("patch", MFD_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::write(fd, patch.data(), patch.size()), static_cast<ssize_t>(patch.size()));
+TEST(BspatchTest, PatchesIntoASinkAndStopsWhenItRefuses) {
+    const CutAndInsert sample(51);
+    ASSERT_GE(sample.fd, 0);
     Bytes received;
-    EXPECT_EQ(ApplyBsdiffPatchToSink(oldData, fd,
+    EXPECT_EQ(ApplyBsdiffPatchToSink(sample.oldData, sample.fd,
                                      [&](const uint8_t* data, size_t size) {
                                          received.insert(received.end(), data, data + size);
                                          return true;
                                      }),
               BspatchResult::Success);
-    EXPECT_TRUE(received == expected);
+    EXPECT_TRUE(received == sample.expected);
 
     size_t accepted = 0;
     std::string detail;
     EXPECT_EQ(ApplyBsdiffPatchToSink(
-                  oldData, fd,
+                  sample.oldData, sample.fd,
                   [&](const uint8_t*, size_t size) {
                       accepted += size;
                       return accepted < 100000;
@@ -569,43 +585,34 @@ TEST(BspatchTest, PatchesIntoASinkAndStopsWhenItRefuses) {
               BspatchResult::OutputFailed);
     EXPECT_LT(accepted, 100000u + 64 * 1024);
     EXPECT_EQ(detail, "the new file cannot be written");
-    ::close(fd);
 }
 
 TEST(BspatchTest, PatchesInPlaceIntoTheMemoryGiven) {
-    const Bytes oldData = RandomBytes(200000, 52);
-    const Bytes extra = Text("inserted text");
-    const std::vector<BsdiffControl> controls = {{50000, 13, 10000}, {140000, 0, 0}};
-    const Bytes patch = MakePatch(controls, Bytes(190000, 0), extra, 190013);
-    Bytes expected(oldData.begin(), oldData.begin() + 50000);
-    expected.insert(expected.end(), extra.begin(), extra.end());
-    expected.insert(expected.end(), oldData.begin() + 60000, oldData.end());
-    const int fd = ::memfd_create("patch", MFD_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::write(fd, patch.data(), patch.size()), static_cast<ssize_t>(patch.size()));
-
+    const CutAndInsert sample(52);
+    ASSERT_GE(sample.fd, 0);
     // Every piece the sink sees is the next stretch of the memory given.
-    Bytes into(190013 + 7, 0xAA);
+    Bytes into(sample.expected.size() + 7, 0xAA);
     size_t at = 0;
-    EXPECT_EQ(ApplyBsdiffPatchInto(oldData, fd, into,
+    EXPECT_EQ(ApplyBsdiffPatchInto(sample.oldData, sample.fd, into,
                                    [&](const uint8_t* data, size_t size) {
                                        EXPECT_EQ(data, into.data() + at);
                                        at += size;
                                        return true;
                                    }),
               BspatchResult::Success);
-    EXPECT_EQ(at, expected.size());
-    EXPECT_TRUE(Bytes(into.begin(), into.begin() + 190013) == expected);
+    EXPECT_EQ(at, sample.expected.size());
+    EXPECT_TRUE(Bytes(into.begin(), into.begin() + static_cast<std::ptrdiff_t>(at)) ==
+                sample.expected);
     EXPECT_EQ(into.back(), 0xAA) << "nothing written past the new file";
 
     // Too little room: nothing made.
-    Bytes small(190012, 0);
+    Bytes small(sample.expected.size() - 1, 0);
     std::string detail;
-    EXPECT_EQ(ApplyBsdiffPatchInto(
-                  oldData, fd, small, [](const uint8_t*, size_t) { return true; }, &detail),
-              BspatchResult::OutputFailed);
+    EXPECT_EQ(
+        ApplyBsdiffPatchInto(
+            sample.oldData, sample.fd, small, [](const uint8_t*, size_t) { return true; }, &detail),
+        BspatchResult::OutputFailed);
     EXPECT_EQ(detail, "the new file is larger than the memory given for it");
-    ::close(fd);
 }
 
 #if defined(__SANITIZE_ADDRESS__)
