@@ -39,18 +39,20 @@ struct PatchFd {
 } // namespace
 
 PatchPrefetcher::PatchPrefetcher(std::vector<std::optional<Patch>> patchPerEntry, size_t bytesAhead,
-                                 FileSystem& files, bool writingAhead)
+                                 FileSystem& files, bool writingAhead, unsigned threads)
     : _patches(std::move(patchPerEntry)), _bytesAhead(bytesAhead), _files(files),
       _writingAhead(writingAhead) {
-    bool any = false;
-    for (const auto& patch : _patches)
-        any = any || patch.has_value();
-    if (!any)
-        return;
+    const size_t count = static_cast<size_t>(std::count_if(
+        _patches.begin(), _patches.end(), [](const auto& patch) { return patch.has_value(); }));
+    const size_t wanted = std::min<size_t>(
+        {count, threads, std::max(1U, std::thread::hardware_concurrency())});
+    _threadWaitsFor.assign(wanted, kNotWaiting);
     try {
-        _thread = std::thread([this] { run(); });
+        for (size_t self = 0; self < wanted; ++self)
+            _threads.emplace_back([this, self] { run(self); });
     } catch (const std::system_error&) {
-        // No thread to spare: every entry then patches its file itself.
+        // No thread to spare: the entries then patch their files themselves, or fewer
+        // threads make them.
     }
 }
 
@@ -60,8 +62,8 @@ PatchPrefetcher::~PatchPrefetcher() {
         _stop = true;
     }
     _moved.notify_all();
-    if (_thread.joinable())
-        _thread.join();
+    for (std::thread& thread : _threads)
+        thread.join();
 }
 
 void PatchPrefetcher::startWritingAhead() {
@@ -127,8 +129,10 @@ void PatchPrefetcher::entryStarting(size_t index) {
             it = _entries.erase(it);
             wake = true; // room for the next
         }
-        // The thread waits for room, or for the entry it would make to come.
-        wake = _threadWaitsFor != kNotWaiting && (wake || index >= _threadWaitsFor);
+        // A thread waits for room, or for the entry it would make to come.
+        wake = std::any_of(_threadWaitsFor.begin(), _threadWaitsFor.end(), [&](size_t waitsFor) {
+            return waitsFor != kNotWaiting && (wake || index >= waitsFor);
+        });
     }
     if (wake)
         _moved.notify_all();
@@ -152,11 +156,16 @@ void PatchPrefetcher::countOut(const NewFile& file) {
     }
 }
 
-bool PatchPrefetcher::roomFor(size_t newSize) const {
+bool PatchPrefetcher::roomFor(size_t index, size_t newSize) const {
+    // The room goes to the entries in their order: none for this one while a thread waits for
+    // room for an earlier one, which its entry would otherwise not find made.
+    if (std::any_of(_threadWaitsFor.begin(), _threadWaitsFor.end(),
+                    [&](size_t waitsFor) { return waitsFor < index; }))
+        return false;
     // Made in memory first; written ahead, it then holds a file instead.
     return _bytesHeld + newSize <= _bytesAhead &&
-           (!_writingAhead ||
-            (_filesWritten < kFilesWrittenAhead && _bytesWritten + newSize <= kBytesWrittenAhead));
+           (!_writingAhead || (_filesWritten + _filesMaking < kFilesWrittenAhead &&
+                               _bytesWritten + newSize <= kBytesWrittenAhead));
 }
 
 void PatchPrefetcher::drop(Entry& entry) {
@@ -173,12 +182,12 @@ std::optional<PatchPrefetcher::NewFile> PatchPrefetcher::take(const std::string&
         if (!_started || index >= _patches.size() || !_patches[index] ||
             _patches[index]->oldFile != oldFile || _patches[index]->patchFile != patchFile)
             return std::nullopt;
-        ++_waiting;
+        _awaited = index;
         _moved.wait(lock, [&] {
             const auto it = _entries.find(index);
             return it == _entries.end() || it->second.state != State::Making;
         });
-        --_waiting;
+        _awaited = kNotWaiting;
         const auto it = _entries.find(index);
         if (it == _entries.end() || it->second.state != State::Made)
             return std::nullopt;
@@ -197,7 +206,11 @@ std::optional<PatchPrefetcher::NewFile> PatchPrefetcher::take(const std::string&
     return std::move(entry.newFile);
 }
 
-void PatchPrefetcher::run() {
+void PatchPrefetcher::run(size_t self) {
+    {
+        const std::lock_guard lock(_mutex);
+        ++_threadsRunning;
+    }
     // Patches made and not yet checksummed: their new files and the old files read for them
     // are checksummed together, in SIMD lanes (Md5Lanes), a few patches at a time, when an
     // entry waits for one of them, or before this thread waits.
@@ -207,6 +220,7 @@ void PatchPrefetcher::run() {
     auto publish = [&](size_t index, Entry* made, size_t reserved) {
         const std::lock_guard lock(_mutex);
         _bytesHeld -= reserved;
+        --_filesMaking;
         const auto it = _entries.find(index);
         if (made && it != _entries.end() && it->second.state == State::Making) {
             made->state = State::Made;
@@ -265,7 +279,6 @@ void PatchPrefetcher::run() {
         writeOutMade();
         lock.lock();
     };
-    size_t next = 0;
     for (;;) {
         size_t index = 0;
         {
@@ -274,12 +287,12 @@ void PatchPrefetcher::run() {
             if (_stop)
                 break;
             if (_started)
-                next = std::max(next, _current + 1);
-            while (next < _patches.size() && !_patches[next])
-                ++next;
-            if (next >= _patches.size())
+                _next = std::max(_next, _current + 1);
+            while (_next < _patches.size() && !_patches[_next])
+                ++_next;
+            if (_next >= _patches.size())
                 break;
-            index = next++;
+            index = _next++;
         }
         const Patch& patch = *_patches[index];
         const PatchFd patchFd{::open(patch.patchFile.c_str(), O_RDONLY | O_CLOEXEC)};
@@ -287,33 +300,38 @@ void PatchPrefetcher::run() {
             patchFd.fd >= 0 ? PatchedSizeOf(patchFd.fd) : std::nullopt;
         if (!newSize || *newSize > _bytesAhead)
             continue; // its entry patches it, a piece at a time
-        bool room = false;
-        {
-            const std::lock_guard lock(_mutex);
-            room = roomFor(*newSize);
-        }
-        if (!room)
-            checkAndPublish(); // nothing held back while this thread waits
         {
             // Room for it among the new files not yet taken, unless its entry comes first.
             std::unique_lock lock(_mutex);
-            _threadWaitsFor = index;
+            _threadWaitsFor[self] = index;
             for (;;) {
                 _moved.wait(lock, [&] {
                     return _stop || _writeOutWanted || (_started && _current >= index) ||
-                           roomFor(*newSize);
+                           roomFor(index, *newSize) || !unchecked.empty();
                 });
-                if (_stop || !_writeOutWanted)
+                if (_stop)
                     break;
-                writeOutWhenWanted(lock);
+                if (_writeOutWanted) {
+                    writeOutWhenWanted(lock);
+                } else if ((_started && _current >= index) || roomFor(index, *newSize)) {
+                    break;
+                } else {
+                    // Nothing held back while this thread waits: the room may be its own.
+                    lock.unlock();
+                    checkAndPublish();
+                    lock.lock();
+                }
             }
-            _threadWaitsFor = kNotWaiting;
+            _threadWaitsFor[self] = kNotWaiting;
+            if (_threadWaitsFor.size() > 1)
+                _moved.notify_all(); // the room this thread waited for may be another's now
             if (_stop)
                 break;
             if (_started && _current >= index)
                 continue;
             _entries[index].state = State::Making;
             _bytesHeld += *newSize;
+            ++_filesMaking;
         }
         Made made;
         made.index = index;
@@ -334,28 +352,36 @@ void PatchPrefetcher::run() {
         unchecked.push_back(std::move(made));
         // An entry waiting for a new file, or for the checksum of an old file read here, gets
         // it as soon as the patch under way is made.
+        const size_t awaited = _awaited.load();
+        const bool awaitedHere =
+            std::any_of(unchecked.begin(), unchecked.end(), [&](const Made& held) {
+                return held.index == awaited ||
+                       (held.oldAhead && MD5cksum::readsAwaited() > 0);
+            });
         if (unchecked.size() >= kCheckedTogether || oldBytesUnchecked >= _bytesAhead ||
-            _waiting.load() > 0 || MD5cksum::readsAwaited() > 0)
+            awaitedHere)
             checkAndPublish();
     }
     checkAndPublish();
     spareOld.clear();
-    _spareMemory.clear();
-    _spareBytes = 0;
     {
         // What was made in memory while writing ahead was not allowed is written once it is.
         std::unique_lock lock(_mutex);
         _moved.wait(lock, [&] { return _stop || _writingAhead; });
         writeOutWhenWanted(lock);
     }
-    // Whoever waits for an entry finds it not made.
     {
         const std::lock_guard lock(_mutex);
-        for (auto it = _entries.begin(); it != _entries.end();) {
-            if (it->second.state == State::Making)
-                it = _entries.erase(it);
-            else
-                ++it;
+        if (--_threadsRunning == 0) {
+            _spareMemory.clear();
+            _spareBytes = 0;
+            // The last thread out: whoever waits for an entry finds it not made.
+            for (auto it = _entries.begin(); it != _entries.end();) {
+                if (it->second.state == State::Making)
+                    it = _entries.erase(it);
+                else
+                    ++it;
+            }
         }
     }
     _moved.notify_all();
@@ -367,18 +393,22 @@ void PatchPrefetcher::writeAhead(NewFile& made, const std::string& oldFile) {
     if (!out.valid() || (made.size > 0 && !_files.write(out.get(), made.bytes.get(), made.size)))
         return; // a full disk, a folder gone: the entry writes the bytes itself
     made.written = std::move(out);
-    if (made.bytes && _spareBytes + made.capacity <= _bytesAhead) {
-        NewFile spare;
-        spare.bytes = std::move(made.bytes);
-        spare.capacity = made.capacity;
-        _spareBytes += spare.capacity;
-        _spareMemory.push_back(std::move(spare));
+    if (made.bytes) {
+        const std::lock_guard lock(_mutex);
+        if (_spareBytes + made.capacity <= _bytesAhead) {
+            NewFile spare;
+            spare.bytes = std::move(made.bytes);
+            spare.capacity = made.capacity;
+            _spareBytes += spare.capacity;
+            _spareMemory.push_back(std::move(spare));
+        }
     }
     made.bytes.reset();
     made.capacity = 0;
 }
 
 void PatchPrefetcher::reuseMemory(size_t size, NewFile& made) {
+    const std::lock_guard lock(_mutex);
     // The smallest that has room.
     auto best = _spareMemory.end();
     for (auto it = _spareMemory.begin(); it != _spareMemory.end(); ++it) {

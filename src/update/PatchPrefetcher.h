@@ -18,11 +18,13 @@
 #include "update/MD5cksum.h"
 #include "update/PatchApplication.h"
 
-// Applies, on a thread of its own, the patches of the entries ahead of the one running, into
+// Applies, on threads of its own, the patches of the entries ahead of the one running, into
 // memory, with the checksum of each new file. A patched file costs the file set most of its
 // time (the bzip2 blocks, the additions, the checksum of the result), and the entries around
-// it mostly wait for system calls: made ahead, the new file is only written when its entry
-// comes, while this thread goes on with the next patch on the other processor.
+// it mostly wait for system calls and for these threads: made ahead, the new file is only
+// written when its entry comes, while the threads go on with the next patches. Two threads
+// take the patches in turn, in the entries' order: the entries then wait for the patches,
+// not for a processor left idle while one thread patches.
 //
 // Each new file, once checksummed, is written here into an unnamed file in its old file's
 // folder (FileSystem::createUnnamedFile) and its memory let go: its entry only gives it its
@@ -58,12 +60,12 @@ public:
     // Any call that fails here only leaves the entry to write its file itself.
     // Started before the installation's folders are confined (while the payload is
     // unpacked), it keeps its new files in memory (writingAhead false) until
-    // startWritingAhead().
+    // startWritingAhead(). At most `threads` threads (one per processor) make the patches.
     explicit PatchPrefetcher(std::vector<std::optional<Patch>> patchPerEntry,
                              size_t bytesAhead = kBytesAhead,
                              FileSystem& files = RealFileSystem::instance(),
-                             bool writingAhead = true);
-    // Stops the thread, dropping the patch being made.
+                             bool writingAhead = true, unsigned threads = kThreads);
+    // Stops the threads, dropping the patches being made.
     ~PatchPrefetcher();
     PatchPrefetcher(const PatchPrefetcher&) = delete;
     PatchPrefetcher& operator=(const PatchPrefetcher&) = delete;
@@ -88,8 +90,10 @@ public:
     size_t made() const { return _made.load(); }
 
     static constexpr size_t kBytesAhead = kPatchedInMemoryLimit;
-    // New files written ahead and not yet taken, at most: each holds a descriptor, and its
-    // bytes on the file system (a new file once written ahead holds no memory here).
+    static constexpr unsigned kThreads = 2;
+    // New files written ahead (or being made to be) and not yet taken, at most: each holds a
+    // descriptor, and its bytes on the file system (a new file once written ahead holds no
+    // memory here).
     static constexpr size_t kFilesWrittenAhead = 32;
     static constexpr size_t kBytesWrittenAhead = 16 * kBytesAhead;
     // Patches whose new and old files are checksummed together at most (one file per SIMD
@@ -113,14 +117,15 @@ private:
         std::optional<MD5cksum::FileAhead> oldAhead; // when its checksum is worked out here
     };
 
-    void run();
+    // The work of thread number `self`.
+    void run(size_t self);
     // Makes the new file of a patch, outside the lock; false when it cannot be made.
     bool make(const Patch& patch, size_t newSize, Made& made);
     // Counts a new file held (memory, or a file written ahead) in or out, under the lock.
     void countIn(const NewFile& file);
     void countOut(const NewFile& file);
-    // Whether a new file of newSize may be made now, under the lock.
-    bool roomFor(size_t newSize) const;
+    // Whether the new file of entry `index`, of newSize, may be made now, under the lock.
+    bool roomFor(size_t index, size_t newSize) const;
     void drop(Entry& entry);
     // Writes ahead the new files made while writing ahead was not allowed yet.
     void writeOutMade();
@@ -139,19 +144,23 @@ private:
     std::map<size_t, Entry> _entries; // the entries started here and not yet passed
     size_t _current = 0;              // the entry running now
     bool _started = false;            // an entry runs
+    size_t _next = 0;                 // the entry whose patch a thread takes next
     size_t _bytesHeld = 0;            // memory of new files made or being made, not yet taken
     size_t _filesWritten = 0;         // new files written ahead, not yet taken
     size_t _bytesWritten = 0;         // and their bytes
+    size_t _filesMaking = 0;          // new files being made or not yet checksummed
     static constexpr size_t kNotWaiting = SIZE_MAX;
-    size_t _threadWaitsFor = kNotWaiting; // the entry the thread would make, while it waits
+    // Per thread, the entry it would make, while it waits for room.
+    std::vector<size_t> _threadWaitsFor;
+    size_t _threadsRunning = 0;
     bool _writingAhead;                   // new files go to unnamed files once made
     bool _writeOutWanted = false;         // new files made in memory are to be written ahead
     std::atomic<bool> _stop{false};
-    std::atomic<int> _waiting{0}; // entries waiting for a new file being made
+    std::atomic<size_t> _awaited{kNotWaiting}; // the entry waiting for its new file, if one
     std::atomic<size_t> _made{0};
-    // Memory of new files written ahead, for the next ones (the thread's own), and its size:
-    // at most bytesAhead.
+    // Memory of new files written ahead, for the next ones, and its size: at most bytesAhead.
+    // Under the lock.
     std::vector<NewFile> _spareMemory;
     size_t _spareBytes = 0;
-    std::thread _thread;
+    std::vector<std::thread> _threads;
 };
