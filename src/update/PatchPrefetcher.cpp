@@ -182,12 +182,10 @@ std::optional<PatchPrefetcher::NewFile> PatchPrefetcher::take(const std::string&
         if (!_started || index >= _patches.size() || !_patches[index] ||
             _patches[index]->oldFile != oldFile || _patches[index]->patchFile != patchFile)
             return std::nullopt;
-        _awaited = index;
         _moved.wait(lock, [&] {
             const auto it = _entries.find(index);
             return it == _entries.end() || it->second.state != State::Making;
         });
-        _awaited = kNotWaiting;
         const auto it = _entries.find(index);
         if (it == _entries.end() || it->second.state != State::Made)
             return std::nullopt;
@@ -350,16 +348,20 @@ void PatchPrefetcher::run(size_t self) {
         }
         oldBytesUnchecked += made.old->bytes().size();
         unchecked.push_back(std::move(made));
-        // An entry waiting for a new file, or for the checksum of an old file read here, gets
-        // it as soon as the patch under way is made.
-        const size_t awaited = _awaited.load();
-        const bool awaitedHere =
-            std::any_of(unchecked.begin(), unchecked.end(), [&](const Made& held) {
-                return held.index == awaited ||
-                       (held.oldAhead && MD5cksum::readsAwaited() > 0);
+        // The patch the entries want next, and the old file an entry waits for the checksum
+        // of, are checksummed as soon as they are made: the others while the entries are
+        // behind, in batches.
+        bool wanted = false;
+        {
+            const std::lock_guard lock(_mutex);
+            // (Entries passed and still being made are let go when made.)
+            const auto next = _entries.lower_bound(_started ? _current : 0);
+            const size_t first = next == _entries.end() ? kNotWaiting : next->first;
+            wanted = std::any_of(unchecked.begin(), unchecked.end(), [&](const Made& held) {
+                return held.index == first || (held.oldAhead && MD5cksum::readsAwaited() > 0);
             });
-        if (unchecked.size() >= kCheckedTogether || oldBytesUnchecked >= _bytesAhead ||
-            awaitedHere)
+        }
+        if (wanted || unchecked.size() >= kCheckedTogether || oldBytesUnchecked >= _bytesAhead)
             checkAndPublish();
     }
     checkAndPublish();

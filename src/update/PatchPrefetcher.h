@@ -156,7 +156,6 @@ private:
     bool _writingAhead;                   // new files go to unnamed files once made
     bool _writeOutWanted = false;         // new files made in memory are to be written ahead
     std::atomic<bool> _stop{false};
-    std::atomic<size_t> _awaited{kNotWaiting}; // the entry waiting for its new file, if one
     std::atomic<size_t> _made{0};
     // Memory of new files written ahead, for the next ones, and its size: at most bytesAhead.
     // Under the lock.
