@@ -127,12 +127,14 @@ void PatchPrefetcher::entryStarting(size_t index) {
             }
             drop(it->second);
             it = _entries.erase(it);
-            wake = true; // room for the next
+            wake = true; // room for the next, and less made ahead
         }
-        // A thread waits for room, or for the entry it would make to come.
-        wake = std::any_of(_threadWaitsFor.begin(), _threadWaitsFor.end(), [&](size_t waitsFor) {
-            return waitsFor != kNotWaiting && (wake || index >= waitsFor);
-        });
+        // A thread waits for room, or for the entry it would make to come, or for the new
+        // files made ahead to be fewer.
+        wake = (wake && _threadsIdle > 0) ||
+               std::any_of(_threadWaitsFor.begin(), _threadWaitsFor.end(), [&](size_t waitsFor) {
+                   return waitsFor != kNotWaiting && (wake || index >= waitsFor);
+               });
     }
     if (wake)
         _moved.notify_all();
@@ -166,6 +168,11 @@ bool PatchPrefetcher::roomFor(size_t index, size_t newSize) const {
     return _bytesHeld + newSize <= _bytesAhead &&
            (!_writingAhead || (_filesWritten + _filesMaking < kFilesWrittenAhead &&
                                _bytesWritten + newSize <= kBytesWrittenAhead));
+}
+
+size_t PatchPrefetcher::madeAhead() const {
+    return static_cast<size_t>(std::distance(_entries.lower_bound(_started ? _current : 0),
+                                             _entries.end()));
 }
 
 void PatchPrefetcher::drop(Entry& entry) {
@@ -281,6 +288,19 @@ void PatchPrefetcher::run(size_t self) {
         size_t index = 0;
         {
             std::unique_lock lock(_mutex);
+            // The threads after the first help only while it does not keep ahead of the
+            // entries: else they would only take the processors from the entries.
+            while (self > 0 && !_stop && !_writeOutWanted && madeAhead() >= kMadeAheadByOne) {
+                if (!unchecked.empty()) {
+                    lock.unlock();
+                    checkAndPublish();
+                    lock.lock();
+                    continue;
+                }
+                ++_threadsIdle;
+                _moved.wait(lock);
+                --_threadsIdle;
+            }
             writeOutWhenWanted(lock);
             if (_stop)
                 break;

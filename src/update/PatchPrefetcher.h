@@ -91,6 +91,9 @@ public:
 
     static constexpr size_t kBytesAhead = kPatchedInMemoryLimit;
     static constexpr unsigned kThreads = 2;
+    // The new files made or being made for the entries ahead, from which the threads after
+    // the first one wait.
+    static constexpr size_t kMadeAheadByOne = 8;
     // New files written ahead (or being made to be) and not yet taken, at most: each holds a
     // descriptor, and its bytes on the file system (a new file once written ahead holds no
     // memory here).
@@ -126,6 +129,8 @@ private:
     void countOut(const NewFile& file);
     // Whether the new file of entry `index`, of newSize, may be made now, under the lock.
     bool roomFor(size_t index, size_t newSize) const;
+    // New files made or being made for the running entry and those after it, under the lock.
+    size_t madeAhead() const;
     void drop(Entry& entry);
     // Writes ahead the new files made while writing ahead was not allowed yet.
     void writeOutMade();
@@ -153,6 +158,7 @@ private:
     // Per thread, the entry it would make, while it waits for room.
     std::vector<size_t> _threadWaitsFor;
     size_t _threadsRunning = 0;
+    size_t _threadsIdle = 0; // threads waiting while enough is made ahead
     bool _writingAhead;                   // new files go to unnamed files once made
     bool _writeOutWanted = false;         // new files made in memory are to be written ahead
     std::atomic<bool> _stop{false};
