@@ -110,7 +110,7 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
         const DirTokenResolver dirToken(_environment.paths);
         _plannedEntries = Select(root, "/Manifest/FileSet/File");
         _plannedPaths = entryPathsOf(_plannedEntries, dirToken, _appPath);
-        patches = workAhead(_plannedPaths, _payloadDir).patches;
+        patches = patchesAhead(_plannedPaths, _payloadDir);
         for (const auto& patch : patches) {
             if (patch)
                 patchFilesToCome.insert(patch->patchFile);
@@ -427,16 +427,16 @@ std::string ProcessManifest::processFileSet(WorkDictionary& work, ThreadWorker* 
     }
     const std::string& payloadDir = work.cmdInterface->payloadDir();
     ChecksumPrefetcher prefetcher(filesToChecksumAhead(*paths, payloadDir));
-    WorkAhead ahead = workAhead(*paths, payloadDir);
-    // The patches started while the payload was unpacked go on when they are this set's,
-    // and write their new files ahead from now on: the manifest's paths have been checked and
-    // the installation's folders are reached only through the confinement.
+    // The patches started while the payload was unpacked (from the planned entries) go on
+    // when this set's entries are those, and write their new files ahead from now on: the
+    // manifest's paths have been checked and the installation's folders are reached only
+    // through the confinement.
     std::unique_ptr<PatchPrefetcher> madeAhead = std::move(_earlyPatches);
-    if (!madeAhead || madeAhead->patches() != ahead.patches)
-        madeAhead = std::make_unique<PatchPrefetcher>(std::move(ahead.patches));
+    if (!madeAhead || paths != &_plannedPaths)
+        madeAhead = std::make_unique<PatchPrefetcher>(patchesAhead(*paths, payloadDir));
     PatchPrefetcher& patches = *madeAhead;
     patches.startWritingAhead();
-    HeldFileWriter heldFiles(std::move(ahead.copies));
+    HeldFileWriter heldFiles(copiesAhead(*paths, payloadDir));
     // Entries are prepared in groups that one sync makes durable; a set left early (a failure,
     // a cancel) drops the changes still waiting, which the journal's replay then finds unmade.
     CmdInterface& commands = *work.cmdInterface;
@@ -681,24 +681,39 @@ ProcessManifest::WorkAhead ProcessManifest::workAhead(const std::vector<XmlNode>
 
 ProcessManifest::WorkAhead ProcessManifest::workAhead(const std::vector<EntryPaths>& entries,
                                                       const std::string& payloadDir) {
-    // Guesses like the checksums': an entry takes a new file made ahead only when it patches
-    // the same files, a file written ahead only when it copies the same payload file into
-    // the same folder.
-    WorkAhead ahead;
-    ahead.patches.reserve(entries.size());
-    ahead.copies.reserve(entries.size());
-    for (const EntryPaths& paths : entries) {
-        auto& patch = ahead.patches.emplace_back();
-        auto& copy = ahead.copies.emplace_back();
-        if ((!paths.patches && !paths.copies) || !paths.objectName || !paths.destination)
+    return {patchesAhead(entries, payloadDir), copiesAhead(entries, payloadDir)};
+}
+
+// Guesses like the checksums': an entry takes a new file made ahead only when it patches the
+// same files, a file written ahead only when it copies the same payload file into the same
+// folder.
+
+std::vector<std::optional<PatchPrefetcher::Patch>>
+ProcessManifest::patchesAhead(const std::vector<EntryPaths>& entries,
+                              const std::string& payloadDir) {
+    std::vector<std::optional<PatchPrefetcher::Patch>> patches(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const EntryPaths& paths = entries[i];
+        if (paths.patches && paths.objectName && paths.destination)
+            patches[i] =
+                PatchPrefetcher::Patch{*paths.destination, JoinPath(payloadDir, *paths.objectName)};
+    }
+    return patches;
+}
+
+std::vector<std::optional<HeldFileWriter::Copy>>
+ProcessManifest::copiesAhead(const std::vector<EntryPaths>& entries,
+                             const std::string& payloadDir) {
+    std::vector<std::optional<HeldFileWriter::Copy>> copies(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const EntryPaths& paths = entries[i];
+        if (!paths.copies || paths.patches || !paths.objectName || !paths.destination)
             continue;
         std::string source = JoinPath(payloadDir, *paths.objectName);
-        if (paths.patches)
-            patch = PatchPrefetcher::Patch{*paths.destination, std::move(source)};
-        else if (PayloadFiles::find(source))
-            copy = HeldFileWriter::Copy{std::move(source), ParentPath(*paths.destination)};
+        if (PayloadFiles::find(source))
+            copies[i] = HeldFileWriter::Copy{std::move(source), ParentPath(*paths.destination)};
     }
-    return ahead;
+    return copies;
 }
 
 std::string ProcessManifest::processBundleSet(WorkDictionary& work, ThreadWorker* worker) {

@@ -143,6 +143,11 @@ public:
                                const std::string& payloadDir);
     static WorkAhead workAhead(const std::vector<EntryPaths>& entries,
                                const std::string& payloadDir);
+    // Each part of it alone.
+    static std::vector<std::optional<PatchPrefetcher::Patch>>
+    patchesAhead(const std::vector<EntryPaths>& entries, const std::string& payloadDir);
+    static std::vector<std::optional<HeldFileWriter::Copy>>
+    copiesAhead(const std::vector<EntryPaths>& entries, const std::string& payloadDir);
     // The file set's entries as read before the payload was unpacked, when work's are those.
     const std::vector<EntryPaths>* plannedPathsFor(const WorkDictionary& work) const;
     std::string processBundleSet(WorkDictionary& work, ThreadWorker* worker);
