@@ -159,8 +159,8 @@ void PatchPrefetcher::countOut(const NewFile& file) {
 }
 
 bool PatchPrefetcher::roomFor(size_t index, size_t newSize) const {
-    // The room goes to the entries in their order: none for this one while a thread waits for
-    // room for an earlier one, which its entry would otherwise not find made.
+    // The room goes to the entries in their order: none for this one while a thread has an
+    // earlier one and no room for it yet, which its entry would otherwise not find made.
     if (std::any_of(_threadWaitsFor.begin(), _threadWaitsFor.end(),
                     [&](size_t waitsFor) { return waitsFor < index; }))
         return false;
@@ -311,17 +311,26 @@ void PatchPrefetcher::run(size_t self) {
             if (_next >= _patches.size())
                 break;
             index = _next++;
+            // From now until it has its room (or is left to its entry), the entries after it
+            // get none (roomFor).
+            _threadWaitsFor[self] = index;
         }
         const Patch& patch = *_patches[index];
         const PatchFd patchFd{::open(patch.patchFile.c_str(), O_RDONLY | O_CLOEXEC)};
         const std::optional<size_t> newSize =
             patchFd.fd >= 0 ? PatchedSizeOf(patchFd.fd) : std::nullopt;
-        if (!newSize || *newSize > _bytesAhead)
-            continue; // its entry patches it, a piece at a time
+        if (!newSize || *newSize > _bytesAhead) {
+            // Its entry patches it, a piece at a time.
+            {
+                const std::lock_guard lock(_mutex);
+                _threadWaitsFor[self] = kNotWaiting;
+            }
+            _moved.notify_all();
+            continue;
+        }
         {
             // Room for it among the new files not yet taken, unless its entry comes first.
             std::unique_lock lock(_mutex);
-            _threadWaitsFor[self] = index;
             for (;;) {
                 _moved.wait(lock, [&] {
                     return _stop || _writeOutWanted || (_started && _current >= index) ||

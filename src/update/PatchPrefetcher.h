@@ -83,9 +83,6 @@ public:
     [[nodiscard]] std::optional<NewFile> take(const std::string& oldFile,
                                               const std::string& patchFile);
 
-    // The patch of each entry, as given.
-    const std::vector<std::optional<Patch>>& patches() const { return _patches; }
-
     // New files made so far, for the tests.
     size_t made() const { return _made.load(); }
 
@@ -155,7 +152,7 @@ private:
     size_t _bytesWritten = 0;         // and their bytes
     size_t _filesMaking = 0;          // new files being made or not yet checksummed
     static constexpr size_t kNotWaiting = SIZE_MAX;
-    // Per thread, the entry it would make, while it waits for room.
+    // Per thread, the entry it took and has no room for yet (kNotWaiting when none).
     std::vector<size_t> _threadWaitsFor;
     size_t _threadsRunning = 0;
     size_t _threadsIdle = 0; // threads waiting while enough is made ahead

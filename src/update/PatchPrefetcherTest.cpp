@@ -112,11 +112,10 @@ TEST_F(PatchPrefetcherTest, NewFilesWaitingStayWithinTheMemoryAllowed) {
     const auto madeA = patches.take(a.oldFile, a.patchFile);
     ASSERT_TRUE(madeA);
     EXPECT_EQ(Text(*madeA), newA);
-    ASSERT_TRUE(WaitForMade(patches, 2));
+    ASSERT_TRUE(WaitForMade(patches, 3)) << "b, and c beside it";
 
-    // Passing an entry drops its new file, untaken: room for the next.
+    // Passing an entry drops its new file, untaken.
     patches.entryStarting(2);
-    ASSERT_TRUE(WaitForMade(patches, 3));
     EXPECT_FALSE(patches.take(big.oldFile, big.patchFile)) << "larger than the memory allowed";
     patches.entryStarting(3);
     const auto madeC = patches.take(c.oldFile, c.patchFile);
@@ -164,6 +163,46 @@ TEST_F(PatchPrefetcherTest, NewFilesWrittenAheadLeaveTheMemoryToTheNext) {
         ASSERT_TRUE(made);
         EXPECT_TRUE(made->written.valid());
         EXPECT_EQ(Text(*made), ReadTextFile(_dir.file(std::string(1, "abc"[i]) + ".new")));
+    }
+}
+
+TEST_F(PatchPrefetcherTest, TwoThreadsGiveTheRoomToTheEntriesInTheirOrder) {
+    // Room in memory for two new files at a time, patches between entries that patch nothing,
+    // and one too large for the room (its entry patches it). Each entry starts once every
+    // patch up to its own is made: a later patch holding the room that an earlier one waits
+    // for would never let that happen.
+    std::vector<std::optional<PatchPrefetcher::Patch>> entries;
+    std::vector<std::string> newTexts;
+    for (size_t i = 0; i < 24; ++i) {
+        const std::string name = "p" + std::to_string(i);
+        const size_t size = i == 9 ? 30000 : 9000 + 300 * i;
+        newTexts.push_back(RandomText(size, 100 + i) + name);
+        entries.push_back(patch(name, RandomText(size, 200 + i), newTexts.back()));
+        if (i % 3 == 0) {
+            entries.emplace_back();
+            newTexts.emplace_back();
+        }
+    }
+    for (const bool writingAhead : {false, true}) {
+        SCOPED_TRACE(writingAhead ? "written ahead" : "in memory");
+        PatchPrefetcher patches(entries, 25000, RealFileSystem::instance(), writingAhead, 2);
+        size_t patchesSoFar = 0;
+        for (size_t i = 0; i < entries.size(); ++i) {
+            if (!entries[i])
+                continue;
+            if (newTexts[i].size() > 25000) {
+                patches.entryStarting(i);
+                EXPECT_FALSE(patches.take(entries[i]->oldFile, entries[i]->patchFile));
+                continue;
+            }
+            ASSERT_TRUE(WaitForMade(patches, ++patchesSoFar)) << "entry " << i;
+            patches.entryStarting(i);
+            const auto made = patches.take(entries[i]->oldFile, entries[i]->patchFile);
+            ASSERT_TRUE(made) << "entry " << i;
+            EXPECT_EQ(made->written.valid(), writingAhead);
+            EXPECT_EQ(Text(*made), newTexts[i]) << "entry " << i;
+        }
+        EXPECT_EQ(patches.made(), patchesSoFar);
     }
 }
 
