@@ -44,8 +44,8 @@ PatchPrefetcher::PatchPrefetcher(std::vector<std::optional<Patch>> patchPerEntry
       _writingAhead(writingAhead) {
     const size_t count = static_cast<size_t>(std::count_if(
         _patches.begin(), _patches.end(), [](const auto& patch) { return patch.has_value(); }));
-    const size_t wanted = std::min<size_t>(
-        {count, threads, std::max(1U, std::thread::hardware_concurrency())});
+    const size_t wanted =
+        std::min<size_t>({count, threads, std::max(1U, std::thread::hardware_concurrency())});
     _threadWaitsFor.assign(wanted, kNotWaiting);
     try {
         for (size_t self = 0; self < wanted; ++self)
@@ -171,8 +171,8 @@ bool PatchPrefetcher::roomFor(size_t index, size_t newSize) const {
 }
 
 size_t PatchPrefetcher::madeAhead() const {
-    return static_cast<size_t>(std::distance(_entries.lower_bound(_started ? _current : 0),
-                                             _entries.end()));
+    return static_cast<size_t>(
+        std::distance(_entries.lower_bound(_started ? _current : 0), _entries.end()));
 }
 
 void PatchPrefetcher::drop(Entry& entry) {

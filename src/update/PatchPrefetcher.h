@@ -155,9 +155,9 @@ private:
     // Per thread, the entry it took and has no room for yet (kNotWaiting when none).
     std::vector<size_t> _threadWaitsFor;
     size_t _threadsRunning = 0;
-    size_t _threadsIdle = 0; // threads waiting while enough is made ahead
-    bool _writingAhead;                   // new files go to unnamed files once made
-    bool _writeOutWanted = false;         // new files made in memory are to be written ahead
+    size_t _threadsIdle = 0;      // threads waiting while enough is made ahead
+    bool _writingAhead;           // new files go to unnamed files once made
+    bool _writeOutWanted = false; // new files made in memory are to be written ahead
     std::atomic<bool> _stop{false};
     std::atomic<size_t> _made{0};
     // Memory of new files written ahead, for the next ones, and its size: at most bytesAhead.
