@@ -22,14 +22,16 @@
 // memory, with the checksum of each new file. A patched file costs the file set most of its
 // time (the bzip2 blocks, the additions, the checksum of the result), and the entries around
 // it mostly wait for system calls and for these threads: made ahead, the new file is only
-// written when its entry comes, while the threads go on with the next patches. Two threads
-// take the patches in turn, in the entries' order: the entries then wait for the patches,
-// not for a processor left idle while one thread patches.
+// written when its entry comes, while the threads go on with the next patches. The patches are
+// taken in the entries' order; a second thread takes them too while the first does not keep
+// ahead of the entries (many patches close together), so that the entries do not wait for one
+// thread while a processor idles; where one keeps ahead, the second leaves the processors to
+// the entries.
 //
 // Each new file, once checksummed, is written here into an unnamed file in its old file's
 // folder (FileSystem::createUnnamedFile) and its memory let go: its entry only gives it its
-// temporary name, and the writing, the longest part of a patched file's entry, is done on this
-// thread too. Such a file has no name until then, so a run killed meanwhile leaves nothing.
+// temporary name, and the writing, the longest part of a patched file's entry, is done on
+// these threads too. Such a file has no name until then, so a run killed meanwhile leaves nothing.
 //
 // The old file's checksum, which its entry checks first, is worked out here as well, from the
 // bytes read for the patch, together with the new files' (MD5cksum remembers it); unless it is

@@ -22,6 +22,8 @@
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
 #include <unordered_set>
 #include <vector>
@@ -46,6 +48,67 @@ bool IsReadableFile(const std::string& path) {
     // Checked with the effective ids: they are what the patcher reads with when raised.
     return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
            ::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) == 0;
+}
+
+// The unpacked size an archive's last gzip member declares in its trailer: the whole size
+// (modulo 4 GiB) for the single member a payload is; nothing for a file too short to be gzip.
+std::optional<uint64_t> DeclaredSize(int fd) {
+    struct stat info {};
+    unsigned char trailer[4];
+    if (::fstat(fd, &info) != 0 || info.st_size < 18 ||
+        ::pread(fd, trailer, sizeof trailer, info.st_size - 4) != 4)
+        return std::nullopt;
+    return uint64_t{trailer[0]} | uint64_t{trailer[1]} << 8 | uint64_t{trailer[2]} << 16 |
+           uint64_t{trailer[3]} << 24;
+}
+
+// The whole archive inflated at once, when it is small enough and libdeflate reads it as one
+// good gzip member (checksum and length verified); nothing otherwise. Read with pread, so the
+// file's offset stays where it was.
+std::shared_ptr<PayloadHandler::InflateAhead::Whole> InflateWhole(int fd) {
+    struct stat info {};
+    const std::optional<uint64_t> declared = DeclaredSize(fd);
+    if (!declared || ::fstat(fd, &info) != 0 ||
+        static_cast<uint64_t>(info.st_size) > kWholeInflateLimit || *declared > kWholeInflateLimit)
+        return nullptr;
+    try {
+        const auto size = static_cast<size_t>(info.st_size);
+        auto input = std::make_unique_for_overwrite<uint8_t[]>(size);
+        for (size_t got = 0; got < size;) {
+            const ssize_t read =
+                ::pread(fd, input.get() + got, size - got, static_cast<off_t>(got));
+            if (read < 0 && errno == EINTR)
+                continue;
+            if (read <= 0)
+                return nullptr;
+            got += static_cast<size_t>(read);
+        }
+        auto whole = std::make_shared<PayloadHandler::InflateAhead::Whole>();
+        whole->identity = info;
+        whole->bytes = std::make_shared_for_overwrite<uint8_t[]>(
+            std::max<size_t>(static_cast<size_t>(*declared), 1));
+        const std::unique_ptr<libdeflate_decompressor, void (*)(libdeflate_decompressor*)> inflater(
+            libdeflate_alloc_decompressor(), libdeflate_free_decompressor);
+        size_t used = 0;
+        size_t produced = 0;
+        if (!inflater ||
+            libdeflate_gzip_decompress_ex(inflater.get(), input.get(), size, whole->bytes.get(),
+                                          static_cast<size_t>(*declared), &used,
+                                          &produced) != LIBDEFLATE_SUCCESS ||
+            used != size || produced != *declared)
+            return nullptr;
+        whole->size = produced;
+        return whole;
+    } catch (const std::bad_alloc&) {
+        return nullptr; // inflated a piece at a time instead
+    }
+}
+
+// The same file with the same bytes as far as the file system tells.
+bool SameArchive(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+           a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
 }
 
 // The archive's gzip layer, decompressed with zlib rather than libarchive's gzip filter
@@ -156,61 +219,32 @@ public:
         return std::shared_ptr<const uint8_t[]>(_whole, begin);
     }
 
-    // The unpacked size the archive's last gzip member declares in its trailer: the whole
-    // size (modulo 4 GiB) for the single member a payload is; nothing for a file too short
-    // to be gzip.
-    std::optional<uint64_t> declaredSize() const {
+    // The unpacked size the archive declares (DeclaredSize).
+    std::optional<uint64_t> declaredSize() const { return DeclaredSize(_fd.get()); }
+
+    // Takes the archive inflated ahead when it is the file opened here, unchanged; true then.
+    bool useInflatedAhead(PayloadHandler::InflateAhead& ahead) {
+        const std::shared_ptr<const PayloadHandler::InflateAhead::Whole> whole = ahead.take();
         struct stat info {};
-        unsigned char trailer[4];
-        if (::fstat(_fd.get(), &info) != 0 || info.st_size < 18 ||
-            ::pread(_fd.get(), trailer, sizeof trailer, info.st_size - 4) != 4)
-            return std::nullopt;
-        return uint64_t{trailer[0]} | uint64_t{trailer[1]} << 8 | uint64_t{trailer[2]} << 16 |
-               uint64_t{trailer[3]} << 24;
+        if (!whole || _wholeTried || ::fstat(_fd.get(), &info) != 0 ||
+            !SameArchive(info, whole->identity))
+            return false;
+        _wholeTried = true;
+        _whole = whole->bytes;
+        _wholeSize = whole->size;
+        ahead.markUsed();
+        return true;
     }
 
     // Fails the reading once more than limit bytes have come out of it.
     void limitUnpackedSize(uint64_t limit) { _limit = limit; }
 
 private:
-    // The whole archive inflated at once, when it is small enough and libdeflate reads it as
-    // one good gzip member (checksum and length verified); else nothing changes. Read with
-    // pread, so zlib still starts at the first byte.
+    // The whole archive inflated at once (InflateWhole), or nothing changes.
     void inflateWhole() {
-        struct stat info {};
-        const std::optional<uint64_t> declared = declaredSize();
-        if (!declared || ::fstat(_fd.get(), &info) != 0 ||
-            static_cast<uint64_t>(info.st_size) > kWholeInflateLimit ||
-            *declared > kWholeInflateLimit)
-            return;
-        try {
-            const auto size = static_cast<size_t>(info.st_size);
-            auto input = std::make_unique_for_overwrite<uint8_t[]>(size);
-            for (size_t got = 0; got < size;) {
-                const ssize_t read =
-                    ::pread(_fd.get(), input.get() + got, size - got, static_cast<off_t>(got));
-                if (read < 0 && errno == EINTR)
-                    continue;
-                if (read <= 0)
-                    return;
-                got += static_cast<size_t>(read);
-            }
-            auto output = std::make_unique_for_overwrite<uint8_t[]>(
-                std::max<size_t>(static_cast<size_t>(*declared), 1));
-            const std::unique_ptr<libdeflate_decompressor, void (*)(libdeflate_decompressor*)>
-                inflater(libdeflate_alloc_decompressor(), libdeflate_free_decompressor);
-            size_t used = 0;
-            size_t produced = 0;
-            if (!inflater ||
-                libdeflate_gzip_decompress_ex(inflater.get(), input.get(), size, output.get(),
-                                              static_cast<size_t>(*declared), &used,
-                                              &produced) != LIBDEFLATE_SUCCESS ||
-                used != size || produced != *declared)
-                return;
-            _whole = std::move(output);
-            _wholeSize = produced;
-        } catch (const std::bad_alloc&) {
-            // Inflated a piece at a time instead.
+        if (const auto whole = InflateWhole(_fd.get())) {
+            _whole = whole->bytes;
+            _wholeSize = whole->size;
         }
     }
 
@@ -642,7 +676,8 @@ private:
 bool ExtractArchive(const std::string& archivePath, const std::string& targetFolder,
                     FileSystem& fileSystem, const PayloadLimits& limits,
                     const std::unordered_set<std::string>* heldNames,
-                    const PayloadHandler::FileUnpacked& fileUnpacked, std::string& reason) {
+                    const PayloadHandler::FileUnpacked& fileUnpacked,
+                    PayloadHandler::InflateAhead* inflatedAhead, std::string& reason) {
     ArchiveReader in(archive_read_new());
     if (!in) {
         reason = "out of memory";
@@ -655,6 +690,8 @@ bool ExtractArchive(const std::string& archivePath, const std::string& targetFol
         reason = gzip.reason();
         return false;
     }
+    if (inflatedAhead)
+        (void)gzip.useInflatedAhead(*inflatedAhead);
     if (archive_read_open(in.get(), &gzip, nullptr, ReadGzipSource, nullptr) != ARCHIVE_OK) {
         reason = gzip.reason().empty() ? ErrorOf(in.get()) : gzip.reason();
         return false;
@@ -724,7 +761,7 @@ int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
                                     const std::string& targetFolder, FileSystem& fileSystem,
                                     const PayloadLimits& limits,
                                     const std::unordered_set<std::string>* heldNames,
-                                    const FileUnpacked& fileUnpacked) {
+                                    const FileUnpacked& fileUnpacked, InflateAhead* inflatedAhead) {
     PayloadFiles::forgetBelow(targetFolder);
     NSFormatLogWithHeading(3, "SETUP for Update");
     const std::string archivePath = JoinPath(archiveFolder, kPayloadArchiveName);
@@ -743,7 +780,7 @@ int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
                           std::string(std::strerror(errno)));
         std::string reason;
         if (!ExtractArchive(archivePath, targetFolder, fileSystem, limits, heldNames, fileUnpacked,
-                            reason)) {
+                            inflatedAhead, reason)) {
             // Half a payload is worse than none: the manifest would mix new and missing
             // files. An empty folder makes every source show up as missing.
             NSLevelledLog(0, "Failed to extract \"%@\": %@", archivePath, reason);
@@ -755,6 +792,30 @@ int32_t PayloadHandler::extractFile(const std::string& archiveFolder,
     }
     NSLevelledLog(3, "Done");
     return 0;
+}
+
+PayloadHandler::InflateAhead::InflateAhead(const std::string& archiveFolder) {
+    const std::string archivePath = JoinPath(archiveFolder, kPayloadArchiveName);
+    auto fd =
+        std::make_shared<UniqueFd>(::open(archivePath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (!fd->valid())
+        return; // the unpacking says why
+    try {
+        _thread = std::thread([this, fd] { _whole = InflateWhole(fd->get()); });
+    } catch (const std::system_error&) {
+        // No thread to spare: the unpacking inflates it.
+    }
+}
+
+PayloadHandler::InflateAhead::~InflateAhead() {
+    if (_thread.joinable())
+        _thread.join();
+}
+
+std::shared_ptr<const PayloadHandler::InflateAhead::Whole> PayloadHandler::InflateAhead::take() {
+    if (_thread.joinable())
+        _thread.join();
+    return std::move(_whole);
 }
 
 bool PayloadHandler::WorkingFolderIsSafe(const std::string& folder) {

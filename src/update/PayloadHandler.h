@@ -1,8 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
+#include <sys/stat.h>
+#include <thread>
 #include <unordered_set>
 
 class FileSystem;
@@ -49,11 +53,17 @@ public:
     // entry of the same name or linked to it, or a failure further on, can still change or
     // remove it.)
     using FileUnpacked = std::function<void(const std::string& relative)>;
+    class InflateAhead;
+    //
+    // inflatedAhead, when given, is the archive inflated on another thread beforehand: it is
+    // used when it is still the file opened here (same file, size and times), and the archive
+    // is inflated here otherwise.
     static int32_t extractFile(const std::string& archiveFolder, const std::string& targetFolder,
                                FileSystem& fileSystem,
                                const PayloadLimits& limits = PayloadLimits(),
                                const std::unordered_set<std::string>* heldNames = nullptr,
-                               const FileUnpacked& fileUnpacked = {});
+                               const FileUnpacked& fileUnpacked = {},
+                               InflateAhead* inflatedAhead = nullptr);
 
     // Lets go of the files held for folder, and removes folder and everything in it through
     // fileSystem (symbolic links are removed,
@@ -65,4 +75,36 @@ public:
     // real folder of this process's user that no one else may write; made when missing.
     // False after a log line naming the problem.
     static bool WorkingFolderIsSafe(const std::string& folder);
+};
+
+// The payload archive of a folder inflated whole in memory, on a thread of its own started at
+// once: the run starts it before it reads the manifest, which takes the main thread about as
+// long, so that the unpacking finds the archive inflated. Only the gzip layer, and only as
+// PayloadHandler::extractFile would inflate it (one member, at most 256 MB, its checksum and
+// length verified); nothing is unpacked or written here, and the unpacking applies its checks
+// and limits to these bytes as to its own.
+class PayloadHandler::InflateAhead {
+public:
+    explicit InflateAhead(const std::string& archiveFolder);
+    // Waits for the thread.
+    ~InflateAhead();
+    InflateAhead(const InflateAhead&) = delete;
+    InflateAhead& operator=(const InflateAhead&) = delete;
+
+    struct Whole {
+        std::shared_ptr<uint8_t[]> bytes;
+        size_t size = 0;
+        struct stat identity {}; // the archive's, when it was opened
+    };
+    // Waits for the thread; nothing when the archive could not be inflated whole that way.
+    std::shared_ptr<const Whole> take();
+
+    // Whether an unpacking used it, for the tests.
+    bool used() const { return _used; }
+    void markUsed() { _used = true; }
+
+private:
+    std::shared_ptr<const Whole> _whole;
+    std::thread _thread;
+    bool _used = false;
 };

@@ -224,6 +224,49 @@ TEST_F(PayloadHandlerTest, HeldFilesAreKeptInTheUnpackedArchiveRatherThanCopied)
     EXPECT_EQ(PayloadFiles::heldBytes(), 0u);
 }
 
+TEST_F(PayloadHandlerTest, APayloadInflatedAheadIsUnpackedFromThatMemory) {
+    MakeSampleTree();
+    MakePayload(_stage, "find .");
+    PayloadHandler::InflateAhead ahead(_resources);
+    const std::unordered_set<std::string> held = {"private"};
+    ASSERT_EQ(PayloadHandler::extractFile(_resources, _payload, RealFileSystem::instance(),
+                                          PayloadLimits(), &held, {}, &ahead),
+              0);
+    EXPECT_TRUE(ahead.used());
+    auto expected = Snapshot(_stage);
+    expected.erase("private");
+    EXPECT_EQ(Snapshot(_payload), expected);
+    const auto kept = PayloadFiles::find(_payload + "/private");
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(kept->bytes.get()), kept->size),
+              "only mine\n");
+    ASSERT_EQ(PayloadHandler::cleanupDir(_payload, RealFileSystem::instance()), 0);
+}
+
+TEST_F(PayloadHandlerTest, APayloadReplacedAfterItWasInflatedAheadIsInflatedAgain) {
+    MakeSampleTree();
+    for (const bool inPlace : {true, false}) {
+        SCOPED_TRACE(inPlace ? "rewritten in place" : "a new file renamed over it");
+        WriteTextFile(_stage + "/private", "only mine\n");
+        MakePayload(_stage, "find .");
+        PayloadHandler::InflateAhead ahead(_resources);
+        // Another archive in its place before the unpacking.
+        WriteTextFile(_stage + "/private", "only mine, version two\n");
+        if (inPlace) {
+            MakePayload(_stage, "find ."); // the shell's > truncates and writes the same file
+        } else {
+            Shell("cd '" + _stage + "' && find . | cpio -o -H newc --quiet | gzip -c > '" +
+                  _archive + ".new' && mv '" + _archive + ".new' '" + _archive + "'");
+        }
+        ASSERT_EQ(PayloadHandler::extractFile(_resources, _payload, RealFileSystem::instance(),
+                                              PayloadLimits(), nullptr, {}, &ahead),
+                  0);
+        EXPECT_FALSE(ahead.used());
+        EXPECT_EQ(ReadTextFile(_payload + "/private"), "only mine, version two\n");
+        EXPECT_EQ(Snapshot(_payload), Snapshot(_stage));
+    }
+}
+
 TEST_F(PayloadHandlerTest, EachFileWrittenIsAnnouncedWholeWhileTheRestIsUnpacked) {
     MakeSampleTree();
     // The archive's order: two files first, then everything (again) in find's order.

@@ -97,6 +97,8 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
       _appPath(std::move(appPath)), _resourceDir(std::move(resourceDir)), _dataLoader(dataLoader),
       _environment(std::move(environment)), _isSilentInstall(_environment.silent) {
     totalNodesCount = 0;
+    // The payload is inflated on another processor while this one reads the manifest.
+    PayloadHandler::InflateAhead inflating(_resourceDir);
     // The installed files are read on another processor while this one unpacks the payload,
     // and the patches are made there as soon as their files are unpacked (mkpatcher puts them
     // first). (Read quietly: a manifest that cannot be read is reported when the update
@@ -141,7 +143,7 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
                                         JoinPath(_resourceDir, "Payload.cpio.gz"));
     (void)PayloadHandler::extractFile(
         _resourceDir, _payloadDir, fileSystem(), PayloadLimits(), &_payloadFilesToHold,
-        patchFilesToCome.empty() ? PayloadHandler::FileUnpacked{} : patchFileUnpacked);
+        patchFilesToCome.empty() ? PayloadHandler::FileUnpacked{} : patchFileUnpacked, &inflating);
     if (_environment.state) {
         _backupDir = _environment.record.backupFolder;
     } else {
