@@ -2,6 +2,7 @@
 
 #include "base/Path.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -9,6 +10,7 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <memory>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -59,6 +61,24 @@ UniqueFd OpenBeneath(int folder, const std::string& path, int flags, bool noLink
         }
         start = slash + 1;
     }
+}
+
+bool IsItsOwnRealPath(const std::string& path) {
+    if (path.empty() || path.front() != '/' || (path.size() > 1 && path.back() == '/'))
+        return false;
+    for (size_t start = 1; start < path.size();) {
+        const size_t slash = std::min(path.find('/', start), path.size());
+        const std::string_view name(path.data() + start, slash - start);
+        if (name.empty() || name == "." || name == "..")
+            return false;
+        start = slash + 1;
+    }
+    open_how how{};
+    how.flags = static_cast<uint64_t>(O_PATH | O_CLOEXEC);
+    how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    const UniqueFd fd(
+        static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how)));
+    return fd.valid();
 }
 
 bool ReadInChunks(int fd, size_t chunkSize,

@@ -68,6 +68,12 @@ UniqueFd OpenPrivateFolder(const std::string& path, mode_t mode,
 // has it, else a walk of folder handles opened without following links.
 UniqueFd OpenBeneath(int folder, const std::string& path, int flags, bool noLinks);
 
+// True when the absolute path, written without "." or ".." names, empty names or a last
+// "/", names something that is reached without a symbolic link anywhere on the way, its
+// last name included: then it is its own real path. False when it is not, or when that
+// cannot be told with one call (no openat2, or the path is not written so).
+bool IsItsOwnRealPath(const std::string& path);
+
 // Reads fd to its end in pieces of at most chunkSize bytes, handing each to consume; false
 // on a read error, or as soon as consume returns false.
 [[nodiscard]] bool ReadInChunks(int fd, size_t chunkSize,

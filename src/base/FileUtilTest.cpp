@@ -118,4 +118,26 @@ TEST(FileUtil, AFileOnlyRootControlsIsRootsAloneUpToTheTop) {
     EXPECT_FALSE(OpenFileOnlyRootControls(dir.file("missing"), &problem).valid());
 }
 
+// What it answers is whether realpath would give the path back, told with one call.
+TEST(FileUtilTest, APathIsItsOwnRealPathWithoutLinksOnTheWay) {
+    TempDir dir;
+    const std::string top = fs::canonical(dir.path()).string();
+    fs::create_directories(top + "/a/b");
+    WriteTextFile(top + "/a/b/file", "x");
+    fs::create_directory_symlink(top + "/a", top + "/linked");
+    fs::create_symlink(top + "/a/b/file", top + "/a/b/link");
+    EXPECT_TRUE(IsItsOwnRealPath(top + "/a/b"));
+    EXPECT_TRUE(IsItsOwnRealPath(top + "/a/b/file"));
+    EXPECT_TRUE(IsItsOwnRealPath("/"));
+    EXPECT_FALSE(IsItsOwnRealPath(top + "/linked/b"));  // a link on the way
+    EXPECT_FALSE(IsItsOwnRealPath(top + "/a/b/link"));  // the last name a link
+    EXPECT_FALSE(IsItsOwnRealPath(top + "/a/missing")); // nothing there
+    EXPECT_FALSE(IsItsOwnRealPath(top + "/a/./b"));     // not written as its real path
+    EXPECT_FALSE(IsItsOwnRealPath(top + "/a/b/../b"));
+    EXPECT_FALSE(IsItsOwnRealPath(top + "//a/b"));
+    EXPECT_FALSE(IsItsOwnRealPath(top + "/a/b/"));
+    EXPECT_FALSE(IsItsOwnRealPath("a/b"));
+    EXPECT_FALSE(IsItsOwnRealPath(""));
+}
+
 } // namespace

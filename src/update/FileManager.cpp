@@ -470,6 +470,9 @@ bool FileManager::touchFile(const std::string& path) const {
 }
 
 std::string FileManager::ResolveSymlinksInPath(const std::string& path) {
+    // The common case in one call rather than one per folder on the way.
+    if (IsItsOwnRealPath(path))
+        return path;
     // Resolve the longest existing prefix; the part that does not exist yet has no links.
     std::string existing = path;
     std::string rest;
