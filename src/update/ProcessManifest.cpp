@@ -118,11 +118,13 @@ ProcessManifest::ProcessManifest(std::string manifestFile, std::string payloadDi
                 patchFilesToCome.insert(patch->patchFile);
         }
         // The new files of the patches are written ahead into the installation's folders only
-        // below the confinement, once the manifest's paths are found confined; they are
-        // checked again, as ever, before anything is touched.
+        // below the confinement, once the manifest's paths are found confined; that check
+        // stands for the walk's, and each entry is checked again as it runs.
         if (const ManifestConfinement confined(dirToken, _appPath);
-            !patchFilesToCome.empty() && !confined.manifestProblem(root))
+            !patchFilesToCome.empty() && !confined.manifestProblem(root)) {
             _confinement = std::make_unique<FileSystemConfinement>(confined.folders());
+            _manifestFoundConfined = true;
+        }
         std::vector<std::vector<std::string>> toChecksum = filesToChecksumAhead(_plannedPaths, {});
         for (auto& files : filesToChecksumAhead(Select(root, "/Manifest/BundleSet/Bundle/File"),
                                                 dirToken, _appPath, {}))
@@ -258,9 +260,12 @@ bool ProcessManifest::performAction(ProgressWindowController* progress) {
 std::string ProcessManifest::performUpdate(WorkDictionary& work, ThreadWorker* worker) {
     DirTokenResolver resolver(_environment.paths);
     const std::string appPath = work.appPath;
-    // Every path of the manifest is checked before anything is touched, services included.
+    // Every path of the manifest is checked before anything is touched, services included
+    // (once: the manifest read before the unpacking is the one walked here).
     if (const auto problem =
-            ManifestConfinement(resolver, appPath).manifestProblem(work.rootNode)) {
+            _manifestFoundConfined
+                ? std::nullopt
+                : ManifestConfinement(resolver, appPath).manifestProblem(work.rootNode)) {
         NSLevelledLog(0, "The manifest is refused, nothing was changed: %@", *problem);
         return kPermanentError;
     }

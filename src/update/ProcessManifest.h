@@ -217,6 +217,9 @@ private:
     // The file system's confinement to the manifest's folders, from the walk's start to
     // the end of the run.
     std::unique_ptr<FileSystemConfinement> _confinement;
+    // True when every path of the manifest read before the unpacking was found confined then
+    // (the walk does not check them all a second time).
+    bool _manifestFoundConfined = false;
     ManifestRunEnvironment _environment;
     ProgressWindowController* _progressController = nullptr;
     std::unique_ptr<ServicesHandler> _serviceHandler;
