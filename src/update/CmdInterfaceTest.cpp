@@ -1221,6 +1221,14 @@ TEST_F(CmdInterfaceTest, CleanupOfEmptyFolders) {
          false,
          {"A.app/Contents/Resources/Sub"},
          {"A.app/Contents/Resources/Keep"}},
+        {"DSStoreBesideAnotherFileIsKept",
+         {"A.app/Contents/Resources/Sub/.DS_Store", "A.app/Contents/Resources/Sub/other"},
+         {},
+         "A.app/Contents/Resources/Sub",
+         true,
+         false,
+         {},
+         {"A.app/Contents/Resources/Sub/.DS_Store", "A.app/Contents/Resources/Sub/other"}},
         {"WholeBundleGoesWhenEmptied",
          {},
          {"A.app/Contents/Resources"},
@@ -1285,6 +1293,34 @@ TEST_F(CmdInterfaceTest, CleanupOfEmptyFolders) {
             EXPECT_TRUE(FileExists(temp.file(k))) << k;
         EXPECT_TRUE(FileExists(temp.path()));
     }
+}
+
+TEST_F(CmdInterfaceTest, CleanupLogsTheFoldersThatGoAndLeavesALinkedFolder) {
+    TempDir temp;
+    const std::string resources = temp.file("A.app/Contents/Resources");
+    ASSERT_TRUE(FileManager().createDirectoryAtPath(JoinPath(resources, "Real")));
+    ASSERT_TRUE(FileManager().createDirectoryAtPath(JoinPath(resources, "Empty")));
+    WriteTextFile(JoinPath(resources, "Keep"), "x");
+    ASSERT_EQ(::symlink("Real", JoinPath(resources, "Link").c_str()), 0);
+
+    LogCapture log;
+    // A link is not a folder to remove, and what it points to is not its to remove.
+    FileManager().cleanupEmptyParentDir(JoinPath(resources, "Link"), true, true, {});
+    EXPECT_TRUE(PathExistsNoFollow(JoinPath(resources, "Link")));
+    EXPECT_TRUE(FolderExists(JoinPath(resources, "Real")));
+    // An empty folder goes, and the walk stops at the first folder with something in it.
+    FileManager().cleanupEmptyParentDir(JoinPath(resources, "Empty"), true, true, {});
+    EXPECT_FALSE(PathExistsNoFollow(JoinPath(resources, "Empty")));
+    EXPECT_TRUE(FolderExists(resources));
+
+    const std::string text = log.text();
+    EXPECT_NE(text.find("Also removing empty Directory \"" + JoinPath(resources, "Empty") + "\"."),
+              std::string::npos)
+        << text;
+    EXPECT_EQ(text.find("Also removing empty Directory \"" + resources + "\""), std::string::npos)
+        << text;
+    EXPECT_EQ(text.find("Link"), std::string::npos) << text;
+    EXPECT_EQ(text.find("Minor Error"), std::string::npos) << text;
 }
 
 TEST_F(CmdInterfaceTest, PermissionTextIsReadAsOctalDigits) {

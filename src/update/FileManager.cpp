@@ -335,8 +335,6 @@ void FileManager::removeMadeFolders(const MadeFolders& made) const {
 void FileManager::cleanupEmptyParentDir(const std::string& folder, bool removeDSStore,
                                         bool onlyDirsInBundle,
                                         const std::vector<std::string>& protectedFolders) const {
-    if (!FolderExists(folder))
-        return;
     auto isProtected = [&](const std::string& path) {
         for (const auto& protectedFolder : protectedFolders) {
             if (EqualsIgnoringCase(path, protectedFolder))
@@ -364,17 +362,30 @@ void FileManager::cleanupEmptyParentDir(const std::string& folder, bool removeDS
 
     std::string path = folder;
     for (int level = 0; level < levels; ++level, path = ParentPath(path)) {
-        // Two names tell an empty folder from one with only .DS_Store and from a full one.
-        auto entries = _fs->firstNamesInFolder(path, 2);
-        if (!entries)
-            break;
-        if (entries->size() == 1 && entries->front() == ".DS_Store" && removeDSStore) {
-            NSLevelledLog(3, "Removing .DS_Store file at %@", path);
-            if (!_fs->removeFile(JoinPath(path, ".DS_Store")))
-                break;
-            entries->clear();
+        // Removing the folder is how it is found empty: a folder with anything in it is
+        // refused (ENOTEMPTY) and stays as it was, at the cost of one call instead of
+        // reading its first names after it was found to exist.
+        if (_fs->removeFolder(path)) {
+            NSLevelledLog(3, "Also removing empty Directory \"%@\".", path);
+            continue;
         }
-        if (!entries->empty())
+        const int error = errno;
+        if (error == ENOENT || error == ENOTDIR || error == ELOOP || error == EXDEV)
+            break; // gone already, not a folder, or reached through a link: left alone
+        if (error != ENOTEMPTY && error != EEXIST) {
+            NSLevelledLog(3, "Also removing empty Directory \"%@\".", path);
+            NSLevelledLog(3, "Minor Error - Failed to remove directory");
+            break;
+        }
+        // Not empty: it may still go when all it holds is a .DS_Store file. Two names tell
+        // that folder from a full one.
+        if (!removeDSStore || !PathExistsNoFollow(JoinPath(path, ".DS_Store")))
+            break;
+        const auto entries = _fs->firstNamesInFolder(path, 2);
+        if (!entries || entries->size() != 1 || entries->front() != ".DS_Store")
+            break;
+        NSLevelledLog(3, "Removing .DS_Store file at %@", path);
+        if (!_fs->removeFile(JoinPath(path, ".DS_Store")))
             break;
         NSLevelledLog(3, "Also removing empty Directory \"%@\".", path);
         if (!_fs->removeFolder(path)) {
