@@ -217,6 +217,7 @@ int32_t CmdInterface::performEntry(const FileOperationInfo& info) {
     _undoWritten = false;
     struct stat installed {};
     _destinationExisted = ::lstat(info.DestinationPath.c_str(), &installed) == 0;
+    _entryDestination = info.DestinationPath;
     _files.noteChangeAt(info.DestinationPath);
     if (!IsAbsentField(info.RenamePath))
         _files.noteChangeAt(info.RenamePath);
@@ -453,7 +454,9 @@ int32_t CmdInterface::removeFileOperation(const FileOperationInfo& info) {
         LogNoNeed(info);
         return 0;
     }
-    if (!PathExistsNoFollow(destination)) {
+    // The entry looked at the destination as it started; nothing has changed it since.
+    if (!(destination == _entryDestination ? _destinationExisted
+                                           : PathExistsNoFollow(destination))) {
         NSLevelledLog(3, "File to delete does not exist");
         LogNoNeed(info);
         return 0;

@@ -162,6 +162,7 @@ private:
     uint64_t _backupCount = 0;
     bool _undoWritten = false;
     bool _destinationExisted = false;
+    std::string _entryDestination; // the path _destinationExisted tells of
     // The group: entries prepared and their changes, waiting for one sync.
     struct PreparedEntry {
         std::string operation;

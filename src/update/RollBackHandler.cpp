@@ -104,6 +104,7 @@ bool RollBackHandler::keep(const std::string& destination, const struct stat& en
     // rename), so a second name for the installed file keeps its content as it is now,
     // without copying it, where both are on one file system. Its checksum is the file's.
     bool kept = false;
+    _lastLinked.clear();
     // The new name changes the file's change time, not its content: a checksum known from
     // before the link holds for both names afterwards, so that neither is read again for it.
     // One being read ahead is waited for first: a read across the link is dropped for that
@@ -117,9 +118,13 @@ bool RollBackHandler::keep(const std::string& destination, const struct stat& en
     if (linked) {
         kept = true;
         struct stat both {};
-        if (known && ::lstat(backup.c_str(), &both) == 0) {
-            MD5cksum::rememberChecksumOfFile(backup, both, *known);
-            MD5cksum::rememberChecksumOfFile(destination, both, *known);
+        if (::lstat(backup.c_str(), &both) == 0) {
+            _lastLinked = backup;
+            _lastLinkedState = both;
+            if (known) {
+                MD5cksum::rememberChecksumOfFile(backup, both, *known);
+                MD5cksum::rememberChecksumOfFile(destination, both, *known);
+            }
         }
     } else {
         // A copy, synced, with its checksum taken on the way. It gets the installed file's
@@ -140,7 +145,14 @@ bool RollBackHandler::addUndoFileCommand(const FileOperationInfo& info) {
     // The backup is what the backup folder holds under that name: a file, or a link kept as
     // a link (never followed).
     struct stat backupInfo {};
-    const bool backupFound = ::lstat(backup.c_str(), &backupInfo) == 0;
+    bool backupFound = false;
+    if (!_lastLinked.empty() && _lastLinked == backup) {
+        backupInfo = _lastLinkedState;
+        backupFound = true;
+    } else {
+        backupFound = ::lstat(backup.c_str(), &backupInfo) == 0;
+    }
+    _lastLinked.clear();
     const bool backupIsLink = backupFound && S_ISLNK(backupInfo.st_mode);
     std::string linkTarget;
     if (backupIsLink)

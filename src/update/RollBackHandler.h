@@ -114,6 +114,10 @@ private:
     UniqueFd _journalFd;
     bool _started = false;
     bool _deferSync = false;
+    // The backup keep() last made by a second name, as it looked right after: the journal
+    // entry that follows names it, and finds it here instead of looking at it again.
+    std::string _lastLinked;
+    struct stat _lastLinkedState {};
     // Layout of the file: header, file section, directory section, closing root tag.
     uint64_t _fileSectionStart = 0; // where "<FileSet" begins
     uint64_t _fileEntriesEnd = 0;   // end of the last File entry
