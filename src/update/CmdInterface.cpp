@@ -349,11 +349,12 @@ CmdInterface::Installed CmdInterface::installCopy(const std::string& source,
     _files.removeTemporaryOf(destination);
     UniqueFd writtenAhead =
         _heldFilesAhead ? _heldFilesAhead->take(source, ParentPath(destination)) : UniqueFd();
-    if (!_files.copyItem(source, temporary, !_preparing, true, std::move(writtenAhead)))
+    // The copy's state as the copy left it (or looked at here when it did not tell).
+    struct stat copied {};
+    if (!_files.copyItem(source, temporary, !_preparing, true, std::move(writtenAhead), &copied))
         return Installed::CopyFailed;
     // Known from the copy itself; read again only when the copy could not tell.
-    struct stat copied {};
-    if (::stat(temporary.c_str(), &copied) == 0) {
+    if (copied.st_nlink != 0 || ::stat(temporary.c_str(), &copied) == 0) {
         checksum = MD5cksum::rememberedChecksumOfFile(temporary, copied);
         _entry.bytes += static_cast<uint64_t>(copied.st_size);
     }
@@ -480,8 +481,13 @@ int32_t CmdInterface::removeFileOperation(const FileOperationInfo& info) {
 int32_t CmdInterface::overwriteFileOperation(const FileOperationInfo& info) {
     const std::string& destination = info.DestinationPath;
     NSLevelledLog(3, "Overwriting file \"%@\" ", destination);
+    // A file backed up by a second name was looked at right after: both names are that file.
     struct stat installed {};
-    if (::stat(destination.c_str(), &installed) != 0) {
+    const struct stat* linked =
+        journaling() ? _rollBackHandler->linkedStateOf(destination) : nullptr;
+    if (linked)
+        installed = *linked;
+    if (!linked && ::stat(destination.c_str(), &installed) != 0) {
         NSLevelledLog(3, "Destination file does not exist. Simply adding the new file...");
     } else {
         const auto checksum = MD5cksum::getMD5cksumOfFile(destination, *_fs, installed);

@@ -65,8 +65,8 @@ mode_t ModeFromPermissionText(const std::string& text) {
 FileManager::FileManager() : _fs(&RealFileSystem::instance()) {}
 
 bool FileManager::copyRegularFile(const std::string& source, const std::string& destination,
-                                  const struct stat& sourceInfo, bool sync,
-                                  bool rememberChecksum) const {
+                                  const struct stat& sourceInfo, bool sync, bool rememberChecksum,
+                                  struct stat* copyState) const {
     UniqueFd in = _fs->openForReading(source);
     if (!in.valid())
         return false;
@@ -116,14 +116,18 @@ bool FileManager::copyRegularFile(const std::string& source, const std::string& 
             MD5cksum::rememberChecksumOfFile(destination, copyInfo, *known);
             MD5cksum::rememberChecksumOfFile(source, sourceAfter, *known);
         }
+        if (copyState)
+            *copyState = copyInfo;
     }
     return true;
 }
 
 bool FileManager::copyItem(const std::string& source, const std::string& destination, bool sync,
-                           bool rememberChecksum, UniqueFd writtenAhead) const {
+                           bool rememberChecksum, UniqueFd writtenAhead,
+                           struct stat* copied) const {
     if (const auto held = PayloadFiles::find(source))
-        return copyHeldFile(*held, destination, sync, rememberChecksum, std::move(writtenAhead));
+        return copyHeldFile(*held, destination, sync, rememberChecksum, std::move(writtenAhead),
+                            copied);
     struct stat info {};
     if (::lstat(source.c_str(), &info) != 0)
         return false;
@@ -133,7 +137,7 @@ bool FileManager::copyItem(const std::string& source, const std::string& destina
     }
     if (!S_ISREG(info.st_mode))
         return false;
-    return copyRegularFile(source, destination, info, sync, rememberChecksum);
+    return copyRegularFile(source, destination, info, sync, rememberChecksum, copied);
 }
 
 bool FileManager::discardNewFile(UniqueFd& file, const std::string& path) const {
@@ -145,7 +149,8 @@ bool FileManager::discardNewFile(UniqueFd& file, const std::string& path) const 
 }
 
 bool FileManager::copyHeldFile(const PayloadFiles::File& held, const std::string& destination,
-                               bool sync, bool rememberChecksum, UniqueFd writtenAhead) const {
+                               bool sync, bool rememberChecksum, UniqueFd writtenAhead,
+                               struct stat* copied) const {
     UniqueFd out;
     auto discard = [&] { return discardNewFile(out, destination); };
     // Written ahead with its mode and times, the copy only needs its name; it is written here
@@ -172,8 +177,11 @@ bool FileManager::copyHeldFile(const PayloadFiles::File& held, const std::string
         errno = error;
         return false;
     }
-    if (remember)
+    if (remember) {
         MD5cksum::rememberChecksumOfFile(destination, copyInfo, held.checksum);
+        if (copied)
+            *copied = copyInfo;
+    }
     return true;
 }
 

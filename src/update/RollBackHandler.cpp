@@ -71,6 +71,7 @@ int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info) {
 int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info,
                                              const struct stat* installed) {
     const std::string& destination = info.DestinationPath;
+    _lastLinked.clear(); // what an entry before kept is not this entry's
     if (!installed)
         return 0; // nothing installed, nothing to keep
     const struct stat& entry = *installed;
@@ -120,6 +121,7 @@ bool RollBackHandler::keep(const std::string& destination, const struct stat& en
         struct stat both {};
         if (::lstat(backup.c_str(), &both) == 0) {
             _lastLinked = backup;
+            _lastLinkedFrom = destination;
             _lastLinkedState = both;
             if (known) {
                 MD5cksum::rememberChecksumOfFile(backup, both, *known);

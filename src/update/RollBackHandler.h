@@ -91,6 +91,12 @@ public:
     };
     static WholeEntries readWholeEntries(std::string_view text);
 
+    // The state of installed right after the entry running now kept it by a second name (the
+    // same file under both names), or nullptr when it was not kept so.
+    [[nodiscard]] const struct stat* linkedStateOf(const std::string& installed) const {
+        return !_lastLinked.empty() && installed == _lastLinkedFrom ? &_lastLinkedState : nullptr;
+    }
+
 private:
     [[nodiscard]] bool keep(const std::string& destination, const struct stat& entry,
                             const std::string& backup);
@@ -114,9 +120,11 @@ private:
     UniqueFd _journalFd;
     bool _started = false;
     bool _deferSync = false;
-    // The backup keep() last made by a second name, as it looked right after: the journal
-    // entry that follows names it, and finds it here instead of looking at it again.
+    // The backup keep() last made by a second name for the installed file _lastLinkedFrom,
+    // as it looked right after: the journal entry that follows names it, and the entry looks
+    // at the installed file, and both find it here instead of looking again.
     std::string _lastLinked;
+    std::string _lastLinkedFrom;
     struct stat _lastLinkedState {};
     // Layout of the file: header, file section, directory section, closing root tag.
     uint64_t _fileSectionStart = 0; // where "<FileSet" begins
