@@ -412,7 +412,10 @@ int32_t CmdInterface::installNewFile(const FileOperationInfo& info, bool replaci
     const std::string folder = ParentPath(destination);
     // Folders made for the new file go again when it cannot be put in place.
     FileManager::MadeFolders made;
-    if (!PathExists(folder))
+    // A destination the entry found there has its folder.
+    const bool folderThere =
+        (destination == _entryDestination && _destinationExisted) || PathExists(folder);
+    if (!folderThere)
         (void)_files.createDirectoryAtPath(folder, &made); // a failure shows in the copy below
     std::optional<std::string> checksum;
     switch (installCopy(source, destination, info.AfterPatch, checksum)) {

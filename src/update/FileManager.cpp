@@ -458,8 +458,10 @@ bool FileManager::setAttributeOf(const std::string& path, const struct stat& cur
 
 bool FileManager::setAttributesOfRecord(const FileOperationInfo& info) const {
     const std::string& path = info.DestinationPath;
+    // Nothing there, or a link to nothing: no attributes to set. (One lstat tells both for
+    // anything but a link.)
     struct stat current {};
-    if (!PathExists(path) || ::lstat(path.c_str(), &current) != 0)
+    if (::lstat(path.c_str(), &current) != 0 || (S_ISLNK(current.st_mode) && !PathExists(path)))
         return true;
     const auto oldUser = UserNameOfUid(current.st_uid);
     const auto oldGroup = GroupNameOfGid(current.st_gid);
