@@ -218,6 +218,7 @@ int32_t CmdInterface::performEntry(const FileOperationInfo& info) {
     struct stat installed {};
     _destinationExisted = ::lstat(info.DestinationPath.c_str(), &installed) == 0;
     _entryDestination = info.DestinationPath;
+    _linkedBackup.reset();
     _files.noteChangeAt(info.DestinationPath);
     if (!IsAbsentField(info.RenamePath))
         _files.noteChangeAt(info.RenamePath);
@@ -228,8 +229,8 @@ int32_t CmdInterface::performEntry(const FileOperationInfo& info) {
         _backupName = nextBackupName(info.DestinationPath, info.ObjectName);
         FileOperationInfo kept = info;
         kept.ObjectName = _backupName;
-        if (_rollBackHandler->backupFileOperation(kept, _destinationExisted ? &installed
-                                                                            : nullptr) != 0) {
+        if (_rollBackHandler->backupFileOperation(kept, _destinationExisted ? &installed : nullptr,
+                                                  &_linkedBackup) != 0) {
             NSLevelledLog(3, "Failed to perform \"%@\" file Operation", operation);
             return 1;
         }
@@ -321,7 +322,7 @@ int32_t CmdInterface::writeUndoForFileSetOperation(const FileOperationInfo& info
         return 0;
     FileOperationInfo undo = info;
     undo.ObjectName = _backupName;
-    if (!_rollBackHandler->addUndoFileCommand(undo))
+    if (!_rollBackHandler->addUndoFileCommand(undo, _linkedBackup ? &*_linkedBackup : nullptr))
         return 1; // logged by the journal; the change is not made
     _undoWritten = true;
     return 0;
@@ -486,10 +487,9 @@ int32_t CmdInterface::overwriteFileOperation(const FileOperationInfo& info) {
     NSLevelledLog(3, "Overwriting file \"%@\" ", destination);
     // A file backed up by a second name was looked at right after: both names are that file.
     struct stat installed {};
-    const struct stat* linked =
-        journaling() ? _rollBackHandler->linkedStateOf(destination) : nullptr;
+    const bool linked = _linkedBackup && destination == _entryDestination;
     if (linked)
-        installed = *linked;
+        installed = *_linkedBackup;
     if (!linked && ::stat(destination.c_str(), &installed) != 0) {
         NSLevelledLog(3, "Destination file does not exist. Simply adding the new file...");
     } else {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <vector>
 
@@ -163,6 +164,8 @@ private:
     bool _undoWritten = false;
     bool _destinationExisted = false;
     std::string _entryDestination; // the path _destinationExisted tells of
+    // Its state right after its backup was made by a second name (nothing when it was not).
+    std::optional<struct stat> _linkedBackup;
     // The group: entries prepared and their changes, waiting for one sync.
     struct PreparedEntry {
         std::string operation;

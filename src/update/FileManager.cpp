@@ -124,10 +124,10 @@ bool FileManager::copyRegularFile(const std::string& source, const std::string& 
 
 bool FileManager::copyItem(const std::string& source, const std::string& destination, bool sync,
                            bool rememberChecksum, UniqueFd writtenAhead,
-                           struct stat* copied) const {
+                           struct stat* copyState) const {
     if (const auto held = PayloadFiles::find(source))
         return copyHeldFile(*held, destination, sync, rememberChecksum, std::move(writtenAhead),
-                            copied);
+                            copyState);
     struct stat info {};
     if (::lstat(source.c_str(), &info) != 0)
         return false;
@@ -137,7 +137,7 @@ bool FileManager::copyItem(const std::string& source, const std::string& destina
     }
     if (!S_ISREG(info.st_mode))
         return false;
-    return copyRegularFile(source, destination, info, sync, rememberChecksum, copied);
+    return copyRegularFile(source, destination, info, sync, rememberChecksum, copyState);
 }
 
 bool FileManager::discardNewFile(UniqueFd& file, const std::string& path) const {
@@ -150,7 +150,7 @@ bool FileManager::discardNewFile(UniqueFd& file, const std::string& path) const 
 
 bool FileManager::copyHeldFile(const PayloadFiles::File& held, const std::string& destination,
                                bool sync, bool rememberChecksum, UniqueFd writtenAhead,
-                               struct stat* copied) const {
+                               struct stat* copyState) const {
     UniqueFd out;
     auto discard = [&] { return discardNewFile(out, destination); };
     // Written ahead with its mode and times, the copy only needs its name; it is written here
@@ -179,8 +179,8 @@ bool FileManager::copyHeldFile(const PayloadFiles::File& held, const std::string
     }
     if (remember) {
         MD5cksum::rememberChecksumOfFile(destination, copyInfo, held.checksum);
-        if (copied)
-            *copied = copyInfo;
+        if (copyState)
+            *copyState = copyInfo;
     }
     return true;
 }

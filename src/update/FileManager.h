@@ -31,12 +31,12 @@ public:
     // checksummed as they pass, and MD5cksum answers for both files without reading them
     // again (see MD5cksum::rememberChecksumOfFile). The copy of a payload file held in
     // memory may come written ahead (HeldFileWriter): then it is only given its name.
-    // copied, when given, receives the copy's state as the copy left it, or is left as it is
+    // copyState, when given, receives the copy's state as the copy left it, or is left as it is
     // when that was not looked at (a link copied, no checksum remembered).
     [[nodiscard]] bool copyItem(const std::string& source, const std::string& destination,
                                 bool sync, bool rememberChecksum = false,
                                 UniqueFd writtenAhead = UniqueFd(),
-                                struct stat* copied = nullptr) const;
+                                struct stat* copyState = nullptr) const;
     // Where new content for destination is written before it takes destination's place: a
     // hidden name beside it, so that a rename puts it there whole. A run killed meanwhile
     // leaves it behind; replaying the journal removes it.
@@ -110,7 +110,7 @@ private:
     // writtenAhead), its checksum known.
     [[nodiscard]] bool copyHeldFile(const PayloadFiles::File& held, const std::string& destination,
                                     bool sync, bool rememberChecksum, UniqueFd writtenAhead,
-                                    struct stat* copied) const;
+                                    struct stat* copyState) const;
 
     FileSystem* _fs;
     // One existing folder on each file system with noted changes, and the folders noted

@@ -69,9 +69,11 @@ int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info) {
 }
 
 int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info,
-                                             const struct stat* installed) {
+                                             const struct stat* installed,
+                                             std::optional<struct stat>* linked) {
     const std::string& destination = info.DestinationPath;
-    _lastLinked.clear(); // what an entry before kept is not this entry's
+    if (linked)
+        linked->reset();
     if (!installed)
         return 0; // nothing installed, nothing to keep
     const struct stat& entry = *installed;
@@ -84,7 +86,7 @@ int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info,
     const std::string folder = ParentPath(backup);
     if (!folder.empty() && folder != _backupDir)
         (void)_files.createDirectoryAtPath(folder); // a failure shows in the copy
-    if (!keep(destination, entry, backup)) {
+    if (!keep(destination, entry, backup, linked)) {
         const int error = errno;
         NSLevelledLog(3, "File copy operation failed.");
         if (error == EEXIST) {
@@ -100,12 +102,11 @@ int32_t RollBackHandler::backupFileOperation(const FileOperationInfo& info,
 }
 
 bool RollBackHandler::keep(const std::string& destination, const struct stat& entry,
-                           const std::string& backup) {
+                           const std::string& backup, std::optional<struct stat>* linkedState) {
     // New content never goes into an installed file in place (it replaces the file by a
     // rename), so a second name for the installed file keeps its content as it is now,
     // without copying it, where both are on one file system. Its checksum is the file's.
     bool kept = false;
-    _lastLinked.clear();
     // The new name changes the file's change time, not its content: a checksum known from
     // before the link holds for both names afterwards, so that neither is read again for it.
     // One being read ahead is waited for first: a read across the link is dropped for that
@@ -120,9 +121,8 @@ bool RollBackHandler::keep(const std::string& destination, const struct stat& en
         kept = true;
         struct stat both {};
         if (::lstat(backup.c_str(), &both) == 0) {
-            _lastLinked = backup;
-            _lastLinkedFrom = destination;
-            _lastLinkedState = both;
+            if (linkedState)
+                *linkedState = both;
             if (known) {
                 MD5cksum::rememberChecksumOfFile(backup, both, *known);
                 MD5cksum::rememberChecksumOfFile(destination, both, *known);
@@ -142,19 +142,15 @@ bool RollBackHandler::keep(const std::string& destination, const struct stat& en
 // ---------------------------------------------------------------------------------------
 // Entries
 
-bool RollBackHandler::addUndoFileCommand(const FileOperationInfo& info) {
+bool RollBackHandler::addUndoFileCommand(const FileOperationInfo& info,
+                                         const struct stat* backupState) {
     const std::string backup = JoinPath(_backupDir, info.ObjectName);
     // The backup is what the backup folder holds under that name: a file, or a link kept as
     // a link (never followed).
     struct stat backupInfo {};
-    bool backupFound = false;
-    if (!_lastLinked.empty() && _lastLinked == backup) {
-        backupInfo = _lastLinkedState;
-        backupFound = true;
-    } else {
-        backupFound = ::lstat(backup.c_str(), &backupInfo) == 0;
-    }
-    _lastLinked.clear();
+    if (backupState)
+        backupInfo = *backupState;
+    const bool backupFound = backupState || ::lstat(backup.c_str(), &backupInfo) == 0;
     const bool backupIsLink = backupFound && S_ISLNK(backupInfo.st_mode);
     std::string linkTarget;
     if (backupIsLink)

@@ -48,16 +48,20 @@ public:
     // disk, unless syncs are deferred.
     [[nodiscard]] int32_t backupFileOperation(const FileOperationInfo& info);
     // The same with the destination's lstat taken by the caller just before (nullptr: it does
-    // not exist).
+    // not exist). linked, when given, receives the state of the file right after it was kept
+    // by a second name (both names are that one file), and is left empty otherwise.
     [[nodiscard]] int32_t backupFileOperation(const FileOperationInfo& info,
-                                              const struct stat* installed);
+                                              const struct stat* installed,
+                                              std::optional<struct stat>* linked = nullptr);
 
     // Journals the inverse of a file change that is about to be made, from the backup
     // ObjectName names (or its absence): the file's content, owner, group and mode before the
     // change. The entry is on disk when this returns (with deferred syncs: after the caller's
     // sync), so the change may follow. True when an entry was written or none was due; false
     // when the journal could not be written (logged).
-    [[nodiscard]] bool addUndoFileCommand(const FileOperationInfo& info);
+    // backupState: the backup's lstat when the caller has it (from backupFileOperation).
+    [[nodiscard]] bool addUndoFileCommand(const FileOperationInfo& info,
+                                          const struct stat* backupState = nullptr);
     // Journals the inverse of a directory operation that is about to run. As above.
     [[nodiscard]] bool addUndoDirectoryCommand(const DirectoryOperationInfo& info);
 
@@ -91,15 +95,9 @@ public:
     };
     static WholeEntries readWholeEntries(std::string_view text);
 
-    // The state of installed right after the entry running now kept it by a second name (the
-    // same file under both names), or nullptr when it was not kept so.
-    [[nodiscard]] const struct stat* linkedStateOf(const std::string& installed) const {
-        return !_lastLinked.empty() && installed == _lastLinkedFrom ? &_lastLinkedState : nullptr;
-    }
-
 private:
     [[nodiscard]] bool keep(const std::string& destination, const struct stat& entry,
-                            const std::string& backup);
+                            const std::string& backup, std::optional<struct stat>* linkedState);
     [[nodiscard]] bool appendFileEntry(const std::string& text);
     [[nodiscard]] bool appendDirectoryEntry(const std::string& text);
     // Writes text at offset over the old tail and syncs it; on failure puts the old tail
@@ -120,12 +118,6 @@ private:
     UniqueFd _journalFd;
     bool _started = false;
     bool _deferSync = false;
-    // The backup keep() last made by a second name for the installed file _lastLinkedFrom,
-    // as it looked right after: the journal entry that follows names it, and the entry looks
-    // at the installed file, and both find it here instead of looking again.
-    std::string _lastLinked;
-    std::string _lastLinkedFrom;
-    struct stat _lastLinkedState {};
     // Layout of the file: header, file section, directory section, closing root tag.
     uint64_t _fileSectionStart = 0; // where "<FileSet" begins
     uint64_t _fileEntriesEnd = 0;   // end of the last File entry
