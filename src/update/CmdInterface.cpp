@@ -90,15 +90,23 @@ bool CmdInterface::allowsReplace(const std::string& newFile,
 
 int32_t CmdInterface::performFileUpdationWithInfo(const FileOperationInfo& info) {
     bool prepare = false;
+    // What the entry finds at its destination, when nothing changes it before the entry
+    // starts.
+    std::optional<Destination> found;
     if (_grouping && journaling() && groupable(info)) {
         // An entry on a path the group changes sees the group's changes made first; then it
-        // may start a group of its own, if its folder is still there.
+        // may start a group of its own, if its folder is still there (a file found there
+        // was reached through it).
         if (touchesGroup(info.DestinationPath) && finishGroup() != 0)
             return 1;
-        prepare = FolderExists(ParentPath(info.DestinationPath));
+        found = lookAt(info.DestinationPath);
+        prepare = found->there || FolderExists(ParentPath(info.DestinationPath));
     }
-    if (!prepare && finishGroup() != 0)
-        return 1;
+    if (!prepare) {
+        if (finishGroup() != 0)
+            return 1;
+        found.reset(); // the group's changes may have changed it
+    }
     _preparing = prepare;
     _entry = PreparedEntry{info.Operation, {}, {}, 0};
     if (_rollBackHandler) {
@@ -106,7 +114,7 @@ int32_t CmdInterface::performFileUpdationWithInfo(const FileOperationInfo& info)
         if (prepare) // the group's sync covers the journal's file system too
             _files.noteChangeAt(_rollBackHandler->rollBackFilePath());
     }
-    const int32_t result = performEntry(info);
+    const int32_t result = performEntry(info, found ? *found : lookAt(info.DestinationPath));
     _preparing = false;
     if (_rollBackHandler)
         _rollBackHandler->setDeferredSync(false);
@@ -211,12 +219,19 @@ void CmdInterface::removeTemporaries(const PreparedEntry& entry) const {
         (void)_fs->removeFile(temporary); // gone already where it was placed
 }
 
-int32_t CmdInterface::performEntry(const FileOperationInfo& info) {
+CmdInterface::Destination CmdInterface::lookAt(const std::string& path) {
+    Destination found;
+    found.there = ::lstat(path.c_str(), &found.state) == 0;
+    return found;
+}
+
+int32_t CmdInterface::performEntry(const FileOperationInfo& info, const Destination& found) {
     const std::string& operation = info.Operation;
     const bool touchWanted = EqualsIgnoringCase(info.Touch, "TRUE");
     _undoWritten = false;
-    struct stat installed {};
-    _destinationExisted = ::lstat(info.DestinationPath.c_str(), &installed) == 0;
+    ++_entries;
+    const struct stat& installed = found.state;
+    _destinationExisted = found.there;
     _entryDestination = info.DestinationPath;
     _linkedBackup.reset();
     _files.noteChangeAt(info.DestinationPath);
@@ -303,7 +318,12 @@ int32_t CmdInterface::performEntry(const FileOperationInfo& info) {
     }
     if (!setsAttributes)
         return 0;
-    return change([this, info] { return setAttributeForFile(info) == 0; }) ? 0 : 1;
+    return change([this, info, entry = _entries] {
+        const bool placedHere = _placed && _placed->entry == entry;
+        return setAttributeForFile(info, placedHere ? &_placed->state : nullptr) == 0;
+    })
+               ? 0
+               : 1;
 }
 
 bool CmdInterface::journaling() const {
@@ -347,12 +367,15 @@ CmdInterface::Installed CmdInterface::installCopy(const std::string& source,
                                                   const std::string& expected,
                                                   std::optional<std::string>& checksum) {
     const std::string temporary = FileManager::TemporaryPathFor(destination);
-    _files.removeTemporaryOf(destination);
     UniqueFd writtenAhead =
         _heldFilesAhead ? _heldFilesAhead->take(source, ParentPath(destination)) : UniqueFd();
     // The copy's state as the copy left it (or looked at here when it did not tell).
     struct stat copied {};
-    if (!_files.copyItem(source, temporary, !_preparing, true, std::move(writtenAhead), &copied))
+    // The copy never writes over a name that is there: what an interrupted change left
+    // under the temporary's name goes first, found by the copy's failure.
+    if (!_files.copyItem(source, temporary, !_preparing, true, std::move(writtenAhead), &copied) &&
+        (errno != EEXIST || !_files.removeTemporaryOf(destination) ||
+         !_files.copyItem(source, temporary, !_preparing, true, UniqueFd(), &copied)))
         return Installed::CopyFailed;
     // Known from the copy itself; read again only when the copy could not tell.
     if (copied.st_nlink != 0 || ::stat(temporary.c_str(), &copied) == 0) {
@@ -368,7 +391,8 @@ CmdInterface::Installed CmdInterface::installCopy(const std::string& source,
         (void)_fs->removeFile(temporary);
         return Installed::ChecksumFailed;
     }
-    const bool placed = change([this, temporary, destination, known = *checksum] {
+    const bool placed = change([this, temporary, destination, known = *checksum, entry = _entries] {
+        _placed.reset();
         if (!_files.replaceWith(temporary, destination)) {
             const int error = errno;
             (void)_fs->removeFile(temporary);
@@ -377,8 +401,10 @@ CmdInterface::Installed CmdInterface::installCopy(const std::string& source,
             return false;
         }
         struct stat info {};
-        if (::stat(destination.c_str(), &info) == 0)
-            MD5cksum::rememberChecksumOfFile(destination, info, known);
+        if (::lstat(destination.c_str(), &info) == 0) {
+            MD5cksum::rememberChecksumOfFile(destination, info, known); // a regular file's
+            _placed = Placed{entry, info};
+        }
         return true;
     });
     return placed ? Installed::Done : Installed::Placing;
@@ -788,10 +814,11 @@ int32_t CmdInterface::touchFileOperation(const FileOperationInfo& info) {
 // ---------------------------------------------------------------------------------------
 // Attributes and touch
 
-int32_t CmdInterface::setAttributeForFile(const FileOperationInfo& info) const {
+int32_t CmdInterface::setAttributeForFile(const FileOperationInfo& info,
+                                          const struct stat* placed) const {
     // Each failure is logged there. One the disk refused fails the entry, so that the
     // update is rolled back rather than left with half of its attributes.
-    return _files.setAttributesOfRecord(info) ? 0 : 1;
+    return _files.setAttributesOfRecord(info, placed) ? 0 : 1;
 }
 
 // ---------------------------------------------------------------------------------------

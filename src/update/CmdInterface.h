@@ -106,8 +106,10 @@ public:
     [[nodiscard]] int32_t removeDirectoryOperation(const DirectoryOperationInfo& info);
 
     // Applies the record's Permission, UserID and GroupID to an existing destination.
-    // Always 0: a change that cannot be made is logged.
-    int32_t setAttributeForFile(const FileOperationInfo& info) const;
+    // Always 0: a change that cannot be made is logged. placed: the destination's lstat
+    // when it was taken right after the destination was put there.
+    int32_t setAttributeForFile(const FileOperationInfo& info,
+                                const struct stat* placed = nullptr) const;
 
     const FileManager& fileManager() const { return _files; }
     const std::string& payloadDir() const { return _payloadDir; }
@@ -131,7 +133,13 @@ private:
     // Keeps what is at path under a backup name of its own and journals putting it back,
     // before path is removed for the entry. 0, or 1 when it cannot be kept or journaled.
     [[nodiscard]] int32_t journalRemovalOf(const std::string& path, const FileOperationInfo& info);
-    [[nodiscard]] int32_t performEntry(const FileOperationInfo& info);
+    // What an entry found at its destination as it started (never followed).
+    struct Destination {
+        bool there = false;
+        struct stat state {};
+    };
+    static Destination lookAt(const std::string& path);
+    [[nodiscard]] int32_t performEntry(const FileOperationInfo& info, const Destination& found);
     bool journaling() const;
     // Makes a change now, or, while an entry is being prepared for the group, after the
     // group's sync (then true at once; a failure shows at finishGroup).
@@ -166,6 +174,14 @@ private:
     std::string _entryDestination; // the path _destinationExisted tells of
     // Its state right after its backup was made by a second name (nothing when it was not).
     std::optional<struct stat> _linkedBackup;
+    // The state of the file an entry put in place, looked at right after the rename, for
+    // the same entry's attributes (changes are made in order, an entry's one after another).
+    uint64_t _entries = 0;
+    struct Placed {
+        uint64_t entry = 0;
+        struct stat state {};
+    };
+    std::optional<Placed> _placed;
     // The group: entries prepared and their changes, waiting for one sync.
     struct PreparedEntry {
         std::string operation;

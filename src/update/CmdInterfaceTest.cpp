@@ -1659,6 +1659,39 @@ bool StartsWith(const std::string& text, const std::string& start) {
 
 } // namespace
 
+TEST_F(CmdInterfaceTest, WhatAnInterruptedChangeLeftBesideTheFileGoesAndTheEntryIsMade) {
+    for (const bool grouped : {false, true}) {
+        SCOPED_TRACE(grouped ? "grouped" : "one by one");
+        Env e;
+        const Scenario s = MakeScenario(e);
+        // A partial new file beside the overwritten one, and a link beside the added one
+        // that leads to a file outside, as a crash or someone else may have left them.
+        e.put(e.in("keep/.orvel-new.overwrite.txt"), "partial");
+        e.put(e.root + "/outside.txt", kOther);
+        e.put(e.in("Here/stays.txt"), kOld);
+        e.link(e.in("Here/.orvel-new.added.txt"), e.root + "/outside.txt");
+        FileOperationInfo add = s.files[1];
+        add.DestinationPath = e.in("Here/added.txt");
+        LogCapture log;
+        CmdInterface cmd(e.payload, e.tools, e.backup, e.options());
+        cmd.setGroupedChanges(grouped);
+
+        ASSERT_EQ(cmd.performFileUpdationWithInfo(s.files[0]), 0); // OVERWRITE keep/overwrite.txt
+        ASSERT_EQ(cmd.performFileUpdationWithInfo(add), 0);
+        ASSERT_EQ(cmd.finishGroup(), 0);
+
+        EXPECT_EQ(ReadTextFile(e.in("keep/overwrite.txt")), kNew);
+        EXPECT_EQ(ReadTextFile(e.in("Here/added.txt")), kNew);
+        EXPECT_FALSE(PathExistsNoFollow(e.in("keep/.orvel-new.overwrite.txt")));
+        EXPECT_FALSE(PathExistsNoFollow(e.in("Here/.orvel-new.added.txt")));
+        EXPECT_EQ(ReadTextFile(e.root + "/outside.txt"), kOther);
+        EXPECT_TRUE(log.contains("Removed \"" + e.in("keep/.orvel-new.overwrite.txt") +
+                                 "\", left by an interrupted change."));
+        EXPECT_TRUE(log.contains("Removed \"" + e.in("Here/.orvel-new.added.txt") +
+                                 "\", left by an interrupted change."));
+    }
+}
+
 TEST_F(CmdInterfaceTest, GroupedEntriesWaitForOneSyncThenAreMadeInOrder) {
     Env e;
     const Scenario s = MakeScenario(e);

@@ -236,12 +236,14 @@ bool FileManager::syncChangedFileSystems() const {
     return true;
 }
 
-void FileManager::removeTemporaryOf(const std::string& destination) const {
+bool FileManager::removeTemporaryOf(const std::string& destination) const {
     const std::string temporary = TemporaryPathFor(destination);
     struct stat info {};
-    if (::lstat(temporary.c_str(), &info) == 0 && !S_ISDIR(info.st_mode) &&
-        _fs->removeFile(temporary))
-        NSLevelledLog(3, "Removed \"%@\", left by an interrupted change.", temporary);
+    if (::lstat(temporary.c_str(), &info) != 0 || S_ISDIR(info.st_mode) ||
+        !_fs->removeFile(temporary))
+        return false;
+    NSLevelledLog(3, "Removed \"%@\", left by an interrupted change.", temporary);
+    return true;
 }
 
 bool FileManager::removeItem(const std::string& path) const {
@@ -456,12 +458,17 @@ bool FileManager::setAttributeOf(const std::string& path, const struct stat& cur
     return ok;
 }
 
-bool FileManager::setAttributesOfRecord(const FileOperationInfo& info) const {
+bool FileManager::setAttributesOfRecord(const FileOperationInfo& info,
+                                        const struct stat* placed) const {
     const std::string& path = info.DestinationPath;
     // Nothing there, or a link to nothing: no attributes to set. (One lstat tells both for
     // anything but a link.)
     struct stat current {};
-    if (::lstat(path.c_str(), &current) != 0 || (S_ISLNK(current.st_mode) && !PathExists(path)))
+    if (placed)
+        current = *placed;
+    else if (::lstat(path.c_str(), &current) != 0)
+        return true;
+    if (S_ISLNK(current.st_mode) && !PathExists(path))
         return true;
     const auto oldUser = UserNameOfUid(current.st_uid);
     const auto oldGroup = GroupNameOfGid(current.st_gid);

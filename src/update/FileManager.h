@@ -53,8 +53,9 @@ public:
     // there, names, contents and attributes, is then on disk. False (errno set) at the
     // first that cannot be synced.
     [[nodiscard]] bool syncChangedFileSystems() const;
-    // Removes what an interrupted change may have left at destination's temporary path.
-    void removeTemporaryOf(const std::string& destination) const;
+    // Removes what an interrupted change may have left at destination's temporary path
+    // (never a folder). True when something was removed.
+    bool removeTemporaryOf(const std::string& destination) const;
     // Removes a file, a link (not what it points to) or a folder with all it holds.
     [[nodiscard]] bool removeItem(const std::string& path) const;
     // A folder with this many files or more has them removed by two threads.
@@ -87,8 +88,10 @@ public:
                                     const std::optional<std::string>& groupName) const;
     // Applies a manifest record's Permission (octal digits), UserID and GroupID to its
     // existing destination; fields the record leaves out stay as they are. Each change that
-    // cannot be made is logged; false when the disk refused one.
-    [[nodiscard]] bool setAttributesOfRecord(const FileOperationInfo& info) const;
+    // cannot be made is logged; false when the disk refused one. placed: the destination's
+    // lstat when the caller took it right after putting the destination there.
+    [[nodiscard]] bool setAttributesOfRecord(const FileOperationInfo& info,
+                                             const struct stat* placed = nullptr) const;
     // Sets the modification time of an existing file to now; false for a missing file.
     [[nodiscard]] bool touchFile(const std::string& path) const;
 
