@@ -234,6 +234,21 @@ std::vector<xmlNodePtr> ChildrenAlong(xmlNodePtr node, const std::vector<std::st
     return nodes;
 }
 
+// Counts, up to two, the elements that the steps from step to end select below node, as
+// ChildrenAlong finds them; found is the first.
+void CountAlong(xmlNodePtr node, const std::string_view* step, const std::string_view* end,
+                size_t& count, xmlNodePtr& found) {
+    for (xmlNodePtr child = node->children; child && count < 2; child = child->next) {
+        if (child->type != XML_ELEMENT_NODE || child->ns || !child->name ||
+            *step != reinterpret_cast<const char*>(child->name))
+            continue;
+        if (step + 1 != end)
+            CountAlong(child, step + 1, end, count, found);
+        else if (count++ == 0)
+            found = child;
+    }
+}
+
 std::string TakeXmlChars(xmlChar* chars) {
     if (!chars)
         return {};
@@ -285,6 +300,23 @@ std::vector<XmlNode> XmlNode::select(const std::string& expression, const XPathV
     for (int i = 0; i < set->nodeNr; ++i)
         nodes.emplace_back(_doc, set->nodeTab[i]);
     return nodes;
+}
+
+std::optional<std::string> XmlNode::singleElementText(const std::string& expression) const {
+    if (_doc && _node) {
+        if (const auto steps = PlainChildSteps(expression)) {
+            size_t count = 0;
+            xmlNodePtr found = nullptr;
+            CountAlong(_node, steps->data(), steps->data() + steps->size(), count, found);
+            if (count != 1)
+                return std::nullopt;
+            return TakeXmlChars(xmlNodeGetContent(found));
+        }
+    }
+    const std::vector<XmlNode> nodes = select(expression);
+    if (!IsSingleElement(nodes))
+        return std::nullopt;
+    return nodes.front().stringValue();
 }
 
 std::optional<std::string> XmlNode::evaluateString(const std::string& expression,

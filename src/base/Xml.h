@@ -40,6 +40,10 @@ public:
     // node set gives an empty list. Errors of the engine are appended to errors when given.
     std::vector<XmlNode> select(const std::string& expression, const XPathVariables& variables = {},
                                 std::vector<XmlError>* errors = nullptr) const;
+    // The string value of the one node expression selects, when it selects exactly one and
+    // that is an element; nothing otherwise. (select() and IsSingleElement() in one, without
+    // building the node set for child steps.)
+    std::optional<std::string> singleElementText(const std::string& expression) const;
     // The string value of an XPath expression (string(), count(), a node set's first node).
     std::optional<std::string> evaluateString(const std::string& expression,
                                               const XPathVariables& variables = {},

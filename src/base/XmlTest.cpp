@@ -182,6 +182,31 @@ TEST(XmlTest, PlainChildStepsSelectWhatXPathSelects) {
     EXPECT_TRUE(root.select("./File/x:Operation").empty()) << "no prefix bound here";
 }
 
+TEST(XmlTest, SingleElementTextIsWhatTheOneSelectedElementHolds) {
+    auto parsed = XmlDocument::parseMemory(
+        "<r xmlns:x='urn:x'><File><Operation>ADD</Operation><Checksum><Before>b<!-- c -->1"
+        "</Before></Checksum><Path><Name>one</Name></Path><Path><Name>two</Name></Path>"
+        "<Twice>1</Twice><Twice>2</Twice><x:Operation>namespaced</x:Operation><Empty/>"
+        "</File></r>");
+    const XmlNode file = XmlDocument::root(parsed.document).select("./File").at(0);
+    // As select() and IsSingleElement() answer together, for plain steps and any other
+    // expression.
+    for (const char* expression :
+         {"./Operation", "./Checksum/Before", "./Path/Name", "./Path", "./Twice", "./Missing",
+          "./Checksum/Missing", "./x:Operation", "./Empty", "./Operation/text()", "./@dir",
+          "Operation", "./Path[2]/Name", "string(./Operation)"}) {
+        const auto nodes = file.select(expression);
+        const std::optional<std::string> expected =
+            IsSingleElement(nodes) ? std::optional(nodes.front().stringValue()) : std::nullopt;
+        EXPECT_EQ(file.singleElementText(expression), expected) << expression;
+    }
+    EXPECT_EQ(file.singleElementText("./Checksum/Before"), "b1");
+    EXPECT_EQ(file.singleElementText("./Empty"), "");
+    EXPECT_EQ(file.singleElementText("./Path[2]/Name"), "two");
+    EXPECT_EQ(file.singleElementText("./Path/Name"), std::nullopt) << "two of them";
+    EXPECT_EQ(XmlNode().singleElementText("./Operation"), std::nullopt);
+}
+
 TEST(XmlTest, NodesKeepTheirDocumentAlive) {
     XmlNode kept;
     {

@@ -45,10 +45,7 @@ bool IsSuccessful(const std::string& result) {
 
 // The single element's string value, when the query gives exactly one element.
 std::optional<std::string> SingleValue(const XmlNode& node, const std::string& expression) {
-    auto nodes = node.select(expression);
-    if (!ProcessManifest::isSingleElementType(nodes))
-        return std::nullopt;
-    return nodes.front().stringValue();
+    return node.singleElementText(expression);
 }
 
 // An optional File field: where it is read from, where it goes, how it is logged.
