@@ -54,7 +54,8 @@ void RealFileSystem::confineBelow(std::vector<std::string> folders) {
         _confined.push_back(Base{std::move(folder), nullptr});
 }
 
-std::optional<RealFileSystem::Base> RealFileSystem::confiningFolder(const std::string& path) {
+std::optional<RealFileSystem::Base> RealFileSystem::confiningFolder(const std::string& path,
+                                                                    bool verify) {
     const std::lock_guard<std::mutex> lock(_confinementMutex);
     Base* deepest = nullptr;
     for (Base& base : _confined) {
@@ -70,9 +71,12 @@ std::optional<RealFileSystem::Base> RealFileSystem::confiningFolder(const std::s
     // was removed since (by anyone: a removed folder has no links left), or removed or renamed
     // through this object. (One renamed away by someone else stays the one reached: only who
     // may change the folder's parent can do that, and the paths below it are still reached
-    // without following a link.)
+    // without following a link.) Whether it was removed is asked when verify is set; a
+    // caller that reaches a folder below it asks only when that folder is not found, as
+    // nothing is found in a removed folder.
     struct stat info {};
-    if (deepest->handle && (::fstat(deepest->handle->get(), &info) != 0 || info.st_nlink == 0))
+    if (verify && deepest->handle &&
+        (::fstat(deepest->handle->get(), &info) != 0 || info.st_nlink == 0))
         deepest->handle.reset();
     if (!deepest->handle) {
         auto handle = std::make_shared<const UniqueFd>(
@@ -95,16 +99,13 @@ void RealFileSystem::forgetHandlesAt(const std::string& path) {
 
 RealFileSystem::Place RealFileSystem::place(const std::string& path) {
     Place place;
-    auto base = confiningFolder(path);
+    auto base = confiningFolder(path, false);
     if (!base) {
         place.name = path;
         return place;
     }
     place.confined = true;
     place.at = -1;
-    place.base = std::move(base->handle);
-    if (!place.base->valid())
-        return place;
     const std::string& folder = base->folder;
     std::string relative = path.substr(folder.size() + 1);
     while (!relative.empty() && relative.back() == '/')
@@ -117,11 +118,31 @@ RealFileSystem::Place RealFileSystem::place(const std::string& path) {
         return place;
     }
     if (slash == std::string::npos) {
-        place.at = place.base->get();
+        // The call is made in the confined folder itself: it must be the one there now.
+        base = confiningFolder(path, true);
+        place.base = std::move(base->handle);
+        place.at = place.base->valid() ? place.base->get() : -1;
         return place;
     }
-    place.folder = OpenBeneath(place.base->get(), relative.substr(0, slash),
-                               O_PATH | O_DIRECTORY | O_CLOEXEC, true);
+    place.base = std::move(base->handle);
+    if (!place.base->valid())
+        return place;
+    const std::string below = relative.substr(0, slash);
+    place.folder = OpenBeneath(place.base->get(), below, O_PATH | O_DIRECTORY | O_CLOEXEC, true);
+    if (!place.folder.valid() && errno == ENOENT) {
+        // Not there, or the confined folder was removed since (and maybe made again).
+        struct stat info {};
+        auto again = ::fstat(place.base->get(), &info) == 0 && info.st_nlink == 0
+                         ? confiningFolder(path, true)
+                         : std::nullopt;
+        if (again && again->handle->valid()) {
+            place.base = std::move(again->handle);
+            place.folder =
+                OpenBeneath(place.base->get(), below, O_PATH | O_DIRECTORY | O_CLOEXEC, true);
+        } else if (!again) {
+            errno = ENOENT;
+        }
+    }
     place.at = place.folder.valid() ? place.folder.get() : -1;
     return place;
 }

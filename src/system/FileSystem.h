@@ -157,12 +157,13 @@ private:
         bool confined = false;
     };
     Place place(const std::string& path);
-    // The deepest confined folder that path lies below, and a handle on it.
+    // The deepest confined folder that path lies below, and a handle on it (verify: one on
+    // the folder there now, should it have been removed since the handle was opened).
     struct Base {
         std::string folder;
         std::shared_ptr<const UniqueFd> handle; // opened at first use
     };
-    std::optional<Base> confiningFolder(const std::string& path);
+    std::optional<Base> confiningFolder(const std::string& path, bool verify);
     // Forgets the handles on the confined folders at or below path, which a removal or a
     // rename through this object has just changed.
     void forgetHandlesAt(const std::string& path);

@@ -168,6 +168,18 @@ TEST_F(ConfinedFileSystemTest, AConfinedFolderMadeAgainIsTheOneReached) {
     ASSERT_TRUE(files.removeFolder(app + "/Older Contents"));
     ASSERT_TRUE(files.makeFolder(inner + "/Fourth", 0755));
     EXPECT_TRUE(fs::is_directory(inner + "/Fourth"));
+    // Removed and made again, with a folder in it, by someone else: a call below that
+    // folder reaches the new one too, and one below a folder not there fails as before.
+    fs::remove_all(inner);
+    fs::create_directories(inner + "/Sub");
+    EXPECT_FALSE(files.makeFolder(inner + "/Missing/Deep", 0755));
+    EXPECT_EQ(errno, ENOENT);
+    ASSERT_TRUE(files.makeFolder(inner + "/Sub/Deep", 0755)) << std::strerror(errno);
+    EXPECT_TRUE(fs::is_directory(inner + "/Sub/Deep"));
+    fs::remove_all(inner);
+    fs::create_directories(inner + "/Sub");
+    ASSERT_TRUE(files.makeFolder(inner + "/Sub/Deeper", 0755)) << std::strerror(errno);
+    EXPECT_TRUE(fs::is_directory(inner + "/Sub/Deeper"));
 }
 
 TEST_F(ConfinedFileSystemTest, AnUnnamedFileGetsItsNameOnlyWhenLinked) {

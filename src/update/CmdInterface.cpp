@@ -232,6 +232,7 @@ int32_t CmdInterface::performEntry(const FileOperationInfo& info, const Destinat
     ++_entries;
     const struct stat& installed = found.state;
     _destinationExisted = found.there;
+    _destinationType = found.there ? found.state.st_mode & S_IFMT : 0;
     _entryDestination = info.DestinationPath;
     _linkedBackup.reset();
     _files.noteChangeAt(info.DestinationPath);
@@ -494,9 +495,14 @@ int32_t CmdInterface::removeFileOperation(const FileOperationInfo& info) {
     }
     if (writeUndoForFileSetOperation(info) != 0)
         return 1;
-    return change([this, info, folder] {
+    // What the entry found there and is not a folder goes by its name (a folder put there
+    // since fails the removal); anything else is looked at when it goes.
+    const bool notFolder =
+        destination == _entryDestination && _destinationExisted && !S_ISDIR(_destinationType);
+    return change([this, info, folder, notFolder] {
         NSLevelledLog(3, "Removing File \"%@\".", info.DestinationPath);
-        if (!_files.removeItem(info.DestinationPath)) {
+        if (!(notFolder ? _fs->removeFile(info.DestinationPath)
+                        : _files.removeItem(info.DestinationPath))) {
             NSLevelledLog(3, "File remove operation failed.");
             return false;
         }

@@ -171,6 +171,7 @@ private:
     uint64_t _backupCount = 0;
     bool _undoWritten = false;
     bool _destinationExisted = false;
+    mode_t _destinationType = 0;   // S_IFREG, S_IFLNK, ... of what was there
     std::string _entryDestination; // the path _destinationExisted tells of
     // Its state right after its backup was made by a second name (nothing when it was not).
     std::optional<struct stat> _linkedBackup;
