@@ -2,6 +2,7 @@
 
 #include "base/Md5.h"
 #include "base/Md5Lanes.h"
+#include "base/ThreadPriority.h"
 #include "update/MD5cksum.h"
 
 #include <algorithm>
@@ -51,6 +52,7 @@ void ChecksumPrefetcher::entryStarting(size_t index) {
 }
 
 void ChecksumPrefetcher::run() {
+    (void)RunThisThreadBehind(); // reads ahead of the entries; they wait for it when they must
     // The files go through SIMD lanes several at a time (Md5Lanes): as soon as one is done
     // the next goes in, so the lanes stay full while entries are allowed ahead.
     Md5Lanes lanes;

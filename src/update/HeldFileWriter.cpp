@@ -1,5 +1,7 @@
 #include "update/HeldFileWriter.h"
 
+#include "base/ThreadPriority.h"
+
 #include <algorithm>
 #include <system_error>
 
@@ -85,7 +87,8 @@ UniqueFd HeldFileWriter::take(const std::string& source, const std::string& fold
 }
 
 void HeldFileWriter::run() {
-    size_t next = 0; // the first entry not yet looked at
+    (void)RunThisThreadBehind(); // writes ahead of the entries; they write it when it has not
+    size_t next = 0;             // the first entry not yet looked at
     for (;;) {
         {
             const std::lock_guard lock(_mutex);

@@ -3,6 +3,7 @@
 #include "base/Md5.h"
 #include "base/Md5Lanes.h"
 #include "base/Path.h"
+#include "base/ThreadPriority.h"
 #include "patch/BsdiffFormat.h"
 #include "patch/Bspatch.h"
 #include "system/FileSystem.h"
@@ -212,6 +213,7 @@ std::optional<PatchPrefetcher::NewFile> PatchPrefetcher::take(const std::string&
 }
 
 void PatchPrefetcher::run(size_t self) {
+    (void)RunThisThreadBehind(); // makes patches ahead; an entry waits for its own
     {
         const std::lock_guard lock(_mutex);
         ++_threadsRunning;

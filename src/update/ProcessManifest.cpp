@@ -4,6 +4,7 @@
 #include "base/Path.h"
 #include "base/PropertyList.h"
 #include "base/StringTable.h"
+#include "base/ThreadPriority.h"
 #include "report/KORInstallerResultsWrapper.h"
 #include "report/ProgressWindowController.h"
 #include "report/RunRecorder.h"
@@ -915,6 +916,7 @@ void ProcessManifest::prepareHistoryAhead() {
     // Made from a copy of what the history knows, so the thread holds nothing of the run.
     try {
         _historyAhead = std::async(std::launch::async, [copy = *history, manifest = _manifestFile] {
+            (void)RunThisThreadBehind(); // wanted only when the update commits
             return copy.preparePatcherEntry(manifest);
         });
     } catch (const std::system_error&) {
