@@ -119,7 +119,8 @@ RealFileSystem::Place RealFileSystem::place(const std::string& path) {
     }
     if (slash == std::string::npos) {
         // The call is made in the confined folder itself: it must be the one there now.
-        base = confiningFolder(path, true);
+        if (auto verified = confiningFolder(path, true))
+            base = std::move(verified);
         place.base = std::move(base->handle);
         place.at = place.base->valid() ? place.base->get() : -1;
         return place;
