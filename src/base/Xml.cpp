@@ -216,16 +216,22 @@ std::optional<std::vector<std::string_view>> PlainChildSteps(std::string_view ex
     }
 }
 
-// What XPath selects for such steps from node: the element children so named (without a
-// namespace, as an unprefixed name test wants), step after step, in document order.
+// Whether a plain step selects child: an element so named, without a namespace (as an
+// unprefixed name test wants).
+bool StepSelects(std::string_view step, xmlNodePtr child) {
+    return child->type == XML_ELEMENT_NODE && !child->ns && child->name &&
+           step == reinterpret_cast<const char*>(child->name);
+}
+
+// What XPath selects for such steps from node: the children each step selects, step after
+// step, in document order.
 std::vector<xmlNodePtr> ChildrenAlong(xmlNodePtr node, const std::vector<std::string_view>& steps) {
     std::vector<xmlNodePtr> nodes{node};
     for (const std::string_view step : steps) {
         std::vector<xmlNodePtr> next;
         for (xmlNodePtr parent : nodes) {
             for (xmlNodePtr child = parent->children; child; child = child->next) {
-                if (child->type == XML_ELEMENT_NODE && !child->ns && child->name &&
-                    step == reinterpret_cast<const char*>(child->name))
+                if (StepSelects(step, child))
                     next.push_back(child);
             }
         }
@@ -239,8 +245,7 @@ std::vector<xmlNodePtr> ChildrenAlong(xmlNodePtr node, const std::vector<std::st
 void CountAlong(xmlNodePtr node, const std::string_view* step, const std::string_view* end,
                 size_t& count, xmlNodePtr& found) {
     for (xmlNodePtr child = node->children; child && count < 2; child = child->next) {
-        if (child->type != XML_ELEMENT_NODE || child->ns || !child->name ||
-            *step != reinterpret_cast<const char*>(child->name))
+        if (!StepSelects(*step, child))
             continue;
         if (step + 1 != end)
             CountAlong(child, step + 1, end, count, found);

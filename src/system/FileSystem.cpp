@@ -129,7 +129,10 @@ RealFileSystem::Place RealFileSystem::place(const std::string& path) {
     if (!place.base->valid())
         return place;
     const std::string below = relative.substr(0, slash);
-    place.folder = OpenBeneath(place.base->get(), below, O_PATH | O_DIRECTORY | O_CLOEXEC, true);
+    const auto walk = [&] {
+        return OpenBeneath(place.base->get(), below, O_PATH | O_DIRECTORY | O_CLOEXEC, true);
+    };
+    place.folder = walk();
     if (!place.folder.valid() && errno == ENOENT) {
         // Not there, or the confined folder was removed since (and maybe made again).
         struct stat info {};
@@ -138,8 +141,7 @@ RealFileSystem::Place RealFileSystem::place(const std::string& path) {
                          : std::nullopt;
         if (again && again->handle->valid()) {
             place.base = std::move(again->handle);
-            place.folder =
-                OpenBeneath(place.base->get(), below, O_PATH | O_DIRECTORY | O_CLOEXEC, true);
+            place.folder = walk();
         } else if (!again) {
             errno = ENOENT;
         }

@@ -219,6 +219,19 @@ void CmdInterface::removeTemporaries(const PreparedEntry& entry) const {
         (void)_fs->removeFile(temporary); // gone already where it was placed
 }
 
+const CmdInterface::Destination* CmdInterface::foundAt(const std::string& path) const {
+    return path == _entryDestination ? &_destination : nullptr;
+}
+
+void CmdInterface::notePlaced(const std::string& path, const std::string& checksum,
+                              uint64_t entry) {
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0)
+        return;
+    MD5cksum::rememberChecksumOfFile(path, info, checksum); // a regular file's
+    _placed = Placed{entry, info};
+}
+
 CmdInterface::Destination CmdInterface::lookAt(const std::string& path) {
     Destination found;
     found.there = ::lstat(path.c_str(), &found.state) == 0;
@@ -230,9 +243,7 @@ int32_t CmdInterface::performEntry(const FileOperationInfo& info, const Destinat
     const bool touchWanted = EqualsIgnoringCase(info.Touch, "TRUE");
     _undoWritten = false;
     ++_entries;
-    const struct stat& installed = found.state;
-    _destinationExisted = found.there;
-    _destinationType = found.there ? found.state.st_mode & S_IFMT : 0;
+    _destination = found;
     _entryDestination = info.DestinationPath;
     _linkedBackup.reset();
     _files.noteChangeAt(info.DestinationPath);
@@ -245,7 +256,7 @@ int32_t CmdInterface::performEntry(const FileOperationInfo& info, const Destinat
         _backupName = nextBackupName(info.DestinationPath, info.ObjectName);
         FileOperationInfo kept = info;
         kept.ObjectName = _backupName;
-        if (_rollBackHandler->backupFileOperation(kept, _destinationExisted ? &installed : nullptr,
+        if (_rollBackHandler->backupFileOperation(kept, found.there ? &found.state : nullptr,
                                                   &_linkedBackup) != 0) {
             NSLevelledLog(3, "Failed to perform \"%@\" file Operation", operation);
             return 1;
@@ -311,7 +322,7 @@ int32_t CmdInterface::performEntry(const FileOperationInfo& info, const Destinat
     // change, unless the entry's change has journaled the file already.
     const bool setsAttributes = !IsAbsentField(info.UserID) || !IsAbsentField(info.GroupID) ||
                                 !IsAbsentField(info.Permission);
-    if (setsAttributes && _destinationExisted && !_undoWritten) {
+    if (setsAttributes && found.there && !_undoWritten) {
         FileOperationInfo attributes = info;
         attributes.Operation = "CHANGEPERM";
         if (writeUndoForFileSetOperation(attributes) != 0)
@@ -401,11 +412,7 @@ CmdInterface::Installed CmdInterface::installCopy(const std::string& source,
             NSLevelledLog(3, "File copy operation failed.");
             return false;
         }
-        struct stat info {};
-        if (::lstat(destination.c_str(), &info) == 0) {
-            MD5cksum::rememberChecksumOfFile(destination, info, known); // a regular file's
-            _placed = Placed{entry, info};
-        }
+        notePlaced(destination, known, entry);
         return true;
     });
     return placed ? Installed::Done : Installed::Placing;
@@ -441,8 +448,8 @@ int32_t CmdInterface::installNewFile(const FileOperationInfo& info, bool replaci
     // Folders made for the new file go again when it cannot be put in place.
     FileManager::MadeFolders made;
     // A destination the entry found there has its folder.
-    const bool folderThere =
-        (destination == _entryDestination && _destinationExisted) || PathExists(folder);
+    const Destination* found = foundAt(destination);
+    const bool folderThere = (found && found->there) || PathExists(folder);
     if (!folderThere)
         (void)_files.createDirectoryAtPath(folder, &made); // a failure shows in the copy below
     std::optional<std::string> checksum;
@@ -487,8 +494,8 @@ int32_t CmdInterface::removeFileOperation(const FileOperationInfo& info) {
         return 0;
     }
     // The entry looked at the destination as it started; nothing has changed it since.
-    if (!(destination == _entryDestination ? _destinationExisted
-                                           : PathExistsNoFollow(destination))) {
+    const Destination* found = foundAt(destination);
+    if (!(found ? found->there : PathExistsNoFollow(destination))) {
         NSLevelledLog(3, "File to delete does not exist");
         LogNoNeed(info);
         return 0;
@@ -497,8 +504,7 @@ int32_t CmdInterface::removeFileOperation(const FileOperationInfo& info) {
         return 1;
     // What the entry found there and is not a folder goes by its name (a folder put there
     // since fails the removal); anything else is looked at when it goes.
-    const bool notFolder =
-        destination == _entryDestination && _destinationExisted && !S_ISDIR(_destinationType);
+    const bool notFolder = found && found->there && !S_ISDIR(found->state.st_mode);
     return change([this, info, folder, notFolder] {
         NSLevelledLog(3, "Removing File \"%@\".", info.DestinationPath);
         if (!(notFolder ? _fs->removeFile(info.DestinationPath)
@@ -519,7 +525,7 @@ int32_t CmdInterface::overwriteFileOperation(const FileOperationInfo& info) {
     NSLevelledLog(3, "Overwriting file \"%@\" ", destination);
     // A file backed up by a second name was looked at right after: both names are that file.
     struct stat installed {};
-    const bool linked = _linkedBackup && destination == _entryDestination;
+    const bool linked = _linkedBackup && foundAt(destination);
     if (linked)
         installed = *_linkedBackup;
     if (!linked && ::stat(destination.c_str(), &installed) != 0) {
@@ -683,16 +689,15 @@ int32_t CmdInterface::patchFileOperation(const FileOperationInfo& info) {
         (void)_fs->removeFile(output);
         return 1;
     }
-    return change([this, info, output, known = *patchedChecksum] {
+    return change([this, info, output, known = *patchedChecksum, entry = _entries] {
+        _placed.reset();
         const std::string& fileToPatch = info.DestinationPath;
         if (!_files.replaceWith(output, fileToPatch)) {
             (void)_fs->removeFile(output);
             NSLevelledLog(3, "Fail to copy patched file to \"%@\", fileToPatch.", fileToPatch);
             return false;
         }
-        struct stat placed {};
-        if (::stat(fileToPatch.c_str(), &placed) == 0)
-            MD5cksum::rememberChecksumOfFile(fileToPatch, placed, known);
+        notePlaced(fileToPatch, known, entry);
         LogSuccess(info);
         return true;
     })

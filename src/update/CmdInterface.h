@@ -139,6 +139,11 @@ private:
         struct stat state {};
     };
     static Destination lookAt(const std::string& path);
+    // What the entry being carried out found at path, when path is its destination.
+    const Destination* foundAt(const std::string& path) const;
+    // After a new file was renamed to path: its checksum and its state, for the entry's
+    // attributes, remembered from one lstat.
+    void notePlaced(const std::string& path, const std::string& checksum, uint64_t entry);
     [[nodiscard]] int32_t performEntry(const FileOperationInfo& info, const Destination& found);
     bool journaling() const;
     // Makes a change now, or, while an entry is being prepared for the group, after the
@@ -170,9 +175,8 @@ private:
     std::string _backupName;
     uint64_t _backupCount = 0;
     bool _undoWritten = false;
-    bool _destinationExisted = false;
-    mode_t _destinationType = 0;   // S_IFREG, S_IFLNK, ... of what was there
-    std::string _entryDestination; // the path _destinationExisted tells of
+    Destination _destination;
+    std::string _entryDestination; // the path _destination tells of
     // Its state right after its backup was made by a second name (nothing when it was not).
     std::optional<struct stat> _linkedBackup;
     // The state of the file an entry put in place, looked at right after the rename, for
